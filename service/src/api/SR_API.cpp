@@ -71,6 +71,10 @@ int SR_Systemctl(const char* args, unsigned int length, int descriptor, int* res
     return sentrel::SR_Agent("sr_systemctl", args, length, descriptor, result);
 }
 
-const char* SR_ConfigInfo(void) { return "v1.0 5d1e0c2a7b94f3e8a06c1b7d29e4f5a3"; }
+const char* SR_ConfigInfo(void) {
+    return "v1.0 5d1e0c2a7b94f3e8a06c1b7d29e4f5a3";
+}
 
-const char* SR_ErrorToString(int code) { return sentrel::SR_Error::ToString(code); }
+const char* SR_ErrorToString(int code) {
+    return sentrel::SR_Error::ToString(code);
+}

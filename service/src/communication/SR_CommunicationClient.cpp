@@ -59,16 +59,20 @@ int Communication::SendMessage(const std::string& service, const Message& reques
         response.SetRv(returnValue);
         return status == 0 ? SR_COMM_OK : status;
     } catch (const SR_DBusException& exception) {
-        SR_LOG(ERR, " service: " << service.c_str() << " has dbus error: " << exception.what() << " (" << exception.name() << ")" << " for agent: " << request.GetAgent());
+        SR_LOG(ERR, " service: " << service.c_str() << " has dbus error: " << exception.what()
+                                 << " (" << exception.name() << ")"
+                                 << " for agent: " << request.GetAgent());
         return std::string(exception.name()) == kServiceUnknown ? SR_COMM_NO_SERVICE
                                                                 : SR_COMM_FAILED;
     } catch (const std::exception& exception) {
         // Deliberate spelling, here and below (pinned by ExchangeTest, "AStandardExceptionIs6" and
         // "AnUnknownExceptionIs6").
-        SR_LOG(ERR, "sarvice: " << service.c_str() << " has exception error: " << exception.what() << " for agent: " << request.GetAgent());
+        SR_LOG(ERR, "sarvice: " << service.c_str() << " has exception error: " << exception.what()
+                                << " for agent: " << request.GetAgent());
         return SR_COMM_FAILED;
     } catch (...) {
-        SR_LOG(ERR, "sarvice: " << service.c_str() << " has unknown exception error" << " for agent: " << request.GetAgent());
+        SR_LOG(ERR, "sarvice: " << service.c_str() << " has unknown exception error"
+                                << " for agent: " << request.GetAgent());
         return SR_COMM_FAILED;
     }
 }

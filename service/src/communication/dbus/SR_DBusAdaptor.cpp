@@ -115,7 +115,8 @@ SR_DBusMessage SR_DBusAdaptor::Answer(const SR_DBusCallMessage& call) {
     }
     const char* interfaceName = call.GetInterface();
     const std::string member(call.GetMember());
-    const bool introspectable = interfaceName == nullptr || std::string(interfaceName) == kIntrospectable;
+    const bool introspectable =
+        interfaceName == nullptr || std::string(interfaceName) == kIntrospectable;
     if (introspectable && member == kIntrospect) {
         SR_DBusReturnMessage reply(call);
         (void)reply.GetWriter().AppendString(Introspection());

@@ -33,7 +33,9 @@ SR_DBusDispatcher::SR_DBusDispatcher() : running(false) {
     SR_LOG(DBG, "create new dispatcher addr: " << this);
 }
 
-SR_DBusDispatcher::~SR_DBusDispatcher() { SR_LOG(DBG, "destroy dispatcher addr: " << this); }
+SR_DBusDispatcher::~SR_DBusDispatcher() {
+    SR_LOG(DBG, "destroy dispatcher addr: " << this);
+}
 
 void SR_DBusDispatcher::AddToQueue(SR_DBusConnection::Impl* connection) {
     SR_DBusLock lock(queueMutex);
@@ -70,7 +72,9 @@ void SR_DBusDispatcher::Enter() {
     } while (running);
 }
 
-void SR_DBusDispatcher::Leave() { running = false; }
+void SR_DBusDispatcher::Leave() {
+    running = false;
+}
 
 void SR_DBusDispatcher::DispatchPending() {
     for (;;) {

@@ -17,8 +17,12 @@ SR_DBusException::SR_DBusException(const SR_DBusError& source)
 
 SR_DBusException::~SR_DBusException() noexcept {}
 
-const char* SR_DBusException::what() const noexcept { return error->Get()->message; }
+const char* SR_DBusException::what() const noexcept {
+    return error->Get()->message;
+}
 
-const char* SR_DBusException::name() const { return error->Get()->name; }
+const char* SR_DBusException::name() const {
+    return error->Get()->name;
+}
 
 }  // namespace sentrel

@@ -39,7 +39,8 @@ public:
     // The texts are not copied: pass literals.
     SR_DBusException(const char* name, const char* message);
     // Takes the content over and leaves `source` empty, although it is given as const: deliberate,
-    // so that no text is copied (pinned by DBusErrorTest, "AnExceptionEmptiesTheErrorItIsMadeFrom").
+    // so that no text is copied (pinned by DBusErrorTest,
+    // "AnExceptionEmptiesTheErrorItIsMadeFrom").
     explicit SR_DBusException(const SR_DBusError& source);
     ~SR_DBusException() noexcept override;
 

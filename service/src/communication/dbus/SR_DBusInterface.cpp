@@ -20,7 +20,9 @@ SR_DBusIAdaptor::SR_DBusIAdaptor(const std::string& name) : SR_DBusI(name) {
 
 SR_DBusIAdaptor::~SR_DBusIAdaptor() {}
 
-const char* SR_DBusIAdaptor::Introspect() const { return nullptr; }
+const char* SR_DBusIAdaptor::Introspect() const {
+    return nullptr;
+}
 
 SR_DBusMessage SR_DBusIAdaptor::Dispatch(const SR_DBusCallMessage& call) {
     // Deliberately without a test for a missing member (pinned by InterfaceTest,

@@ -38,7 +38,9 @@ SR_DBusMessage::SR_DBusMessage(const SR_DBusMessage& other) : impl(other.impl) {
     dbus_message_ref(impl->handle);
 }
 
-SR_DBusMessage::~SR_DBusMessage() { dbus_message_unref(impl->handle); }
+SR_DBusMessage::~SR_DBusMessage() {
+    dbus_message_unref(impl->handle);
+}
 
 SR_DBusMessageIter SR_DBusMessage::GetReader() const {
     SR_DBusMessageIter reader(const_cast<SR_DBusMessage&>(*this));
@@ -65,9 +67,13 @@ const char* SR_DBusMessage::GetDestination() const {
     return dbus_message_get_destination(impl->handle);
 }
 
-const char* SR_DBusMessage::GetSender() const { return dbus_message_get_sender(impl->handle); }
+const char* SR_DBusMessage::GetSender() const {
+    return dbus_message_get_sender(impl->handle);
+}
 
-int SR_DBusMessage::GetType() const { return dbus_message_get_type(impl->handle); }
+int SR_DBusMessage::GetType() const {
+    return dbus_message_get_type(impl->handle);
+}
 
 SR_DBusCallMessage::SR_DBusCallMessage() {
     impl->handle = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL);
@@ -88,9 +94,13 @@ bool SR_DBusCallMessage::SetInterface(const std::string& interfaceName) {
     return dbus_message_set_interface(impl->handle, interfaceName.c_str()) != 0;
 }
 
-const char* SR_DBusCallMessage::GetPath() const { return dbus_message_get_path(impl->handle); }
+const char* SR_DBusCallMessage::GetPath() const {
+    return dbus_message_get_path(impl->handle);
+}
 
-const char* SR_DBusCallMessage::GetMember() const { return dbus_message_get_member(impl->handle); }
+const char* SR_DBusCallMessage::GetMember() const {
+    return dbus_message_get_member(impl->handle);
+}
 
 const char* SR_DBusCallMessage::GetInterface() const {
     return dbus_message_get_interface(impl->handle);
@@ -118,7 +128,9 @@ bool SR_DBusMessageIter::AppendInt32(int value) {
     return dbus_message_iter_append_basic(&iterator, DBUS_TYPE_INT32, &number) != 0;
 }
 
-int SR_DBusMessageIter::GetArgType() { return dbus_message_iter_get_arg_type(&iterator); }
+int SR_DBusMessageIter::GetArgType() {
+    return dbus_message_iter_get_arg_type(&iterator);
+}
 
 const char* SR_DBusMessageIter::GetString() {
     ExpectType(*this, DBUS_TYPE_STRING);

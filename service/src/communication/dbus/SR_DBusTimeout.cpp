@@ -14,7 +14,9 @@ SR_DBusTimeout::SR_DBusTimeout(Internal* served, SR_DBusDispatcher* dispatcher)
 
 SR_DBusTimeout::~SR_DBusTimeout() {}
 
-bool SR_DBusTimeout::Handle() { return dbus_timeout_handle(timeout) != 0; }
+bool SR_DBusTimeout::Handle() {
+    return dbus_timeout_handle(timeout) != 0;
+}
 
 void SR_DBusTimeout::Toggle() {
     enabled = dbus_timeout_get_enabled(timeout) != 0;

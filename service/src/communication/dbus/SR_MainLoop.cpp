@@ -19,6 +19,9 @@
 #include <alloca.h>
 #include <poll.h>
 
+#include <algorithm>
+#include <cstddef>
+
 #include "SR_MainLoopImpl.h"
 
 namespace sentrel {
@@ -49,30 +52,36 @@ SR_DBusMutex::SR_DBusMutex(bool recursive) : mutex() {
     pthread_mutexattr_destroy(&attributes);
 }
 
-SR_DBusMutex::~SR_DBusMutex() { pthread_mutex_destroy(&mutex); }
+SR_DBusMutex::~SR_DBusMutex() {
+    pthread_mutex_destroy(&mutex);
+}
 
-void SR_DBusMutex::Lock() { pthread_mutex_lock(&mutex); }
+void SR_DBusMutex::Lock() {
+    pthread_mutex_lock(&mutex);
+}
 
-void SR_DBusMutex::Unlock() { pthread_mutex_unlock(&mutex); }
+void SR_DBusMutex::Unlock() {
+    pthread_mutex_unlock(&mutex);
+}
 
-// A walk over the entries that are registered at its construction, in registration order, as often
-// as wanted. All its operations need the registry's lock but construction and destruction, which
-// take it themselves.
+// A walk over the entries that are registered when it is constructed, in registration order, as
+// often as wanted. Everything here needs the registry's lock; the destructor takes it itself.
 template <typename Event>
 class SR_MainLoop::Walk {
 public:
     Walk(std::list<Event*>& registry, SR_DBusMutex& registryMutex, Walk*& registryWalks)
-        : list(registry), mutex(registryMutex), walks(registryWalks), current(nullptr) {
-        SR_DBusLock lock(mutex);
-        empty = list.empty();
-        exhausted = empty;
-        next = list.begin();
-        last = list.end();
+        : list(registry),
+          mutex(registryMutex),
+          walks(registryWalks),
+          outer(registryWalks),
+          current(nullptr),
+          last(registry.end()),
+          empty(registry.empty()) {
         if (!empty) {
             --last;
         }
-        outer = walks;
         walks = this;
+        Restart();
     }
 
     ~Walk() {
@@ -94,6 +103,9 @@ public:
     }
 
     // The next entry, or null behind the last.
+    Event* Peek() const { return exhausted ? nullptr : *next; }
+
+    // The same, and moves on.
     Event* Next() {
         if (exhausted) {
             return nullptr;
@@ -109,6 +121,22 @@ public:
 
     // Whether the entry that Next() gave last has been removed since.
     bool CurrentLeft() const { return current == nullptr; }
+
+    // The first of the entries that are left for which `matches` holds, wherever the walk stands.
+    template <typename Predicate>
+    Event* First(const Predicate& matches) const {
+        if (empty) {
+            return nullptr;
+        }
+        for (typename std::list<Event*>::iterator entry = list.begin();; ++entry) {
+            if (matches(**entry)) {
+                return *entry;
+            }
+            if (entry == last) {
+                return nullptr;
+            }
+        }
+    }
 
     // Takes every entry of `event` out of the registry and out of the reach of all walks.
     static void Remove(std::list<Event*>& list, Walk* walks, const Event* event) {
@@ -153,112 +181,153 @@ private:
     std::list<Event*>& list;
     SR_DBusMutex& mutex;
     Walk*& walks;
+    Walk* outer;
     Event* current;
     typename std::list<Event*>::iterator next;  // means something while not exhausted
     typename std::list<Event*>::iterator last;  // means something while not empty
     bool empty;                                 // none of the entries is left
     bool exhausted;                             // the last one has been passed
-    Walk* outer;
+};
+
+// A set of descriptors in a few words of borrowed memory. It may take one that was never added for
+// a member, never the other way round.
+class SR_MainLoop::DescriptorFilter {
+public:
+    // How many words do well for `count` descriptors; a power of two.
+    static std::size_t WordsFor(std::size_t count) {
+        std::size_t words = 1;
+        while (words * 16 < count) {
+            words *= 2;
+        }
+        return words;
+    }
+
+    DescriptorFilter(unsigned long long* memory, std::size_t words)
+        : bits(memory), mask(words * 64 - 1) {
+        std::fill(bits, bits + words, 0ULL);
+    }
+
+    void Add(int descriptor) { bits[Index(descriptor) / 64] |= 1ULL << (Index(descriptor) % 64); }
+
+    bool MayHold(int descriptor) const {
+        return (bits[Index(descriptor) / 64] >> (Index(descriptor) % 64) & 1ULL) != 0;
+    }
+
+private:
+    std::size_t Index(int descriptor) const { return static_cast<unsigned>(descriptor) & mask; }
+
+    unsigned long long* bits;
+    std::size_t mask;
 };
 
 SR_MainLoop::SR_MainLoop()
     : timeoutsMutex(true), watchesMutex(true), timeoutWalks(nullptr), watchWalks(nullptr) {}
 
 SR_MainLoop::~SR_MainLoop() {
-    // Each delete runs outside the scope of the lock; the event takes it to leave the registry.
-    {
-        Walk<SR_WatchEvent> walk(watches, watchesMutex, watchWalks);
-        for (;;) {
-            watchesMutex.Lock();
-            SR_WatchEvent* watch = walk.Next();
-            watchesMutex.Unlock();
-            if (watch == nullptr) {
-                break;
-            }
-            delete watch;
-        }
-    }
-    Walk<SR_TimeoutEvent> walk(timeouts, timeoutsMutex, timeoutWalks);
-    for (;;) {
-        timeoutsMutex.Lock();
-        SR_TimeoutEvent* timeout = walk.Next();
-        timeoutsMutex.Unlock();
-        if (timeout == nullptr) {
-            break;
-        }
-        delete timeout;
+    DeleteAll(watches, watchesMutex, watchWalks);
+    DeleteAll(timeouts, timeoutsMutex, timeoutWalks);
+}
+
+// The lock is not held during a delete; the event takes it to leave the registry.
+template <typename Event>
+void SR_MainLoop::DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex, Walk<Event>*& walks) {
+    SR_DBusLock lock(mutex);
+    Walk<Event> walk(registry, mutex, walks);
+    while (Event* event = walk.Next()) {
+        lock.Unlock();
+        delete event;
+        lock.Lock();
     }
 }
 
 void SR_MainLoop::Dispatch() {
-    // Which watches take part is settled here; the walk remembers the last of them.
+    // Which watches take part is settled here; the walk remembers the last of them. `entries` has
+    // all of them, `slots` the enabled ones, both in registration order.
+    SR_DBusLock lock(watchesMutex);
     Walk<SR_WatchEvent> walk(watches, watchesMutex, watchWalks);
-    pollfd* slots = nullptr;
+    const std::size_t registered = watches.size();
+    pollfd* slots = static_cast<pollfd*>(alloca(registered * sizeof(pollfd)));
+    Entry* entries = static_cast<Entry*>(alloca(registered * sizeof(Entry)));
+    const std::size_t words = DescriptorFilter::WordsFor(registered);
+    DescriptorFilter passed(
+        static_cast<unsigned long long*>(alloca(words * sizeof(unsigned long long))), words);
     nfds_t count = 0;
-    {
-        SR_DBusLock lock(watchesMutex);
-        slots = static_cast<pollfd*>(alloca(watches.size() * sizeof(pollfd)));
-        while (const SR_WatchEvent* watch = walk.Next()) {
-            if (!watch->Enabled()) {
-                continue;
-            }
+    for (std::size_t i = 0; i < registered; ++i) {
+        SR_WatchEvent* watch = walk.Next();
+        entries[i] = Entry{watch, watch->Enabled()};
+        if (watch->Enabled()) {
             slots[count].fd = watch->GetDescriptor();
             slots[count].events = static_cast<short>(watch->GetFlags());
             slots[count].revents = 0;
             ++count;
         }
     }
-
-    int wait = kLongestWait;
-    {
-        SR_DBusLock lock(timeoutsMutex);
-        for (const SR_TimeoutEvent* timeout : timeouts) {
-            if (timeout->Enabled() && timeout->GetInterval() < wait) {
-                wait = timeout->GetInterval();
-            }
-        }
-    }
+    lock.Unlock();
 
     // Deliberate: the result is not looked at. After a failure every result is 0 and nothing fires
     // (pinned by MainLoopTest, "AnInterruptedWaitIsAnOrdinaryReturn").
-    (void)poll(slots, count, wait);
+    (void)poll(slots, count, Wait());
 
-    const double now = Now();
-    FireTimeouts(now);
+    FireTimeouts(Now());
 
-    SR_DBusLock lock(watchesMutex);
-    for (nfds_t i = 0; i < count; ++i) {
-        walk.Restart();
-        while (slots[i].revents != 0) {
-            SR_WatchEvent* watch = walk.Next();
-            if (watch == nullptr) {
-                break;
-            }
-            if (!watch->enabled || watch->descriptor != slots[i].fd) {
-                continue;
-            }
-            watch->state = slots[i].revents;
-            watch->callback->call(*watch);
-            // Only the first enabled watch on a descriptor gets the result.
-            slots[i].revents = 0;
+    // For each result, the first enabled watch on its descriptor. Slots, entries and the registry
+    // are in one order, so walking them in step finds the slot's own watch at once, and that is the
+    // first one unless the descriptor has been passed before or the watch is gone or disabled; only
+    // then the registry is searched.
+    lock.Lock();
+    walk.Restart();
+    nfds_t slot = 0;
+    for (std::size_t i = 0; slot < count; ++i) {
+        SR_WatchEvent* own = walk.Peek() == entries[i].watch ? walk.Next() : nullptr;
+        const int descriptor = entries[i].polled ? slots[slot].fd : -1;
+        const short result = entries[i].polled ? slots[slot++].revents : short(0);
+        const bool isFirst = own != nullptr && own->enabled && own->descriptor == descriptor &&
+                             !passed.MayHold(descriptor);
+        if (own != nullptr) {
+            passed.Add(own->descriptor);
+        }
+        if (result != 0) {
+            Fire(isFirst ? own : FirstEnabled(walk, descriptor), result);
         }
     }
 }
 
-void SR_MainLoop::FireTimeouts(double now) {
-    Walk<SR_TimeoutEvent> walk(timeouts, timeoutsMutex, timeoutWalks);
+// The smallest interval of an enabled timer, capped.
+int SR_MainLoop::Wait() {
+    int wait = kLongestWait;
     SR_DBusLock lock(timeoutsMutex);
+    for (const SR_TimeoutEvent* timeout : timeouts) {
+        if (timeout->Enabled() && timeout->GetInterval() < wait) {
+            wait = timeout->GetInterval();
+        }
+    }
+    return wait;
+}
+
+SR_WatchEvent* SR_MainLoop::FirstEnabled(const Walk<SR_WatchEvent>& walk, int descriptor) {
+    return walk.First([descriptor](const SR_WatchEvent& watch) {
+        return watch.enabled && watch.descriptor == descriptor;
+    });
+}
+
+void SR_MainLoop::Fire(SR_WatchEvent* watch, int result) {
+    if (watch != nullptr) {
+        watch->state = result;
+        watch->callback->call(*watch);
+    }
+}
+
+void SR_MainLoop::FireTimeouts(double now) {
+    SR_DBusLock lock(timeoutsMutex);
+    Walk<SR_TimeoutEvent> walk(timeouts, timeoutsMutex, timeoutWalks);
     while (SR_TimeoutEvent* timeout = walk.Next()) {
         if (!timeout->enabled || timeout->expiry > now) {
             continue;
         }
         timeout->callback->call(*timeout);
-        // The handler may have destroyed its timer.
-        if (walk.CurrentLeft()) {
-            continue;
-        }
-        // From this iteration's clock, not from the old expiry: missed periods are not made up for.
-        if (timeout->repeat) {
+        // The handler may have destroyed its timer. The next expiry counts from this iteration's
+        // clock, not from the old expiry: missed periods are not made up for.
+        if (!walk.CurrentLeft() && timeout->repeat) {
             timeout->expiry = now + timeout->interval;
         }
     }

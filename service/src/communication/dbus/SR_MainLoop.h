@@ -67,9 +67,21 @@ private:
     friend class SR_TimeoutEvent;
     friend class SR_WatchEvent;
     template <typename Event>
-    class Walk;
+    class SR_HIDDEN Walk;
+    class SR_HIDDEN DescriptorFilter;
+    // A watch that takes part in an iteration; it may be gone by the time it is looked at again.
+    struct Entry {
+        SR_WatchEvent* watch;
+        bool polled;
+    };
 
+    template <typename Event>
+    SR_HIDDEN static void DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex,
+                                    Walk<Event>*& walks);
+    SR_HIDDEN int Wait();
     SR_HIDDEN void FireTimeouts(double now);
+    SR_HIDDEN static SR_WatchEvent* FirstEnabled(const Walk<SR_WatchEvent>& walk, int descriptor);
+    SR_HIDDEN static void Fire(SR_WatchEvent* watch, int result);
 
     SR_DBusMutex timeoutsMutex;
     std::list<SR_TimeoutEvent*> timeouts SR_GUARDED_BY(timeoutsMutex);
