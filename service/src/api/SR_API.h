@@ -12,16 +12,21 @@
  *     here; keep it open until the call returns. 0 or less: no output.
  *  3. The status is returned: SR_OK, SR_COMM_NO_SERVICE (nobody owns the agent's name),
  *     SR_COMM_FAILED (any other failure on the way), or any other value that the agent answered.
+ *     SR_COMM_FAILED does not mean that nothing was done: the answer may be what was lost. An
+ * answer that cannot be read as numbers counts as 0, and an agent's 3 as SR_OK.
  *  4. `*result` receives the agent's own return value, such as the tool's exit code, only when
  *     SR_OK is returned; otherwise it is left alone. `result` may be null.
- *  5. A call blocks until the agent has answered, at most libdbus's reply timeout of 25 s, with the
- *     connection to the bus before it and two questions to the bus around it.
+ *  5. A call blocks until the agent has answered. Connecting, the call and a question to the bus
+ *     before and after it each wait at most libdbus's reply timeout of 25 s.
  *  6. Each call opens a private connection to the system bus and closes it. Nothing is kept between
  *     calls, and there is nothing to initialise. The bus's address may be set in the environment
  *     variable DBUS_SYSTEM_BUS_ADDRESS, which libdbus reads once in a process.
- *  7. Any thread may call at any time, and a forked child may too. The library starts no thread.
- *  8. In C++, a failed allocation in the call's own preparation leaves it as std::bad_alloc; in C
- *     that ends the process. Nothing else is thrown.
+ *  7. Any thread may call at any time. A forked child may call if no other thread was in a call
+ *     when it was forked. Do not cancel a thread during a call. The library starts no thread.
+ *  8. In C++, a failed allocation can leave a call as std::bad_alloc, before or after the operation
+ *     was carried out, and a `length` beyond what a string can hold as std::length_error; in C
+ *     either ends the process, as a failed allocation while the connection is closed does in both.
+ *     Nothing else is thrown.
  *  9. Diagnostics go to the platform log under the tag "SENTREL".
  * 10. Texts returned are static: never freed, never changed.
  */

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SR_CommunicationClient.h"
 
+#include <locale>
 #include <sstream>
 
 #include "SR_DBusConnection.h"
@@ -53,6 +54,7 @@ int Communication::SendMessage(const std::string& service, const Message& reques
         // A number that cannot be read stays 0; one that overflows is the nearest int, and then
         // nothing more is read.
         std::stringstream reader(serial);
+        reader.imbue(std::locale::classic());  // not the program's: the wire knows no grouping
         int status = 0;
         int returnValue = 0;
         reader >> status >> returnValue;

@@ -13,7 +13,7 @@ namespace sentrel {
 class SR_EXPORT SR_Log {
 public:
     // One below the platform log's own priorities.
-    enum EDebugLevel {
+    enum EDebugLevel : int {
         UNK = 0,
         VERBOSE = 1,
         DBG = 2,

@@ -16,7 +16,7 @@ enum SR_Status {
     SR_COMM_OK = 3,             /* inside the library only: the exchange succeeded */
     SR_COMM_SERVICE_EXISTS = 4, /* not used at present */
     SR_COMM_NO_SERVICE = 5,     /* nobody owns the agent's name on the bus */
-    SR_COMM_FAILED = 6,         /* any other failure of the exchange, or a null argument */
+    SR_COMM_FAILED = 6,         /* any other failure of the exchange; may have been carried out */
     SR_RULE_NO_FOUND = 7,       /* agent: no rule allows this, or one forbids it */
     SR_WAITPID_FAILED = 8,      /* agent: the tool's end could not be learned, or it was late */
     SR_FORK_FAILED = 9,         /* agent: the tool could not be started */

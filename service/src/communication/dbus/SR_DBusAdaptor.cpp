@@ -47,12 +47,12 @@ public:
         if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL) {
             return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
         }
-        SR_DBusAdaptor* adaptor = static_cast<SR_DBusAdaptor*>(data);
+        SR_DBusAdaptor& object = *static_cast<SR_DBusAdaptor*>(data);
         try {
             const SR_DBusCallMessage call(new SR_DBusMessage::Impl(message), true /* addRef */);
-            const SR_DBusMessage reply = adaptor->AnswerSafely(call);
+            const SR_DBusMessage reply = AnswerSafely(object, call);
             if (SR_DBusMessage::Impl::Of(reply) != message) {
-                (void)adaptor->Reply(call, reply);
+                (void)object.Reply(call, reply);
             }
         } catch (...) {
             // Out of memory while making the reply. The call is not handed back for another try:
@@ -60,31 +60,98 @@ public:
         }
         return DBUS_HANDLER_RESULT_HANDLED;
     }
+
+private:
+    // A handler's exception becomes an error reply.
+    static SR_DBusMessage AnswerSafely(SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
+        try {
+            return Answer(object, call);
+        } catch (const SR_DBusException& exception) {
+            return ErrorReply(call, exception.name(), exception.what());
+        } catch (const std::exception& exception) {
+            return ErrorReply(call, kFailed, exception.what());
+        } catch (...) {
+            return ErrorReply(call, kFailed, nullptr);
+        }
+    }
+
+    static SR_DBusMessage Answer(SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
+        // A call that is kept for later would keep them open, until the process has no more.
+        if (dbus_message_contains_unix_fds(SR_DBusMessage::Impl::Of(call)) != 0) {
+            return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.InvalidArgs",
+                                       "descriptors are not accepted");
+        }
+        SR_DBusIAdaptor* adaptor = Find(object, call);
+        if (adaptor != nullptr) {
+            return adaptor->Dispatch(call);
+        }
+        const char* interfaceName = call.GetInterface();
+        const std::string member(call.GetMember());
+        if (interfaceName != nullptr && std::string(interfaceName) != kIntrospectable) {
+            return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownInterface",
+                                       interfaceName);
+        }
+        if (member != kIntrospect) {
+            return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownMethod", member);
+        }
+        SR_DBusReturnMessage reply(call);
+        (void)reply.GetWriter().AppendString(Introspection(object));
+        return reply;
+    }
+
+    // By the call's interface; a call without one goes to the first in the table that has the
+    // member.
+    static SR_DBusIAdaptor* Find(const SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
+        const char* interfaceName = call.GetInterface();
+        if (interfaceName != nullptr) {
+            const auto entry = object.interfaces.find(interfaceName);
+            return entry != object.interfaces.end() ? entry->second : nullptr;
+        }
+        for (const auto& entry : object.interfaces) {
+            if (entry.second->methods.count(call.GetMember()) != 0) {
+                return entry.second;
+            }
+        }
+        return nullptr;
+    }
+
+    static std::string Introspection(const SR_DBusAdaptor& object) {
+        std::string text(kIntrospectionHead);
+        for (const auto& entry : object.interfaces) {
+            const char* part = entry.second->Introspect();
+            if (part != nullptr) {
+                text += part;
+            }
+        }
+        text += "</node>\n";
+        return text;
+    }
 };
 
 SR_DBusReturnMessage::SR_DBusReturnMessage(const SR_DBusMessage& replyTo) {
     impl->handle = dbus_message_new_method_return(SR_DBusMessage::Impl::Of(replyTo));
 }
 
-SR_DBusAdaptor::SR_DBusAdaptor(SR_DBusConnection& handle, const std::string& objectPath)
-    : connection(handle), path(objectPath) {
+SR_DBusAdaptor::SR_DBusAdaptor(SR_DBusConnection& connection, const std::string& path)
+    : servedConnection(connection), servedPath(path) {
     DBusObjectPathVTable functions = {};
     functions.message_function = Impl::MessageReceived;
     SR_DBusError error;
-    (void)dbus_connection_try_register_object_path(SR_DBusConnection::Impl::Of(connection),
-                                                   path.c_str(), &functions, this, error.Get());
+    (void)dbus_connection_try_register_object_path(SR_DBusConnection::Impl::Of(servedConnection),
+                                                   servedPath.c_str(), &functions, this,
+                                                   error.Get());
     if (error.IsSet()) {
         throw SR_DBusException(error);
     }
 }
 
 SR_DBusAdaptor::~SR_DBusAdaptor() {
-    (void)dbus_connection_unregister_object_path(SR_DBusConnection::Impl::Of(connection),
-                                                 path.c_str());
+    (void)dbus_connection_unregister_object_path(SR_DBusConnection::Impl::Of(servedConnection),
+                                                 servedPath.c_str());
 }
 
 bool SR_DBusAdaptor::Reply(const SR_DBusMessage& call, const SR_DBusMessage& reply) {
-    return !WantsReply(call) || connection.Send(reply, nullptr);
+    return !WantsReply(call) || servedConnection.Send(reply, nullptr);
 }
 
 bool SR_DBusAdaptor::WantsReply(const SR_DBusMessage& call) {
@@ -92,67 +159,7 @@ bool SR_DBusAdaptor::WantsReply(const SR_DBusMessage& call) {
 }
 
 bool SR_DBusAdaptor::Connected() const {
-    return dbus_connection_get_is_connected(SR_DBusConnection::Impl::Of(connection)) != 0;
-}
-
-// A handler's exception becomes an error reply.
-SR_DBusMessage SR_DBusAdaptor::AnswerSafely(const SR_DBusCallMessage& call) {
-    try {
-        return Answer(call);
-    } catch (const SR_DBusException& exception) {
-        return ErrorReply(call, exception.name(), exception.what());
-    } catch (const std::exception& exception) {
-        return ErrorReply(call, kFailed, exception.what());
-    } catch (...) {
-        return ErrorReply(call, kFailed, nullptr);
-    }
-}
-
-SR_DBusMessage SR_DBusAdaptor::Answer(const SR_DBusCallMessage& call) {
-    SR_DBusIAdaptor* adaptor = Find(call);
-    if (adaptor != nullptr) {
-        return adaptor->Dispatch(call);
-    }
-    const char* interfaceName = call.GetInterface();
-    const std::string member(call.GetMember());
-    const bool introspectable =
-        interfaceName == nullptr || std::string(interfaceName) == kIntrospectable;
-    if (introspectable && member == kIntrospect) {
-        SR_DBusReturnMessage reply(call);
-        (void)reply.GetWriter().AppendString(Introspection());
-        return reply;
-    }
-    if (introspectable) {
-        return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownMethod", member);
-    }
-    return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownInterface", interfaceName);
-}
-
-// By the call's interface; a call without one goes to the first in the table that has the member.
-SR_DBusIAdaptor* SR_DBusAdaptor::Find(const SR_DBusCallMessage& call) const {
-    const char* interfaceName = call.GetInterface();
-    if (interfaceName != nullptr) {
-        const auto entry = interfaces.find(interfaceName);
-        return entry != interfaces.end() ? entry->second : nullptr;
-    }
-    for (const auto& entry : interfaces) {
-        if (entry.second->methods.count(call.GetMember()) != 0) {
-            return entry.second;
-        }
-    }
-    return nullptr;
-}
-
-std::string SR_DBusAdaptor::Introspection() const {
-    std::string text(kIntrospectionHead);
-    for (const auto& entry : interfaces) {
-        const char* part = entry.second->Introspect();
-        if (part != nullptr) {
-            text += part;
-        }
-    }
-    text += "</node>\n";
-    return text;
+    return dbus_connection_get_is_connected(SR_DBusConnection::Impl::Of(servedConnection)) != 0;
 }
 
 }  // namespace sentrel

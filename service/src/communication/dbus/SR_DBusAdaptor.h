@@ -4,9 +4,11 @@
 // A serving class derives from its SR_DBusIAdaptor interfaces first and from SR_DBusAdaptor last.
 // A handler that wants to answer later returns the call itself, keeps a copy of it, and passes that
 // to Reply() once; whoever kept the copy owes the reply.
+// A call that carries descriptors is refused, since no argument could name them. A call without an
+// interface reaches any member: do not rest a decision on the interface a caller had to name.
 // Ownership: holds a copy of the connection handle, which keeps the connection open. Destroy the
-// object before the connection's dispatcher.
-// Threads: calls arrive on the thread that runs the dispatcher's loop.
+// object before the connection's dispatcher, and not from one of its own handlers.
+// Threads: calls arrive on the thread that runs the dispatcher's loop, and are answered there.
 #ifndef SENTREL_SR_DBUSADAPTOR_H
 #define SENTREL_SR_DBUSADAPTOR_H
 
@@ -44,13 +46,8 @@ public:
 private:
     class SR_HIDDEN Impl;
 
-    SR_HIDDEN SR_DBusMessage Answer(const SR_DBusCallMessage& call);
-    SR_HIDDEN SR_DBusMessage AnswerSafely(const SR_DBusCallMessage& call);
-    SR_HIDDEN SR_DBusIAdaptor* Find(const SR_DBusCallMessage& call) const;
-    SR_HIDDEN std::string Introspection() const;
-
-    SR_DBusConnection connection;
-    std::string path;
+    SR_DBusConnection servedConnection;
+    std::string servedPath;
 };
 
 }  // namespace sentrel

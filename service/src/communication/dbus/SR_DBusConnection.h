@@ -3,8 +3,9 @@
 //
 // Ownership: copies share the connection; the last handle to go releases the names requested
 // through it and closes it. The dispatcher is not owned and must outlive the connection.
-// Threads: handles may be copied and destroyed on any thread. RequestName() must not run while
-// the last handle is destroyed.
+// Threads: handles may be copied and destroyed on any thread, as long as no other thread runs the
+// dispatcher's loop; else see SR_DBusDispatcher.h. RequestName() must not run while the last handle
+// is destroyed.
 // Every blocking call waits for the bus at most libdbus's default reply timeout of 25 s, unless
 // said otherwise. Names must be well-formed and texts valid UTF-8; libdbus checks them and by
 // default ends the process.
@@ -36,6 +37,7 @@ public:
     // One live handle, one reference on libdbus's connection.
     SR_DBusConnection(const SR_DBusConnection& other);
     SR_DBusConnection& operator=(const SR_DBusConnection&) = delete;
+    // The last handle blocks for the bus's answer to each name it releases.
     virtual ~SR_DBusConnection();
 
     // Queues the message for sending; neither blocks nor flushes. `serial` may be null; else it

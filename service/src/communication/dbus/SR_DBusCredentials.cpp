@@ -4,8 +4,9 @@
 #include <dbus/dbus.h>
 
 #include <cstring>
+#include <memory>
 
-#include "SR_DBusConnection.h"
+#include "SR_DBusConnectionImpl.h"
 #include "SR_DBusError.h"
 #include "SR_DBusMessageImpl.h"
 
@@ -65,49 +66,112 @@ bool ReadEntry(DBusMessageIter& entries, const char*& key, DBusMessageIter& valu
 
 }  // namespace
 
-SR_DBusCredentials::SR_DBusCredentials(SR_DBusConnection& connection, const std::string& busName)
-    : uidKnown(false), pidKnown(false), uid(0), pid(0) {
-    SR_DBusCallMessage call;
-    (void)call.SetDestination(DBUS_SERVICE_DBUS);
-    (void)call.SetPath(DBUS_PATH_DBUS);
-    (void)call.SetInterface(DBUS_INTERFACE_DBUS);
-    (void)call.SetMember("GetConnectionCredentials");
-    (void)call.GetWriter().AppendString(busName);
-    const SR_DBusMessage reply = connection.SendReplyAndBlock(call, -1);
-
-    DBusMessageIter entries;
-    if (!EnterDictionary(SR_DBusMessage::Impl::Of(reply), entries)) {
-        throw SR_DBusException("org.freedesktop.DBus.Error.InvalidArgs", "type mismatch");
+// The question, the answer, and what is kept while the bus has not answered.
+class SR_HIDDEN SR_DBusCredentials::Impl {
+public:
+    static SR_DBusCallMessage Question(const std::string& busName) {
+        SR_DBusCallMessage call;
+        (void)call.SetDestination(DBUS_SERVICE_DBUS);
+        (void)call.SetPath(DBUS_PATH_DBUS);
+        (void)call.SetInterface(DBUS_INTERFACE_DBUS);
+        (void)call.SetMember("GetConnectionCredentials");
+        (void)call.GetWriter().AppendString(busName);
+        return call;
     }
-    for (; dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY;
-         dbus_message_iter_next(&entries)) {
-        const char* key = nullptr;
-        DBusMessageIter value;
-        if (!ReadEntry(entries, key, value)) {
-            continue;
+
+    // False when the message is not a dictionary of credentials.
+    static bool Read(DBusMessage* reply, SR_DBusCredentials& result) {
+        DBusMessageIter entries;
+        if (!EnterDictionary(reply, entries)) {
+            return false;
         }
+        for (; dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY;
+             dbus_message_iter_next(&entries)) {
+            const char* key = nullptr;
+            DBusMessageIter value;
+            if (ReadEntry(entries, key, value)) {
+                Take(key, value, result);
+            }
+        }
+        return true;
+    }
+
+    // Runs in libdbus's frames: nothing may be thrown through it.
+    static void Answered(DBusPendingCall* pending, void* data) noexcept {
+        const auto* answer = static_cast<Slot<void, const SR_DBusCredentials*>*>(data);
+        DBusMessage* reply = dbus_pending_call_steal_reply(pending);
+        try {
+            SR_DBusCredentials credentials;
+            const bool known = dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
+                               Read(reply, credentials);
+            (*answer)(known ? &credentials : nullptr);
+        } catch (...) {
+            // As the header says: dropped.
+        }
+        dbus_message_unref(reply);
+    }
+
+    static void Forget(void* data) {
+        delete static_cast<Slot<void, const SR_DBusCredentials*>*>(data);
+    }
+
+private:
+    static void Take(const char* key, DBusMessageIter& value, SR_DBusCredentials& result) {
         if (std::strcmp(key, "UnixUserID") == 0) {
             dbus_uint32_t number = 0;
-            uidKnown = Read(value, DBUS_TYPE_UINT32, number);
-            uid = number;
+            result.uidKnown = sentrel::Read(value, DBUS_TYPE_UINT32, number);
+            result.uid = number;
         } else if (std::strcmp(key, "ProcessID") == 0) {
             dbus_uint32_t number = 0;
-            pidKnown = Read(value, DBUS_TYPE_UINT32, number);
-            pid = static_cast<pid_t>(number);
+            result.pidKnown = sentrel::Read(value, DBUS_TYPE_UINT32, number);
+            result.pid = static_cast<pid_t>(number);
         } else if (std::strcmp(key, "UnixGroupIDs") == 0) {
             const dbus_uint32_t* ids = nullptr;
             int count = 0;
             if (ReadArray(value, DBUS_TYPE_UINT32, ids, count)) {
-                groups.assign(ids, ids + count);
+                result.groups.assign(ids, ids + count);
             }
         } else if (std::strcmp(key, "LinuxSecurityLabel") == 0) {
             const char* bytes = nullptr;
             int count = 0;
             if (ReadArray(value, DBUS_TYPE_BYTE, bytes, count)) {
-                label.assign(bytes, strnlen(bytes, static_cast<std::size_t>(count)));
+                result.label.assign(bytes, strnlen(bytes, static_cast<std::size_t>(count)));
             }
         }
     }
+};
+
+SR_DBusCredentials::SR_DBusCredentials() : uidKnown(false), pidKnown(false), uid(0), pid(0) {}
+
+SR_DBusCredentials::SR_DBusCredentials(SR_DBusConnection& connection, const std::string& busName)
+    : SR_DBusCredentials() {
+    SR_DBusCallMessage call = Impl::Question(busName);
+    const SR_DBusMessage reply = connection.SendReplyAndBlock(call, -1);
+    if (!Impl::Read(SR_DBusMessage::Impl::Of(reply), *this)) {
+        throw SR_DBusException("org.freedesktop.DBus.Error.InvalidArgs", "type mismatch");
+    }
+}
+
+bool SR_DBusCredentials::Ask(SR_DBusConnection& connection, const std::string& busName,
+                             const Slot<void, const SR_DBusCredentials*>& answer) {
+    const SR_DBusCallMessage call = Impl::Question(busName);
+    DBusPendingCall* pending = nullptr;
+    if (!dbus_connection_send_with_reply(SR_DBusConnection::Impl::Of(connection),
+                                         SR_DBusMessage::Impl::Of(call), &pending, -1) ||
+        pending == nullptr) {
+        return false;
+    }
+    // libdbus holds the pending call until it is answered; our own reference can go at once.
+    auto kept = std::make_unique<Slot<void, const SR_DBusCredentials*> >(answer);
+    const bool set =
+        dbus_pending_call_set_notify(pending, Impl::Answered, kept.get(), Impl::Forget) != 0;
+    if (set) {
+        (void)kept.release();
+    } else {
+        dbus_pending_call_cancel(pending);
+    }
+    dbus_pending_call_unref(pending);
+    return set;
 }
 
 bool SR_DBusCredentials::GetUid(uid_t& result) const {

@@ -2,7 +2,8 @@
 // Who stands behind a bus name, in the bus's own word: a snapshot from one question to the bus.
 //
 // The ids are those of the moment at which that process connected; it may have changed them, or
-// become another program, since. A value object: copies are independent.
+// become another program, since. A value object: copies are independent. A handler of received
+// calls uses Ask(): blocking there, it would read in ever more calls while it waits.
 #ifndef SENTREL_SR_DBUSCREDENTIALS_H
 #define SENTREL_SR_DBUSCREDENTIALS_H
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "SR_Callback.h"
 #include "SR_Export.h"
 
 namespace sentrel {
@@ -23,6 +25,14 @@ public:
     // not on the bus.
     SR_DBusCredentials(SR_DBusConnection& connection, const std::string& busName);
 
+    // Asks the bus and returns at once; the dispatcher's loop calls `answer` later, exactly once,
+    // with the credentials, or with null when the bus has none or did not answer in time. They live
+    // during that call. When the bus or the connection goes away first, `answer` is released and never
+    // called. What it throws is dropped. False, and never a call, when out of memory or no
+    // longer connected.
+    static bool Ask(SR_DBusConnection& connection, const std::string& busName,
+                    const Slot<void, const SR_DBusCredentials*>& answer);
+
     // False when the bus does not say; the output is then left alone.
     bool GetUid(uid_t& uid) const;
     bool GetPid(pid_t& pid) const;
@@ -32,6 +42,10 @@ public:
     const std::string& GetLabel() const { return label; }
 
 private:
+    class SR_HIDDEN Impl;
+
+    SR_HIDDEN SR_DBusCredentials();
+
     bool uidKnown;
     bool pidKnown;
     uid_t uid;

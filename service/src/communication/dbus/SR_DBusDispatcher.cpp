@@ -110,6 +110,8 @@ void SR_DBusDispatcher::DispatchPending(std::list<SR_DBusConnection::Impl*>& con
 
 dbus_bool_t SR_DBusDispatcher::Impl::AddWatch(DBusWatch* watch, void* data) {
     SR_DBusDispatcher* dispatcher = static_cast<SR_DBusDispatcher*>(data);
+    // Held until the adapter is whole: a loop on another thread must not fire it before.
+    SR_DBusLock lock(dispatcher->watchesMutex);
     SR_DBusWatch* adapter = new SR_DBusWatch(watch, dispatcher);  // owned by the loop's registry
     SR_WatchEvent* event = adapter;
     event->callback = boost::make_shared<Callback<SR_DBusDispatcher, void, SR_WatchEvent&> >(
@@ -129,6 +131,7 @@ void SR_DBusDispatcher::Impl::ToggleWatch(DBusWatch* watch, void* /*data*/) {
 
 dbus_bool_t SR_DBusDispatcher::Impl::AddTimeout(DBusTimeout* timeout, void* data) {
     SR_DBusDispatcher* dispatcher = static_cast<SR_DBusDispatcher*>(data);
+    SR_DBusLock lock(dispatcher->timeoutsMutex);
     SR_DBusTimeout* adapter = new SR_DBusTimeout(timeout, dispatcher);  // owned as a watch is
     SR_TimeoutEvent* event = adapter;
     event->callback = boost::make_shared<Callback<SR_DBusDispatcher, void, SR_TimeoutEvent&> >(

@@ -3,9 +3,12 @@
 // connections that hold messages to dispatch.
 //
 // Ownership: connections are bound to a dispatcher by reference and stand in its queue as plain
-// pointers. The dispatcher must outlive every connection bound to it, and a connection must not end
-// while it stands in a queue that is still going to be drained.
-// Threads: AddToQueue() may be called on any thread; the loop is run by one thread.
+// pointers. The dispatcher must outlive every connection bound to it, and must not drain its queue
+// after one of them has ended: closing a connection queues it once more. So a short-lived
+// connection gets a dispatcher of its own.
+// Threads: AddToQueue() may be called on any thread; one thread runs the loop and drains the queue.
+// While it does, connections, proxies and served objects of this dispatcher are used on that thread
+// only, their destruction included: libdbus takes its lock and the loop's in the other order.
 #ifndef SENTREL_SR_DBUSDISPATCHER_H
 #define SENTREL_SR_DBUSDISPATCHER_H
 
@@ -40,7 +43,8 @@ public:
     // of up to 10 s when nothing happens.
     void Leave();
 
-    // Dispatches every queued connection until none has messages left and the queue is empty.
+    // Dispatches every queued connection until none has messages left and the queue is empty. Not
+    // from inside a handler that is being dispatched: that would wait for itself.
     void DispatchPending();
     // Dispatches the listed connections until none has messages left, removing each that is done.
     void DispatchPending(std::list<SR_DBusConnection::Impl*>& connections);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Inside the library: what a connection hands to libdbus for its watches and timeouts. The user
 // data is always the SR_DBusDispatcher. These run in libdbus's frames: an allocation failure passes
-// through them as std::bad_alloc.
+// through them as std::bad_alloc, where the platform can unwind them; else it ends the process.
 #ifndef SENTREL_SR_DBUSDISPATCHERIMPL_H
 #define SENTREL_SR_DBUSDISPATCHERIMPL_H
 

@@ -4,7 +4,7 @@
 // A client class derives from its SR_DBusIProxy interfaces first and from SR_DBusProxy last:
 // this constructor asks the bus for the signals of every interface that is in the table by then.
 // Ownership: holds a copy of the connection handle, which keeps the connection open.
-// Threads: used by one thread at a time.
+// Threads: used by one thread at a time; the loop's, while one runs the dispatcher's loop.
 #ifndef SENTREL_SR_DBUSPROXY_H
 #define SENTREL_SR_DBUSPROXY_H
 

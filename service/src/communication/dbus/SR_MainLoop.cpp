@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // How one iteration works. The enabled watches are copied into an array of poll slots; then comes
-// the wait; then the timers; then the watches. Neither lock is held during the wait, and the two
-// are never held together: watches, timers, (wait), timers, watches.
+// the wait; then the timers; then the watches. The iteration itself holds neither lock during the
+// wait and never both: watches, timers, (wait), timers, watches. Only a handler may take the second
+// inside the first, so one thread runs a loop.
 //
 // Handlers run inside the lock of their registry and may change it. So the registries are walked
 // with a Walk, which knows the entry that comes next and the last one that was there when the walk
@@ -224,16 +225,16 @@ SR_MainLoop::SR_MainLoop()
     : timeoutsMutex(true), watchesMutex(true), timeoutWalks(nullptr), watchWalks(nullptr) {}
 
 SR_MainLoop::~SR_MainLoop() {
-    DeleteAll(watches, watchesMutex, watchWalks);
-    DeleteAll(timeouts, timeoutsMutex, timeoutWalks);
+    DeleteAll(watches, watchesMutex);
+    DeleteAll(timeouts, timeoutsMutex);
 }
 
-// The lock is not held during a delete; the event takes it to leave the registry.
+// From the head on; each event takes itself out. The lock is not held during a delete.
 template <typename Event>
-void SR_MainLoop::DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex, Walk<Event>*& walks) {
+void SR_MainLoop::DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex) {
     SR_DBusLock lock(mutex);
-    Walk<Event> walk(registry, mutex, walks);
-    while (Event* event = walk.Next()) {
+    while (!registry.empty()) {
+        Event* event = registry.front();
         lock.Unlock();
         delete event;
         lock.Lock();
@@ -312,8 +313,10 @@ SR_WatchEvent* SR_MainLoop::FirstEnabled(const Walk<SR_WatchEvent>& walk, int de
 
 void SR_MainLoop::Fire(SR_WatchEvent* watch, int result) {
     if (watch != nullptr) {
+        // The handler may destroy the watch; what it runs in must not go before it returns.
+        const auto callback = watch->callback;
         watch->state = result;
-        watch->callback->call(*watch);
+        callback->call(*watch);
     }
 }
 
@@ -324,7 +327,8 @@ void SR_MainLoop::FireTimeouts(double now) {
         if (!timeout->enabled || timeout->expiry > now) {
             continue;
         }
-        timeout->callback->call(*timeout);
+        const auto callback = timeout->callback;  // lives on if the handler destroys the timer
+        callback->call(*timeout);
         // The handler may have destroyed its timer. The next expiry counts from this iteration's
         // clock, not from the old expiry: missed periods are not made up for.
         if (!walk.CurrentLeft() && timeout->repeat) {

@@ -4,9 +4,11 @@
 // Ownership: an event enters its loop's registry in its constructor and leaves it in its
 // destructor. The loop must outlive its events; those still registered when it is destroyed, it
 // deletes, so such an event must live on the heap.
-// Threads: events may be created and destroyed on any thread; an event is served by the thread that
-// runs Dispatch(). Handlers run with the lock of their registry held; it is recursive, so a handler
-// may create and destroy any event of the loop, its own included.
+// Threads: one thread runs a loop, and serves its events. Events may be created and destroyed on
+// any thread; one of a derived class that the loop could fire meanwhile, only on the loop's thread,
+// for its derived part is not there yet, or no more, while it is registered. Handlers run with the
+// lock of their registry held; it is recursive, so a handler may create and destroy any event of
+// the loop, its own included.
 #ifndef SENTREL_SR_MAINLOOP_H
 #define SENTREL_SR_MAINLOOP_H
 
@@ -59,11 +61,13 @@ public:
 
     // One iteration: waits for the enabled watches, at most as long as the smallest interval of an
     // enabled timer and never longer than 10 s; then fires the expired timers, then the ready
-    // watches. An event created after the wait began is served in the next iteration. Reports
-    // nothing; an interrupted wait is an ordinary return.
+    // watches. A watch created after the wait began, and a timer created after the timers began to
+    // fire, is served in the next iteration. Reports nothing; an interrupted wait is an ordinary
+    // return.
     void Dispatch();
 
 private:
+    friend class SR_DBusDispatcher;
     friend class SR_TimeoutEvent;
     friend class SR_WatchEvent;
     template <typename Event>
@@ -76,8 +80,7 @@ private:
     };
 
     template <typename Event>
-    SR_HIDDEN static void DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex,
-                                    Walk<Event>*& walks);
+    SR_HIDDEN static void DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex);
     SR_HIDDEN int Wait();
     SR_HIDDEN void FireTimeouts(double now);
     SR_HIDDEN static SR_WatchEvent* FirstEnabled(const Walk<SR_WatchEvent>& walk, int descriptor);
