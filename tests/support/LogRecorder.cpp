@@ -36,16 +36,22 @@ char Letter(int priority) {
 
 }  // namespace
 
-std::string LogLine::File() const { return Part(text, 1); }
+std::string LogLine::File() const {
+    return Part(text, 1);
+}
 
-std::string LogLine::Function() const { return Part(text, 2); }
+std::string LogLine::Function() const {
+    return Part(text, 2);
+}
 
 int LogLine::Line() const {
     const std::string number = Part(text, 3);
     return number.empty() ? -1 : std::stoi(number);
 }
 
-std::string LogLine::Body() const { return Part(text, 4); }
+std::string LogLine::Body() const {
+    return Part(text, 4);
+}
 
 std::vector<LogLine> TakeLog() {
     const std::lock_guard<std::mutex> lock(Mutex());

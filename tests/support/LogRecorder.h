@@ -10,14 +10,14 @@
 namespace test {
 
 struct LogLine {
-    int id = -1;             // log buffer
-    int priority = -1;       // 3 debug, 4 info, 5 warning, 6 error
-    std::string tag;         // "SENTREL"
-    std::string format;      // as given
-    std::string sinkFile;    // the first of the four arguments
+    int id = -1;           // log buffer
+    int priority = -1;     // 3 debug, 4 info, 5 warning, 6 error
+    std::string tag;       // "SENTREL"
+    std::string format;    // as given
+    std::string sinkFile;  // the first of the four arguments
     std::string sinkFunction;
     int sinkLine = -1;
-    std::string text;        // "[SR] [FILE(FUNCTION() +LINE)]BODY"
+    std::string text;  // "[SR] [FILE(FUNCTION() +LINE)]BODY"
 
     // Parts of `text`; empty or -1 when it has another shape.
     std::string File() const;

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+// One exported call after another, in each of which one allocation fails: the first, the second,
+// and so on to the last. What must come of it follows from where the call was, which a run without
+// a failure tells: before and behind the exchange std::bad_alloc leaves the call, inside it the
+// call returns 6, and in a destructor the program ends. Only a stream's own growth is forgiven, by
+// the stream: that line is cut, and all else goes on.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "FakeBus.h"
+#include "SR_API.h"
+
+extern "C" __attribute__((visibility("default"))) int __dlog_print(int log_id, int priority,
+                                                                   const char* tag,
+                                                                   const char* format, ...);
+
+namespace {
+
+using test::bus;
+
+const int kPoison = 0x5a5a5a5a;
+const int kEnded = 77;       // exit status of std::terminate
+const int kThrown = 78;      // std::bad_alloc left the call
+const int kUnbalanced = 79;  // a libdbus reference was not given back
+const int kTouched = 80;     // the result was written although the call failed
+const int kLineCut = 81;     // as without a failure, but for the end of the next line
+const int kDiffers = 82;     // a success that is neither
+
+bool counting = false;
+int allocations = 0;  // of the library, while counting
+int failAt = 0;       // 0: none fails
+
+// What comes next after an allocation: "log BODY" or "call FUNCTION".
+struct Event {
+    int allocations;  // so far
+    char text[96];
+};
+Event events[64];
+int eventCount = 0;
+// Those of a run without a failure.
+Event reference[64];
+int referenceCount = 0;
+
+void Note(const char* kind, const char* text) {
+    if (counting && eventCount < 64) {
+        Event& event = events[eventCount++];
+        event.allocations = allocations;
+        std::snprintf(event.text, sizeof(event.text), "%s %s", kind, text);
+    }
+}
+
+void* Allocate(std::size_t size) {
+    if (counting && test::fakeDepth == 0 && ++allocations == failAt) {
+        throw std::bad_alloc();
+    }
+    void* memory = std::malloc(size != 0 ? size : 1);
+    if (memory == nullptr) {
+        std::abort();
+    }
+    return memory;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return Allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return Allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+// A platform log that allocates nothing.
+int __dlog_print(int /*log_id*/, int /*priority*/, const char* /*tag*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    (void)va_arg(arguments, const char*);
+    (void)va_arg(arguments, const char*);
+    (void)va_arg(arguments, int);
+    const char* body = std::strchr(va_arg(arguments, const char*), ']');
+    va_end(arguments);
+    body = body != nullptr ? std::strchr(body + 1, ']') : nullptr;
+    Note("log", body != nullptr ? body + 1 : "(another shape)");
+    return 0;
+}
+
+namespace {
+
+// Up to an address, which is another in each run.
+std::string Stem(const Event& event) {
+    const std::string text(event.text);
+    return text.substr(0, text.find("0x"));
+}
+
+// Whether this run went as the reference but for the line behind the failed allocation.
+bool OnlyTheNextLineIsCut(int failing) {
+    bool cut = false;
+    if (eventCount != referenceCount) {
+        return false;
+    }
+    for (int i = 0; i < eventCount; ++i) {
+        const std::string whole = Stem(reference[i]);
+        const bool next = failing <= reference[i].allocations &&
+                          (i == 0 || failing > reference[i - 1].allocations);
+        if (next && whole.compare(0, 4, "log ") == 0) {
+            const std::string text(events[i].text);
+            cut = text.size() < std::strlen(reference[i].text) &&
+                  whole.compare(0, text.size(), text) == 0;
+        } else if (Stem(events[i]) != whole) {
+            return false;
+        }
+    }
+    return cut;
+}
+
+// One call, in which allocation number `failing` fails; returns its code or kThrown.
+int Call(int failing) {
+    bus.Reset();
+    bus.onCall = [](const std::string& function) { Note("call", function.c_str()); };
+    failAt = failing;
+    allocations = 0;
+    eventCount = 0;
+    int result = kPoison;
+    int code = kThrown;
+    counting = true;
+    try {
+        // Longer than what a string holds without an allocation.
+        code = SR_Mount("-t tmpfs -o size=1m none /run/media/x", 37, 1, &result);
+    } catch (const std::bad_alloc&) {
+    }
+    counting = false;
+    if (!bus.Balanced()) {
+        return kUnbalanced;
+    }
+    if ((code == 0) != (result != kPoison)) {
+        return kTouched;
+    }
+    if (code == 0 && failing > 0 && failing <= allocations) {
+        return OnlyTheNextLineIsCut(failing) ? kLineCut : kDiffers;
+    }
+    return code;
+}
+
+// The same in a child, whose end by std::terminate is an outcome too.
+int CallInChild(int failing) {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::set_terminate([] { _exit(kEnded); });
+        _exit(Call(failing));
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
+}
+
+bool Starts(const char* text, const char* start) {
+    return std::strncmp(text, start, std::strlen(start)) == 0;
+}
+
+bool IsDestruction(const char* text) {
+    return Starts(text, "call dbus_bus_remove_match") ||
+           Starts(text, "call dbus_connection_close") || Starts(text, "log Terminating") ||
+           Starts(text, "log destroy dispatcher") ||
+           std::strstr(text, "removed match rule") != nullptr;
+}
+
+// The outcomes by the number of the failing allocation; [0] is not used. Each is told by the event
+// that the allocation comes before.
+std::vector<int> ExpectedOutcomes() {
+    std::vector<int> outcomes(1, 0);
+    for (int i = 0; i < referenceCount; ++i) {
+        const char* text = reference[i].text;
+        int outcome = 6;
+        if (i == 0 || Starts(text, "log response:")) {
+            outcome = kThrown;  // the call's own work, before and after the exchange
+        } else if (IsDestruction(text)) {
+            outcome = kEnded;
+        }
+        if (i == 1) {
+            // The request's text and the bus name, made outside the exchange.
+            outcomes.resize(outcomes.size() + 2, kThrown);
+        }
+        outcomes.resize(static_cast<std::size_t>(reference[i].allocations) + 1, outcome);
+    }
+    return outcomes;
+}
+
+std::string Where(int allocation) {
+    for (int i = 0; i < referenceCount; ++i) {
+        if (allocation <= reference[i].allocations) {
+            return reference[i].text;
+        }
+    }
+    return "the end";
+}
+
+TEST(AllocationTest, EachFailedAllocationOfACallHasTheOutcomeOfItsPlace) {
+    // Once before, so that nothing is allocated only the first time.
+    ASSERT_EQ(0, Call(0));
+    ASSERT_EQ(0, Call(0));
+    const int total = allocations;
+    std::memcpy(reference, events, sizeof(events));
+    referenceCount = eventCount;
+    const std::vector<int> expected = ExpectedOutcomes();
+    ASSERT_EQ(static_cast<std::size_t>(total) + 1, expected.size());
+    int counts[kDiffers + 1] = {};
+    for (int n = 1; n <= total; ++n) {
+        const int outcome = CallInChild(n);
+        const int due = expected[static_cast<std::size_t>(n)];
+        EXPECT_TRUE(outcome == due || outcome == kLineCut)
+            << outcome << " instead of " << due << " for allocation " << n << " of " << total
+            << ", before: " << Where(n);
+        if (outcome >= 0 && outcome <= kDiffers) {
+            ++counts[outcome];
+        }
+    }
+    // Each kind of place was met.
+    EXPECT_GE(counts[6], 20);
+    EXPECT_GE(counts[kThrown], 4);
+    EXPECT_GE(counts[kEnded], 5);
+    EXPECT_GE(counts[kLineCut], 5);
+    EXPECT_LE(counts[kLineCut], referenceCount) << "one for each line at most";
+    EXPECT_EQ(0, CallInChild(total + 1)) << "no further allocation is made";
+}
+
+}  // namespace

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+// The log sink: what one line looks like when it reaches the platform log, and which lines do.
+#include "SR_Log.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogRecorder.h"
+
+namespace {
+
+using sentrel::SR_Log;
+using test::LogLine;
+using test::TakeLog;
+
+// Prints one line and returns the entries that came of it.
+std::vector<LogLine> Print(SR_Log::EDebugLevel level, const char* file, const char* function,
+                           int line, const std::string& body) {
+    TakeLog();
+    std::stringstream text;
+    text << body;
+    SR_Log::PrintMessage(level, file, function, line, text);
+    return TakeLog();
+}
+
+std::string TextOf(const char* file, const char* function, int line, const std::string& body) {
+    const std::vector<LogLine> lines = Print(SR_Log::DBG, file, function, line, body);
+    EXPECT_EQ(1u, lines.size());
+    return lines.empty() ? "(nothing)" : lines[0].text;
+}
+
+TEST(LogTest, OnlyTheFourMiddleLevelsReachThePlatformLog) {
+    const int notLogged = -1;
+    const struct {
+        int level;
+        int priority;
+    } table[] = {{-1, notLogged},
+                 {0, notLogged},
+                 {1, notLogged},
+                 {2, 3},
+                 {3, 4},
+                 {4, 5},
+                 {5, 6},
+                 {6, notLogged},
+                 {7, notLogged},
+                 {8, notLogged},
+                 {9, notLogged},
+                 {INT_MAX, notLogged},
+                 {INT_MIN, notLogged},
+                 {1 << 8, notLogged},
+                 {66, notLogged}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.level);
+        const std::vector<LogLine> lines =
+            Print(static_cast<SR_Log::EDebugLevel>(row.level), "f.cpp", "F", 1, "text");
+        if (row.priority == notLogged) {
+            EXPECT_TRUE(lines.empty());
+        } else {
+            ASSERT_EQ(1u, lines.size());
+            EXPECT_EQ(row.priority, lines[0].priority);
+            EXPECT_EQ("[SR] [f.cpp(F() +1)]text", lines[0].text);
+        }
+    }
+}
+
+TEST(LogTest, TheLevelsHaveTheirFixedValues) {
+    EXPECT_EQ(0, SR_Log::UNK);
+    EXPECT_EQ(1, SR_Log::VERBOSE);
+    EXPECT_EQ(2, SR_Log::DBG);
+    EXPECT_EQ(3, SR_Log::INFO);
+    EXPECT_EQ(4, SR_Log::WARN);
+    EXPECT_EQ(5, SR_Log::ERR);
+    EXPECT_EQ(6, SR_Log::FATAL);
+    EXPECT_EQ(7, SR_Log::SILENT);
+    static_assert(sizeof(SR_Log::EDebugLevel) == sizeof(int), "passed as an int");
+}
+
+TEST(LogTest, EveryLevelHasItsName) {
+    const char* const names[] = {"UNK", "VERBOSE", "DBG", "INFO", "WARN", "ERR", "FATAL", "SILENT"};
+    for (int level = 0; level <= 7; ++level) {
+        EXPECT_STREQ(names[level], SR_Log::LevelToChars(static_cast<SR_Log::EDebugLevel>(level)));
+    }
+}
+
+TEST(LogTest, AValueThatIsNoLevelIsNamedUnk) {
+    for (const int level : {8, 9, -1, INT_MAX, INT_MIN}) {
+        EXPECT_STREQ("UNK", SR_Log::LevelToChars(static_cast<SR_Log::EDebugLevel>(level))) << level;
+    }
+}
+
+TEST(LogTest, AnEntryHasTheMainBufferTheTagAndTheFormat) {
+    const std::vector<LogLine> lines = Print(SR_Log::INFO, "a/b.cpp", "F", 5, "x");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(0, lines[0].id);
+    EXPECT_EQ("SENTREL", lines[0].tag);
+    EXPECT_EQ("%s: %s(%d) > %s", lines[0].format);
+}
+
+TEST(LogTest, TheSinkNamesItsOwnFileFunctionAndLine) {
+    const std::vector<LogLine> lines = Print(SR_Log::WARN, "elsewhere/x.cpp", "Other", 5, "x");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ("SR_Log.cpp", lines[0].sinkFile);
+    EXPECT_EQ("PrintMessage", lines[0].sinkFunction);
+    EXPECT_GT(lines[0].sinkLine, 0);
+}
+
+TEST(LogTest, EachLevelIsLoggedByAStatementOfItsOwn) {
+    std::set<int> sinkLines;
+    for (const SR_Log::EDebugLevel level : {SR_Log::DBG, SR_Log::INFO, SR_Log::WARN, SR_Log::ERR}) {
+        const std::vector<LogLine> first = Print(level, "f", "F", 1, "");
+        const std::vector<LogLine> again = Print(level, "g", "G", 2, "x");
+        ASSERT_EQ(1u, first.size());
+        ASSERT_EQ(1u, again.size());
+        EXPECT_EQ(first[0].sinkLine, again[0].sinkLine);
+        sinkLines.insert(first[0].sinkLine);
+    }
+    EXPECT_EQ(4u, sinkLines.size());
+}
+
+TEST(LogTest, TheLineIsComposedWithoutFurtherBlanks) {
+    EXPECT_EQ("[SR] [B.cpp(Toggle() +105)]T", TextOf("service/src/B.cpp", "Toggle", 105, "T"));
+}
+
+TEST(LogTest, AFileWithoutASlashIsUsedWhole) {
+    EXPECT_EQ("[SR] [plain(F() +1)]x", TextOf("plain", "F", 1, "x"));
+    EXPECT_EQ("[SR] [(F() +1)]x", TextOf("", "F", 1, "x"));
+}
+
+TEST(LogTest, AFileThatEndsInASlashHasAnEmptyBaseName) {
+    EXPECT_EQ("[SR] [(F() +1)]x", TextOf("a/b/", "F", 1, "x"));
+    EXPECT_EQ("[SR] [(F() +1)]x", TextOf("/", "F", 1, "x"));
+}
+
+TEST(LogTest, TheBaseNameFollowsTheLastSlash) {
+    EXPECT_EQ("[SR] [c(F() +1)]x", TextOf("/a//b/c", "F", 1, "x"));
+    EXPECT_EQ("[SR] [root(F() +1)]x", TextOf("/root", "F", 1, "x"));
+    EXPECT_EQ("[SR] [a\\b(F() +1)]x", TextOf("a\\b", "F", 1, "x"));
+}
+
+TEST(LogTest, AnEmptyStreamEndsTheLineAtTheBracket) {
+    EXPECT_EQ("[SR] [f(F() +1)]", TextOf("f", "F", 1, ""));
+}
+
+TEST(LogTest, ANegativeLineKeepsItsMinusSign) {
+    EXPECT_EQ("[SR] [f(F() +-7)]x", TextOf("f", "F", -7, "x"));
+    EXPECT_EQ("[SR] [f(F() +0)]x", TextOf("f", "F", 0, "x"));
+    EXPECT_EQ("[SR] [f(F() +2147483647)]x", TextOf("f", "F", INT_MAX, "x"));
+    EXPECT_EQ("[SR] [f(F() +-2147483648)]x", TextOf("f", "F", INT_MIN, "x"));
+}
+
+TEST(LogTest, ADestructorKeepsItsTilde) {
+    EXPECT_EQ("[SR] [f(~Thing() +3)]x", TextOf("f", "~Thing", 3, "x"));
+}
+
+TEST(LogTest, PercentSignsInTheTextAreNotAFormat) {
+    EXPECT_EQ("[SR] [f%s(F%n() +1)]%s %d %n", TextOf("f%s", "F%n", 1, "%s %d %n"));
+}
+
+TEST(LogTest, ALongTextIsPassedOnWhole) {
+    const std::string body(100000, 'x');
+    EXPECT_EQ("[SR] [f(F() +1)]" + body, TextOf("f", "F", 1, body));
+}
+
+TEST(LogTest, TheStreamIsLeftAsItWas) {
+    TakeLog();
+    std::stringstream text;
+    text << "kept";
+    SR_Log::PrintMessage(SR_Log::ERR, "f", "F", 1, text);
+    SR_Log::PrintMessage(SR_Log::ERR, "f", "F", 1, text);
+    EXPECT_EQ(2u, TakeLog().size());
+    text << " on";
+    EXPECT_EQ("kept on", text.str());
+}
+
+TEST(LogTest, ManyThreadsLogWholeLines) {
+    TakeLog();
+    const int kThreads = 4;
+    const int kLines = 200;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; ++i) {
+                std::stringstream text;
+                text << "thread " << t;
+                SR_Log::PrintMessage(SR_Log::DBG, "f", "F", i, text);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::multiset<std::string> seen;
+    for (const LogLine& line : TakeLog()) {
+        seen.insert(line.text);
+    }
+    EXPECT_EQ(static_cast<std::size_t>(kThreads * kLines), seen.size());
+    for (int t = 0; t < kThreads; ++t) {
+        for (int i = 0; i < kLines; ++i) {
+            const std::string text =
+                "[SR] [f(F() +" + std::to_string(i) + ")]thread " + std::to_string(t);
+            EXPECT_EQ(1u, seen.count(text)) << text;
+        }
+    }
+}
+
+}  // namespace
