@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+// The tests' own tools: they must notice what they are there to notice.
+#include <fcntl.h>
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "AgentProcess.h"
+#include "ChildProcess.h"
+#include "Monitor.h"
+#include "PrivateBus.h"
+#include "Resources.h"
+
+namespace {
+
+const testing::TestInfo& ThisTest() {
+    return *testing::UnitTest::GetInstance()->current_test_info();
+}
+
+TEST(HarnessTest, ADescriptorLeftOpenFailsTheTest) {
+    test::NothingLeftBehind listener(50);
+    listener.OnTestStart(ThisTest());
+    const test::Descriptor left(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(left.Get(), 0);
+    EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), "descriptor left: ");
+}
+
+TEST(HarnessTest, ADescriptorClosedTooMuchFailsTheTest) {
+    test::Descriptor closed(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(closed.Get(), 0);
+    test::NothingLeftBehind listener(50);
+    listener.OnTestStart(ThisTest());
+    closed.Close();
+    EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), "descriptor gone: ");
+}
+
+TEST(HarnessTest, AThreadLeftRunningFailsTheTest) {
+    test::Pipe end;
+    test::NothingLeftBehind listener(50);
+    listener.OnTestStart(ThisTest());
+    std::thread thread([&end] { (void)test::WaitFor(end.Reader(), POLLIN, 30000); });
+    EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), "threads: ");
+    ASSERT_EQ(1, write(end.Writer(), "\n", 1));
+    thread.join();
+}
+
+TEST(HarnessTest, AChildLeftUnreapedFailsTheTest) {
+    test::NothingLeftBehind listener(50);
+    listener.OnTestStart(ThisTest());
+    const pid_t child = test::Fork([] { return 0; });
+    EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), "children: ");
+    EXPECT_EQ(0, test::Reap(child, 10000));
+}
+
+TEST(HarnessTest, AWholeTestWithBusAgentAndMonitorLeavesNothing) {
+    const test::Resources before = test::Resources::Now();
+    {
+        test::PrivateBus bus;
+        test::AgentProcess agent;
+        test::Monitor monitor;
+        EXPECT_NE("", before.Difference(test::Resources::Now()));
+    }
+    EXPECT_EQ("", before.Difference(test::Resources::Now()));
+}
+
+TEST(HarnessTest, AChildThatCrashesIsSeen) {
+    const pid_t child = test::Fork([]() -> int {
+        signal(SIGABRT, SIG_DFL);
+        raise(SIGKILL);
+        return 0;
+    });
+    const int status = test::Reap(child, 10000);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGKILL, WTERMSIG(status));
+}
+
+TEST(HarnessTest, AChildThatHangsIsSeen) {
+    const pid_t child = test::Fork([] {
+        pause();
+        return 0;
+    });
+    EXPECT_THROW((void)test::Reap(child, 50), std::runtime_error);
+    test::KillAndReap(child);
+}
+
+TEST(HarnessTest, AnExceptionInAChildIsNotSuccess) {
+    const pid_t child = test::Fork([]() -> int { throw std::runtime_error("on purpose"); });
+    const int status = test::Reap(child, 10000);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(99, WEXITSTATUS(status));
+}
+
+TEST(HarnessTest, ALineThatDoesNotComeIsSeen) {
+    test::Pipe silent;
+    EXPECT_THROW((void)silent.ReadLine(50), std::runtime_error);
+    silent.CloseWriter();
+    EXPECT_THROW((void)silent.ReadLine(10000), std::runtime_error);
+}
+
+TEST(HarnessTest, ABusThatCannotStartIsSeen) {
+    EXPECT_THROW(test::PrivateBus bus("<busconfig><nonsense/></busconfig>"), std::runtime_error);
+}
+
+TEST(HarnessTest, AnAgentThatCannotOwnItsNameIsSeen) {
+    test::PrivateBus bus;
+    test::AgentProcess first;
+    EXPECT_THROW(test::AgentProcess second, std::runtime_error);
+}
+
+TEST(HarnessTest, TheBusDiesWithTheProcessThatStartedIt) {
+    test::PrivateBus::Address();
+    test::Pipe told;
+    const pid_t child = test::Fork([&told] {
+        test::PrivateBus bus;
+        const std::string line = std::to_string(bus.Pid()) + "\n";
+        (void)!write(told.Writer(), line.data(), line.size());
+        _exit(0);  // without the bus's destructor
+        return 1;
+    });
+    const pid_t bus = std::stoi(told.ReadLine(30000));
+    EXPECT_EQ(0, test::Reap(child, 10000));
+    // The orphan is not ours to reap; its socket stops answering.
+    EXPECT_GT(bus, 0);
+    EXPECT_THROW(test::PlainConnection late, std::runtime_error);
+}
+
+TEST(HarnessTest, TheBusCanBeStartedAgainAtItsAddress) {
+    test::PrivateBus bus;
+    std::string firstName;
+    {
+        test::PlainConnection first;
+        firstName = first.UniqueName();
+    }
+    bus.Stop();
+    EXPECT_THROW(test::PlainConnection none, std::runtime_error);
+    bus.Start();
+    test::PlainConnection second;
+    EXPECT_FALSE(second.UniqueName().empty());
+}
+
+TEST(HarnessTest, TheMonitorSeesEveryMessageInOrder) {
+    test::PrivateBus bus;
+    test::PlainConnection connection;
+    test::Monitor monitor;
+    connection.AskBus("ListNames");
+    connection.AskBus("GetId");
+    std::vector<std::string> calls;
+    for (const test::Seen& message : monitor.Take()) {
+        if (message.type == DBUS_MESSAGE_TYPE_METHOD_CALL) {
+            calls.push_back(message.member);
+        }
+    }
+    EXPECT_EQ((std::vector<std::string>{"ListNames", "GetId"}), calls);
+    EXPECT_TRUE(monitor.Take().empty());
+}
+
+TEST(HarnessTest, TheAgentReportsWhatItReceived) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--name", "org.sentrel.Other"});
+    test::PlainConnection connection;
+    DBusMessage* call =
+        dbus_message_new_method_call("org.sentrel.Other", "/a/b", "org.sentrel.I", "M");
+    const char* text = "one";
+    const dbus_int32_t number = -2;
+    dbus_message_append_args(call, DBUS_TYPE_STRING, &text, DBUS_TYPE_INT32, &number,
+                             DBUS_TYPE_INVALID);
+    dbus_connection_send(connection.Get(), call, nullptr);
+    dbus_message_unref(call);
+    dbus_connection_flush(connection.Get());
+    EXPECT_EQ("call sender=" + connection.UniqueName() +
+                  " destination=org.sentrel.Other path=/a/b interface=org.sentrel.I member=M"
+                  " signature=si reply=1 start=1 descriptors=0 | one | -2",
+              agent.NextReport());
+}
+
+}  // namespace
