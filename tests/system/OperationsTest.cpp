@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+// The C interface against the real agent and the real tools, as root, in a mount namespace of this
+// process's own; the agent is started from here and so inside it too.
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sentrel/SR_API.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "PrivateBus.h"
+#include "Programs.h"
+#include "Skip.h"
+
+namespace {
+
+const long kTmpfs = 0x01021994;
+const uid_t kNobody = 65534;
+
+typedef int Operation(const char* args, unsigned int length, int descriptor, int* result);
+
+struct Outcome {
+    int status = -1;
+    int result = -1;
+    std::string output;
+};
+
+Outcome Ask(Operation* operation, const std::string& text) {
+    test::Pipe output;
+    Outcome outcome;
+    outcome.status = operation(text.data(), static_cast<unsigned>(text.size()), output.Writer(),
+                               &outcome.result);
+    outcome.output = test::ReadReady(output.Reader());
+    return outcome;
+}
+
+long FileSystemOf(const std::string& path) {
+    struct statfs system = {};
+    return statfs(path.c_str(), &system) == 0 ? static_cast<long>(system.f_type) : -1;
+}
+
+class OperationsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            SENTREL_SKIP("mounting needs root");
+        }
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            SENTREL_SKIP(std::string("no mount namespace of its own: ") + std::strerror(errno));
+        }
+        place = test::PrivateBus::Folder() + "/place";
+        ASSERT_EQ(0, mkdir(place.c_str(), 0755));
+        bus = std::make_unique<test::PrivateBus>();
+        agent = std::make_unique<test::RunningAgent>(std::vector<std::string>{"--allow-all"});
+    }
+    void TearDown() override {
+        if (!place.empty()) {
+            while (umount2(place.c_str(), MNT_DETACH) == 0) {
+            }
+            (void)rmdir(place.c_str());
+        }
+    }
+    void MountTmpfs() {
+        const Outcome mounted = Ask(SR_Mount, "-t tmpfs -o size=1m,mode=755 test " + place);
+        ASSERT_EQ(SR_OK, mounted.status);
+        ASSERT_EQ(0, mounted.result) << mounted.output;
+        ASSERT_EQ(kTmpfs, FileSystemOf(place));
+    }
+
+    std::string place;
+    std::unique_ptr<test::PrivateBus> bus;
+    std::unique_ptr<test::RunningAgent> agent;
+};
+
+TEST_F(OperationsTest, AFileSystemIsMountedWithItsOptionsAndUnmountedAgain) {
+    const bool before = FileSystemOf(place) == kTmpfs;
+    MountTmpfs();
+    struct statfs system = {};
+    ASSERT_EQ(0, statfs(place.c_str(), &system));
+    EXPECT_EQ(1048576U, static_cast<unsigned long>(system.f_blocks) *
+                            static_cast<unsigned long>(system.f_bsize));
+    std::ofstream(place + "/inside") << "x";
+    EXPECT_EQ(0, access((place + "/inside").c_str(), F_OK));
+
+    const Outcome unmounted = Ask(SR_Umount, place);
+    EXPECT_EQ(SR_OK, unmounted.status);
+    EXPECT_EQ(0, unmounted.result) << unmounted.output;
+    EXPECT_NE(0, access((place + "/inside").c_str(), F_OK));
+    EXPECT_EQ(before, FileSystemOf(place) == kTmpfs);
+}
+
+TEST_F(OperationsTest, ADeviceNodeIsMadeWithItsNumberAndMode) {
+    MountTmpfs();
+    const std::string path = place + "/a node";
+    const Outcome made = Ask(SR_Mknod, "-m 640 '" + path + "' c 1 3");
+    EXPECT_EQ(SR_OK, made.status);
+    EXPECT_EQ(0, made.result) << made.output;
+    struct stat status = {};
+    ASSERT_EQ(0, stat(path.c_str(), &status));
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+    EXPECT_EQ(0640U, status.st_mode & 07777U);
+    EXPECT_EQ(makedev(1, 3), status.st_rdev);
+}
+
+TEST_F(OperationsTest, AFailureHasTheToolsExitCodeAndWords) {
+    const Outcome failed = Ask(SR_Mount, "-t tmpfs test '" + place + "/not there'");
+    EXPECT_EQ(SR_OK, failed.status);
+    EXPECT_NE(0, failed.result);
+    EXPECT_NE(std::string::npos, failed.output.find("not there"));
+    const Outcome again = Ask(SR_Umount, place);
+    EXPECT_EQ(SR_OK, again.status);
+    EXPECT_NE(0, again.result);
+    EXPECT_NE(std::string::npos, again.output.find("not mounted"));
+}
+
+TEST_F(OperationsTest, ABusyFileSystemStaysMountedAndSaysSo) {
+    MountTmpfs();
+    const test::Descriptor held(open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_GE(held.Get(), 0);
+    const Outcome busy = Ask(SR_Umount, place);
+    EXPECT_EQ(SR_OK, busy.status);
+    EXPECT_NE(0, busy.result);
+    EXPECT_NE("", busy.output);
+    EXPECT_EQ(kTmpfs, FileSystemOf(place));
+}
+
+TEST_F(OperationsTest, TheCommandMountsAndUnmountsToo) {
+    const test::Finished mounted = test::RunCommand({"mount", "-t", "tmpfs", "test", place});
+    EXPECT_EQ(0, mounted.Exit()) << mounted.output << mounted.errors;
+    EXPECT_EQ(kTmpfs, FileSystemOf(place));
+    const test::Finished unmounted = test::RunCommand({"umount", place});
+    EXPECT_EQ(0, unmounted.Exit()) << unmounted.output << unmounted.errors;
+}
+
+TEST_F(OperationsTest, ACallerWithoutRightsGetsTheToolsOutputButNoWayIntoRootsFiles) {
+    // Open for reading only, of a file that only root may write.
+    const std::string path = test::PrivateBus::Folder() + "/of-root";
+    std::ofstream(path) << "untouched";
+    ASSERT_EQ(0, chmod(path.c_str(), 0644));
+    const test::Descriptor readOnly(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    test::Pipe output;
+    const pid_t caller = test::Fork([&] {
+        if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) {
+            return 90;
+        }
+        const std::string text = "--version";
+        int result = -1;
+        const int refused = SR_Mount(text.data(), 9, readOnly.Get(), &result);
+        const int done = SR_Mount(text.data(), 9, output.Writer(), &result);
+        return refused == SR_FAIL && done == SR_OK && result == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(0, test::Reap(caller, test::kLimit));
+    EXPECT_NE("", test::ReadReady(output.Reader()));
+    std::ifstream file(path);
+    std::string text;
+    std::getline(file, text);
+    EXPECT_EQ("untouched", text);
+    EXPECT_NE(std::string::npos, agent->NextLine().find("uid 65534"));
+}
+
+}  // namespace
