@@ -1,0 +1,272 @@
+#!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
+# Shows the whole road of a call: builds everything, starts a bus and an agent of its own, and lets
+# the agent mount, make a node, fail and be away. Every step is checked; a step that does not behave
+# ends the script with 1.
+#
+#   scripts/demo.sh [--trace]     --trace: print the library's log of each call
+#
+# As root everything is shown, in a mount namespace of the script's own, so that nothing of it is
+# seen outside. Without root it says what it leaves out. The machine's own bus is not touched.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+readonly build=build/demo
+
+usage() {
+    sed -n 's/^#   //p' scripts/demo.sh
+    exit "$1"
+}
+
+trace=()
+inside=
+for argument in "$@"; do
+    case $argument in
+        --trace) trace=(--trace) ;;
+        --inside) inside=1 ;;
+        --help) usage 0 ;;
+        *) usage 2 >&2 ;;
+    esac
+done
+
+build() {
+    cmake --preset release -B "$build" && cmake --build "$build" --parallel "$(nproc)"
+}
+
+prepare() {
+    # shellcheck source=scripts/packages.sh
+    . scripts/packages.sh
+    need_packages g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev dbus-daemon \
+        mount util-linux || exit 1
+    echo "building (into $build) ..."
+    if ! build >"$build.log" 2>&1; then
+        tail -n 30 "$build.log" >&2
+        echo "FAILED: the build; its whole output is in $build.log" >&2
+        exit 1
+    fi
+}
+
+if [ -z "$inside" ]; then
+    mkdir -p build
+    prepare
+    if [ "$(id -u)" -eq 0 ]; then
+        if unshare -m true 2>/dev/null; then
+            exec unshare -m --propagation private scripts/demo.sh --inside "${trace[@]}"
+        fi
+        echo "this machine allows no mount namespace of its own: what needs root is left out"
+    fi
+fi
+
+# --- from here on: with the programs built, and as root in a mount namespace of our own
+
+readonly sentrel=$build/cli/sentrel
+readonly agent=$build/agent/sentrel-agent
+work=$(mktemp -d "${TMPDIR:-/tmp}/sentrel-demo.XXXXXX")
+bus_pid=
+agent_pid=
+steps=0
+left_out=0
+
+end_process() {
+    [ -n "$1" ] || return 0
+    kill -TERM "$1" 2>/dev/null || true
+    wait "$1" 2>/dev/null || true
+}
+
+clean_up() {
+    end_process "$agent_pid"
+    end_process "$bus_pid"
+    if mountpoint -q "$work/mnt" 2>/dev/null; then
+        umount "$work/mnt" || true
+    fi
+    rm -rf --one-file-system "$work"
+}
+trap clean_up EXIT
+trap 'exit 130' INT TERM
+
+failed() {
+    echo "FAILED: $1" >&2
+    [ ! -s "$work/agent.log" ] || sed 's/^/    agent log: /' "$work/agent.log" >&2
+    exit 1
+}
+
+title() {
+    steps=$((steps + 1))
+    printf '\n%d. %s\n' "$steps" "$1"
+}
+
+leave_out() {
+    left_out=$((left_out + 1))
+    printf '\n-  left out: %s\n' "$1"
+}
+
+# call EXIT-STATUS WORD... : runs the command, shows what it said, and checks how it ended. Its
+# standard output is left in $output.
+output=
+call() {
+    local expected=$1 status=0
+    shift
+    printf '   $ sentrel %s\n' "$*"
+    "$sentrel" "${trace[@]}" "$@" >"$work/out" 2>"$work/err" || status=$?
+    output=$(cat "$work/out")
+    sed 's/^/     /' "$work/out" "$work/err"
+    case $status in
+        125) printf '     exit status 125: the exchange failed, or wrong usage\n' ;;
+        126) printf '     exit status 126: refused or failed by the agent\n' ;;
+        127) printf '     exit status 127: no agent there\n' ;;
+        *) [ "$1" = version ] || [ "$1" = errors ] ||
+            printf '     status 0 (OK), return value %d, which is also the exit status\n' "$status" ;;
+    esac
+    [ "$status" -eq "$expected" ] || failed "exit status $status instead of $expected"
+}
+
+# says TEXT FILE : the file of the last call holds the text.
+says() {
+    grep -qF -- "$1" "$work/$2" || failed "'$1' was not said"
+}
+
+# check WHAT COMMAND... : the command succeeds.
+check() {
+    local what=$1
+    shift
+    "$@" || failed "$what"
+    echo "   checked: $what"
+}
+
+not_mounted() {
+    ! mountpoint -q "$work/mnt"
+}
+
+start_bus() {
+    cat >"$work/bus.conf" <<END
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=$work/bus</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+  </policy>
+</busconfig>
+END
+    local line
+    mkfifo "$work/ready"
+    dbus-daemon --nofork --nopidfile --config-file="$work/bus.conf" --print-address=1 \
+        >"$work/ready" 2>"$work/bus.log" &
+    bus_pid=$!
+    # The line comes when the bus listens, an end of file when it could not.
+    read -r -t 20 line <"$work/ready" || {
+        cat "$work/bus.log" >&2
+        failed "the bus did not start"
+    }
+    rm "$work/ready"
+    export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
+}
+
+# start_agent OPTION...
+start_agent() {
+    mkfifo "$work/started"
+    "$agent" "$@" 2> >(tee -p -a "$work/agent.log" >"$work/started") &
+    agent_pid=$!
+    local line
+    read -r -t 20 line <"$work/started" || line=
+    rm "$work/started"
+    case $line in
+        *serving*) printf '   (%s)\n' "$line" ;;
+        *) failed "the agent did not start" ;;
+    esac
+}
+
+stop_agent() {
+    end_process "$agent_pid"
+    agent_pid=
+}
+
+# Whether the agent may take a caller's descriptor over.
+descriptors_can_be_taken() {
+    [ "$(id -u)" -eq 0 ] || [ "$(cat /proc/sys/kernel/yama/ptrace_scope 2>/dev/null || echo 0)" = 0 ]
+}
+
+show_root() {
+    title "The agent mounts a file system in memory for its caller (SR_Mount)"
+    call 0 mount -t tmpfs -o size=1m,mode=755 demo "$work/mnt"
+    findmnt --mountpoint "$work/mnt" | sed 's/^/     /'
+    check "a tmpfs is mounted there" \
+        test "$(findmnt -n -o FSTYPE --mountpoint "$work/mnt")" = tmpfs
+
+    title "It makes a device node (SR_Mknod)"
+    call 0 mknod -m 600 "$work/mnt/null" c 1 3
+    find "$work/mnt/null" -ls | sed 's/^/     /'
+    check "it is a character device" test -c "$work/mnt/null"
+    check "it is number 1:3" test "$(stat -c '%t:%T' "$work/mnt/null")" = 1:3
+
+    title "It unmounts (SR_Umount)"
+    call 0 umount "$work/mnt"
+    check "nothing is mounted there any more" not_mounted
+}
+
+echo "sentrel: a demonstration on a bus of its own"
+mkdir "$work/mnt"
+start_bus
+as_root=
+[ -n "$inside" ] && as_root=1
+
+title "The command knows its versions and the status codes"
+call 0 version
+says "interface v1.0" out
+call 0 errors
+says "RULE_NO_FOUND" out
+
+title "Nobody serves yet: what a caller gets when the agent is away"
+call 127 mount -t tmpfs demo "$work/mnt"
+says "COMM_NO_SERVICE" err
+
+title "An agent without --allow-all refuses everything"
+start_agent
+call 126 mount -t tmpfs demo "$work/mnt"
+says "RULE_NO_FOUND" err
+check "nothing was mounted" not_mounted
+stop_agent
+
+printf '\n   From here on with --allow-all, which is for trying out only.\n'
+start_agent --allow-all
+
+if [ -n "$as_root" ]; then
+    show_root
+else
+    leave_out "mounting, making a device node and unmounting need root"
+fi
+
+if descriptors_can_be_taken; then
+    title "A tool that fails: its own words on the caller's output, its exit code as the result"
+    call 32 mount -t tmpfs demo "$work/no-such-place"
+    check "the tool said something" test -n "$output"
+
+    title "Words with blanks and quotes arrive as they are"
+    call 32 mount -t tmpfs demo "$work/it's \"not\" there"
+    says "it's" out
+else
+    leave_out "this machine lets only root take a descriptor over (yama/ptrace_scope)"
+fi
+
+title "Arguments that cannot be read are refused before anything is started"
+call 126 raw mount "-t tmpfs 'no closing quote"
+says "status 1, FAIL" err
+
+title "The agent has gone: what a caller gets then"
+stop_agent
+call 127 umount "$work/mnt"
+says "COMM_NO_SERVICE" err
+
+summary="all $steps steps behaved as they should"
+[ "$left_out" -eq 0 ] || summary="$summary; $left_out left out, see above"
+printf '\nDone: %s.\n' "$summary"

@@ -1,0 +1,137 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Reads every #include of a source tree and compares it with the allowed pairs.
+
+includes.py library DIR INSTALLED...   DIR is service/src; INSTALLED are the installed headers
+includes.py agent DIR                  only <sentrel/...> and its own files
+includes.py cli DIR                    only <sentrel/SR_API.h>, <sentrel/SR_Status.h> and its own
+
+Prints each include that is not allowed and ends with 1 when there is one.
+"""
+import pathlib
+import re
+import sys
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
+SOURCES = {".h", ".hpp", ".c", ".cc", ".cpp"}
+
+# Folder to the folders it may reach besides itself. The log and the status are open to all.
+ALLOWED = {
+    "api": {"communication", "log", "status"},
+    "communication": {"communication/dbus", "log", "status"},
+    "communication/dbus": {"log", "status"},
+    "log": {"status"},
+    "status": set(),
+}
+UMBRELLA = "sentrel.h"  # exists to include every installed header, so it may reach every folder
+CLI_HEADERS = {"sentrel/SR_API.h", "sentrel/SR_Status.h"}
+
+
+def read(root):
+    """File (relative to root) -> [(line number, '<' or '"', name)]."""
+    found = {}
+    for path in sorted(root.rglob("*")):
+        if path.suffix in SOURCES:
+            lines = path.read_text(encoding="utf-8").splitlines()
+            matches = ((number, INCLUDE.match(line)) for number, line in enumerate(lines, 1))
+            found[path.relative_to(root)] = [(n, m[1], m[2]) for n, m in matches if m]
+    return found
+
+
+def family(path):
+    """SR_X.h, SR_X.cpp and SR_XImpl.h are one family."""
+    return path.stem[:-4] if path.stem.endswith("Impl") else path.stem
+
+
+def is_loop(path):
+    return path.stem.startswith("SR_MainLoop") or path.stem == "SR_Callback"
+
+
+def check_library(root, installed):
+    files = read(root)
+    by_name = {path.name: path for path in files}
+    faults, arrows, header_graph = [], set(), {}
+    for missing in sorted(set(installed) - set(by_name)):
+        faults.append(f"{missing}: installed, but not found")
+    for path, includes in files.items():
+        for line, kind, name in includes:
+            where = f"{path}:{line}: {name}"
+            if is_loop(path) and (name.startswith("dbus/") or name.startswith("SR_DBus")):
+                faults.append(f"{where}: the loop knows nothing of D-Bus")
+            if kind == "<":
+                if name.startswith("sentrel/") or name in by_name:
+                    faults.append(f"{where}: own headers are included in quotes, by name")
+                continue
+            if name not in by_name:
+                faults.append(f"{where}: no such file in the library")
+                continue
+            target = by_name[name]
+            source_layer, target_layer = path.parent.as_posix(), target.parent.as_posix()
+            if source_layer not in ALLOWED:
+                faults.append(f"{path}: a folder that is no layer")
+            elif (source_layer != target_layer and path.name != UMBRELLA
+                  and target_layer not in ALLOWED[source_layer]):
+                faults.append(f"{where}: {source_layer} must not reach {target_layer}")
+            if path.name in installed and name not in installed:
+                faults.append(f"{where}: an installed header includes one that is not")
+            if path.suffix == ".h":
+                header_graph.setdefault(path.name, set()).add(name)
+            if family(path) != family(target) and path.name != UMBRELLA:
+                arrows.add((family(path), family(target), target_layer in ("log", "status")))
+    faults += [f"{' -> '.join(circle)}: headers in a circle" for circle in circles(header_graph)]
+    families = {family(path) for path in files}
+    print(f"{len(arrows)} arrows between {len(families)} file families, "
+          f"{sum(pebble for _, _, pebble in arrows)} of them to the log or the status")
+    return faults
+
+
+def circles(graph):
+    """Each circle of headers found on a walk from every header."""
+    found, done = [], set()
+
+    def walk(node, trail):
+        if node in trail:
+            found.append(trail[trail.index(node):] + [node])
+        elif node not in done:
+            for target in sorted(graph.get(node, ())):
+                walk(target, trail + [node])
+            done.add(node)
+
+    for start in sorted(graph):
+        walk(start, [])
+    return found
+
+
+def check_outside(root, allowed):
+    """`allowed` tells whether <name> of the library may be included."""
+    files = read(root)
+    faults = []
+    for path, includes in files.items():
+        for line, kind, name in includes:
+            if kind == "<":
+                ours = name.startswith("sentrel/") or pathlib.PurePath(name).name.startswith("SR_")
+                bad = ours and not allowed(name)
+            else:
+                target = next((p for p in (root / path.parent / name, root / name)
+                               if p.is_file()), None)
+                bad = target is None or root.resolve() not in target.resolve().parents
+            if bad:
+                faults.append(f"{path}:{line}: {name}: not open to this folder")
+    print(f"{len(files)} files read")
+    return faults
+
+
+def main():
+    mode, root = sys.argv[1], pathlib.Path(sys.argv[2])
+    if mode == "library":
+        faults = check_library(root, sys.argv[3:])
+    elif mode == "agent":
+        faults = check_outside(root, lambda name: name.startswith("sentrel/"))
+    else:
+        faults = check_outside(root, CLI_HEADERS.__contains__)
+    print("\n".join(faults))
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,66 @@
+# SPDX-License-Identifier: Apache-2.0
+# What installs beside the binaries, and what is written about it.
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize|--coverage")
+  return()
+endif()
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+set(root ${CMAKE_SOURCE_DIR})
+set(man ${root}/docs/man)
+
+# packaging_test(NAME LABEL SCRIPT ARGUMENT...)
+function(packaging_test name label script)
+  add_test(NAME Packaging.${name}
+    COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_SOURCE_DIR}/tests/packaging/${script} ${ARGN})
+  set_tests_properties(Packaging.${name} PROPERTIES LABELS "${label}" TIMEOUT 120
+    SKIP_RETURN_CODE 77 ENVIRONMENT "LC_ALL=C.UTF-8")
+endfunction()
+
+packaging_test(EachFunctionHasItsManualPage "unit;hygiene" manual_test.py functions
+  ${root}/service/src/api/SR_API.h ${man} ${root}/docs/CMakeLists.txt)
+packaging_test(TheManualNamesEachStatus "unit;hygiene" manual_test.py statuses
+  ${root}/service/src/status/SR_Status.h ${man}/SR_Mount.3 ${man}/SR_ErrorToString.3
+  ${man}/sentrel.7)
+file(GLOB pages CONFIGURE_DEPENDS ${man}/*.[1-9])
+packaging_test(TheManualPagesAreClean "unit;hygiene" manual_test.py clean ${pages})
+
+if(TARGET sentrel)
+  packaging_test(EachOptionOfTheCommandHasItsManual "unit;hygiene" manual_test.py options
+    ${man}/sentrel.1 $<TARGET_FILE:sentrel> ${root}/cli/main.cpp)
+  packaging_test(EachOperationOfTheCommandHasItsManual "unit;hygiene" manual_test.py operations
+    ${man}/sentrel.1 $<TARGET_FILE:sentrel>)
+endif()
+
+if(TARGET sentrel-agent)
+  set(unit ${CMAKE_BINARY_DIR}/packaging/sentrel-agent.service)
+  packaging_test(EachOptionOfTheAgentHasItsManual "unit;hygiene" manual_test.py options
+    ${man}/sentrel-agent.8 $<TARGET_FILE:sentrel-agent> ${root}/agent/main.cpp)
+  packaging_test(TheUnitIsValid "unit;hygiene" unit_test.py valid ${unit}
+    $<TARGET_FILE:sentrel-agent>)
+  packaging_test(TheUnitLetsMountsBeSeen "unit;hygiene" unit_test.py mounts ${unit})
+  packaging_test(TheUnitGivesAReasonForWhatItLeavesOut "unit;hygiene" unit_test.py reasons ${unit})
+  packaging_test(TheUnitLetsTheAgentsSystemCallsThrough "unit;hygiene" unit_test.py calls ${unit}
+    ${root}/agent)
+  packaging_test(TheUnitsExposureIsNoHigherThanWritten "unit;hygiene" unit_test.py score ${unit} 6.0)
+  packaging_test(TheInterfaceFileIsWhatTheAgentAnswers bus interface_test.py
+    ${root}/packaging/org.sentrel.sr_agent.xml $<TARGET_FILE:sentrel-agent>)
+  packaging_test(ThePolicyLetsRootAndTheGroupInAndNobodyElse "bus;system" policy_test.py
+    ${root}/packaging/org.sentrel.sr_agent.conf $<TARGET_FILE:scripted_agent>)
+endif()
+
+# The header-only convenience, against the agent's own splitter and against a bus.
+if(TARGET sentrel_agent_objects)
+  sentrel_test(ArgumentsTest packaging/ArgumentsTest.cpp LIBRARY LABEL unit
+    LIBS sentrel_agent_objects)
+endif()
+sentrel_test(HelpersTest packaging/HelpersTest.cpp LIBRARY LABEL bus)
+
+# The programs that the guides show.
+foreach(example serve.cpp first.c)
+  get_filename_component(name ${example} NAME_WE)
+  add_executable(example_${name} ${root}/docs/examples/${example})
+  target_link_libraries(example_${name} PRIVATE sentrel::client sentrel_warnings)
+endforeach()
+packaging_test(TheServingExampleServes bus examples_test.py serve $<TARGET_FILE:example_serve>
+  ${root}/docs/examples/serve.cpp)
+packaging_test(TheFirstCallIsMade bus examples_test.py first $<TARGET_FILE:example_first>
+  $<TARGET_FILE:scripted_agent> ${root}/docs/examples/first.c)
