@@ -145,7 +145,7 @@ tsan_stage() {
     if setarch -R true 2>/dev/null; then
         runner=(setarch -R)
     fi
-    TSAN_OPTIONS=halt_on_error=1 run_tests tsan -L threads
+    TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan-suppressions.txt" run_tests tsan -L threads
     runner=()
 }
 

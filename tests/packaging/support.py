@@ -65,6 +65,10 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
 """
 OPEN = """  <policy context="default">
     <allow user="*"/> <allow own="*"/> <allow send_type="method_call"/>
+    <allow send_type="signal"/> <allow receive_type="signal"/> <allow receive_type="method_call"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_return"/> <allow receive_type="error"/>
   </policy>"""
 
 

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+// Prints the words that the agent's splitter takes from the first argument, a NUL behind each.
+#include <cstdio>
+
+#include "Words.h"
+
+int main(int argc, char** argv) {
+    std::vector<std::string> words;
+    std::string error;
+    if (argc != 2 || !agent::SplitWords(argv[1], words, error)) {
+        std::fprintf(stderr, "split: %s\n", error.c_str());
+        return 1;
+    }
+    for (const std::string& word : words) {
+        if (std::fwrite(word.c_str(), 1, word.size() + 1, stdout) != word.size() + 1) {
+            return 1;
+        }
+    }
+    return 0;
+}
