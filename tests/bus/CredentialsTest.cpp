@@ -155,7 +155,21 @@ TEST_F(AskTest, AfterTheBusHasGoneThereIsNoAnswerAndNoMoreAsking) {
     });
     EXPECT_EQ(0, receiver.answers);
     EXPECT_FALSE(SR_DBusCredentials::Ask(connection, ":1.1", receiver.Slot(token)));
-    EXPECT_LE(token.use_count(), 2);  // the second question kept nothing
+    EXPECT_EQ(2, token.use_count());  // of the first question, until the connection ends
+}
+
+TEST_F(AskTest, ManyQuestionsAtOnceGetEachTheirAnswer) {
+    test::AgentProcess agent;
+    std::vector<Receiver> receivers(40);
+    for (std::size_t i = 0; i < receivers.size(); ++i) {
+        const std::string name = i % 2 == 0 ? connection.GetUniqueName() : test::kService;
+        ASSERT_TRUE(SR_DBusCredentials::Ask(connection, name, receivers[i].Slot(token)));
+    }
+    loop.RunUntil([this] { return token.use_count() == 1; });
+    for (std::size_t i = 0; i < receivers.size(); ++i) {
+        EXPECT_EQ(1, receivers[i].answers);
+        EXPECT_EQ(i % 2 == 0 ? getpid() : agent.Pid(), receivers[i].pid);
+    }
 }
 
 TEST_F(AskTest, WhatTheAnswerThrowsIsDropped) {

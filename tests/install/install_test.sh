@@ -30,7 +30,8 @@ files)
     ;;
 paths)
     # Where it was built is nobody's business, and would be wrong elsewhere.
-    if grep -rlF -e "$source" -e "$scratch/build" "$prefix"; then
+    # The prefix itself may stand below it, as here.
+    if grep -rahoE "$source[^\"; ]*" "$prefix" | grep -vF "$prefix"; then
         exit 1
     fi
     ;;

@@ -3,7 +3,7 @@
 """The manual pages.
 
 manual_test.py functions HEADER MAN_DIR CMAKELISTS   each exported C function has its page or link
-manual_test.py statuses HEADER PAGE...               each page names each status
+manual_test.py statuses HEADER PAGE...               each page or guide names each status
 manual_test.py options PAGE PROGRAM SOURCE...        the page's options are the program's
 manual_test.py operations PAGE PROGRAM               each operation in the help stands in the page
 manual_test.py clean PAGE...                         mandoc and man have nothing to say
@@ -43,7 +43,7 @@ def check_statuses(header, *pages):
     for page in pages:
         text = read(page)
         for name, value in codes:
-            row = re.search(rf"^\.It {value} (?:Pq Dv SR_|Ta \"|){name}\b", text, re.M)
+            row = re.search(rf"^(?:\.It|\|) {value} (?:Pq Dv SR_|Ta \"|`SR_|){name}\b", text, re.M)
             assert row, f"{page}: status {value}, {name}, is not there"
 
 

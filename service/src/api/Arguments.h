@@ -148,6 +148,7 @@ typedef std::vector<std::string> Options;
 
 namespace arguments {
 
+// "-o LIST" when there are options.
 inline void AddOptions(Arguments& words, const Options& options) {
     std::string list;
     for (const std::string& option : options) {
@@ -161,6 +162,7 @@ inline void AddOptions(Arguments& words, const Options& options) {
     }
 }
 
+// Flags, "--" and the mount point.
 inline Arguments Unmounting(const std::string& target, const Options& flags) {
     Arguments words;
     for (const std::string& flag : flags) {
@@ -195,6 +197,7 @@ inline Outcome MountCifs(const std::string& share, const std::string& target,
     return Run(SR_Mount_Cifs, words.Add("--").Add(share).Add(target), descriptor);
 }
 
+// As Umount(), for a network share.
 inline Outcome UmountCifs(const std::string& target, const Options& flags = {},
                           int descriptor = 0) {
     return Run(SR_Umount_Cifs, arguments::Unmounting(target, flags), descriptor);
@@ -220,6 +223,7 @@ inline Outcome Insmod(const std::string& file, const Options& parameters = {}, i
     return Run(SR_Insmod, words, descriptor);
 }
 
+// `module` is the name, without directory and ".ko".
 inline Outcome Rmmod(const std::string& module, int descriptor = 0) {
     return Run(SR_Rmmod, Arguments{"--", module}, descriptor);
 }

@@ -69,7 +69,7 @@ bool ReadEntry(DBusMessageIter& entries, const char*& key, DBusMessageIter& valu
 // The question, the answer, and what is kept while the bus has not answered.
 class SR_HIDDEN SR_DBusCredentials::Impl {
 public:
-    static SR_DBusCallMessage Question(const std::string& busName) {
+    static SR_DBusCallMessage Call(const std::string& busName) {
         SR_DBusCallMessage call;
         (void)call.SetDestination(DBUS_SERVICE_DBUS);
         (void)call.SetPath(DBUS_PATH_DBUS);
@@ -96,24 +96,35 @@ public:
         return true;
     }
 
-    // Runs in libdbus's frames: nothing may be thrown through it.
-    static void Answered(DBusPendingCall* pending, void* data) noexcept {
-        const auto* answer = static_cast<Slot<void, const SR_DBusCredentials*>*>(data);
-        DBusMessage* reply = dbus_pending_call_steal_reply(pending);
+    // A question under way: a filter of the connection, which owns it.
+    struct Question {
+        dbus_uint32_t serial;
+        Slot<void, const SR_DBusCredentials*> answer;
+    };
+
+    // Runs in libdbus's frames: nothing may be thrown through it. Not a pending call, because that
+    // and its connection would keep each other when the connection is closed before the answer.
+    static DBusHandlerResult Filter(DBusConnection* connection, DBusMessage* message,
+                                    void* data) noexcept {
+        const auto* question = static_cast<Question*>(data);
+        if (dbus_message_get_reply_serial(message) != question->serial ||
+            dbus_message_has_sender(message, DBUS_SERVICE_DBUS) == 0) {
+            return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        }
         try {
+            const Slot<void, const SR_DBusCredentials*> answer = question->answer;
+            dbus_connection_remove_filter(connection, Filter, data);
             SR_DBusCredentials credentials;
-            const bool known = dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
-                               Read(reply, credentials);
-            (*answer)(known ? &credentials : nullptr);
+            const bool known = dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
+                               Read(message, credentials);
+            answer(known ? &credentials : nullptr);
         } catch (...) {
             // As the header says: dropped.
         }
-        dbus_message_unref(reply);
+        return DBUS_HANDLER_RESULT_HANDLED;
     }
 
-    static void Forget(void* data) {
-        delete static_cast<Slot<void, const SR_DBusCredentials*>*>(data);
-    }
+    static void Forget(void* data) { delete static_cast<Question*>(data); }
 
 private:
     static void Take(const char* key, DBusMessageIter& value, SR_DBusCredentials& result) {
@@ -145,7 +156,7 @@ SR_DBusCredentials::SR_DBusCredentials() : uidKnown(false), pidKnown(false), uid
 
 SR_DBusCredentials::SR_DBusCredentials(SR_DBusConnection& connection, const std::string& busName)
     : SR_DBusCredentials() {
-    SR_DBusCallMessage call = Impl::Question(busName);
+    SR_DBusCallMessage call = Impl::Call(busName);
     const SR_DBusMessage reply = connection.SendReplyAndBlock(call, -1);
     if (!Impl::Read(SR_DBusMessage::Impl::Of(reply), *this)) {
         throw SR_DBusException("org.freedesktop.DBus.Error.InvalidArgs", "type mismatch");
@@ -154,24 +165,18 @@ SR_DBusCredentials::SR_DBusCredentials(SR_DBusConnection& connection, const std:
 
 bool SR_DBusCredentials::Ask(SR_DBusConnection& connection, const std::string& busName,
                              const Slot<void, const SR_DBusCredentials*>& answer) {
-    const SR_DBusCallMessage call = Impl::Question(busName);
-    DBusPendingCall* pending = nullptr;
-    if (!dbus_connection_send_with_reply(SR_DBusConnection::Impl::Of(connection),
-                                         SR_DBusMessage::Impl::Of(call), &pending, -1) ||
-        pending == nullptr) {
+    DBusConnection* const handle = SR_DBusConnection::Impl::Of(connection);
+    dbus_uint32_t serial = 0;
+    if (dbus_connection_get_is_connected(handle) == 0 ||
+        !connection.Send(Impl::Call(busName), &serial)) {
         return false;
     }
-    // libdbus holds the pending call until it is answered; our own reference can go at once.
-    auto kept = std::make_unique<Slot<void, const SR_DBusCredentials*> >(answer);
-    const bool set =
-        dbus_pending_call_set_notify(pending, Impl::Answered, kept.get(), Impl::Forget) != 0;
-    if (set) {
-        (void)kept.release();
-    } else {
-        dbus_pending_call_cancel(pending);
+    std::unique_ptr<Impl::Question> question(new Impl::Question{serial, answer});
+    if (dbus_connection_add_filter(handle, Impl::Filter, question.get(), Impl::Forget) == 0) {
+        return false;
     }
-    dbus_pending_call_unref(pending);
-    return set;
+    (void)question.release();
+    return true;
 }
 
 bool SR_DBusCredentials::GetUid(uid_t& result) const {

@@ -25,11 +25,10 @@ public:
     // not on the bus.
     SR_DBusCredentials(SR_DBusConnection& connection, const std::string& busName);
 
-    // Asks the bus and returns at once; the dispatcher's loop calls `answer` later, exactly once,
-    // with the credentials, or with null when the bus has none or did not answer in time. They live
-    // during that call. When the bus or the connection goes away first, `answer` is never called;
-    // it is released with the connection at the latest. What it throws is dropped. False, and never
-    // a call, when out of memory or no longer connected.
+    // Asks the bus and returns at once; the dispatcher's loop calls `answer` later, once, with the
+    // credentials, or with null when the bus has none. They live during that call. When the bus or
+    // the connection goes away first, `answer` is never called; it is released with the connection.
+    // What it throws is dropped. False, and never a call, when out of memory or not connected.
     static bool Ask(SR_DBusConnection& connection, const std::string& busName,
                     const Slot<void, const SR_DBusCredentials*>& answer);
 
