@@ -30,14 +30,13 @@ const char* BaseName(const char* file) {
 void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
                           const std::stringstream& text) {
     // Composed before the level is looked at: a dropped line costs what a written one does.
-    std::string entry("[SR] [");
-    entry += BaseName(file);
-    entry += "(";
-    entry += function;
-    entry += "() +";
-    entry += std::to_string(line);
-    entry += ")]";
-    entry += text.str();
+    const char* base = BaseName(file);
+    const std::string number = std::to_string(line);
+    const std::string body = text.str();
+    std::string entry;
+    entry.reserve(std::strlen(base) + std::strlen(function) + number.size() + body.size() + 16);
+    entry.append("[SR] [").append(base).append("(").append(function).append("() +");
+    entry.append(number).append(")]").append(body);
 
     switch (level) {
         case DBG:
