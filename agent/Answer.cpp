@@ -3,33 +3,29 @@
 
 #include <sentrel/SR_Status.h>
 
-#include <cstdio>
+#include <exception>
 #include <string>
 
 namespace agent {
 
-Answer::Answer(sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call)
-    : sender(adaptor), asked(call), given(false) {}
+Answer::Answer(sentrel::SR_DBusAdaptor& servingAdaptor,
+               const sentrel::SR_DBusCallMessage& receivedCall)
+    : adaptor(servingAdaptor), call(receivedCall), status(SR_FAIL), value(0) {}
 
 Answer::~Answer() {
     try {
-        Give(SR_FAIL, 0);
-    } catch (...) {
-        // No memory for a reply: the caller's wait ends with its own limit.
+        sentrel::SR_DBusReturnMessage reply(call);
+        if (reply.GetWriter().AppendString(std::to_string(status) + " " + std::to_string(value))) {
+            (void)adaptor.Reply(call, reply);
+        }
+    } catch (const std::exception&) {
+        // Out of memory: the caller's wait ends with its timeout.
     }
 }
 
-void Answer::Give(int status, int returnValue) {
-    if (given) {
-        return;
-    }
-    sentrel::SR_DBusReturnMessage reply(asked);
-    (void)reply.GetWriter().AppendString(std::to_string(status) + " " +
-                                         std::to_string(returnValue));
-    given = true;
-    (void)sender.Reply(asked, reply);
-    std::fprintf(stderr, "sentrel-agent: %s: status %d, return value %d\n", description.c_str(),
-                 status, returnValue);
+void Answer::Set(int newStatus, int newValue) {
+    status = newStatus;
+    value = newValue;
 }
 
 }  // namespace agent

@@ -1,150 +1,423 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Child.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/openat2.h>
+#include <poll.h>
+#include <sentrel/SR_Status.h>
+#include <signal.h>
+#include <sys/fsuid.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <vector>
 
-#include "PidFd.h"
+#include "Aftercheck.h"
+#include "OwnedFd.h"
+#include "Pidfd.h"
+#include "Pinning.h"
 
 namespace agent {
 
 namespace {
 
-const char* const kEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
-                                    "SYSTEMD_PAGER=", "SYSTEMD_COLORS=0", nullptr};
+const int kReport = 3;                    // the report pipe's number here
+const std::size_t kLongestSecret = 4096;  // fits into a pipe that nobody reads yet
 
 void ResetSignals() {
+    struct sigaction standard = {};
+    standard.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number) {
-        (void)std::signal(number, number == SIGPIPE ? SIG_IGN : SIG_DFL);
+        (void)sigaction(number, &standard, nullptr);
     }
-    sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    // A caller must not be able to end a tool half-way by closing its descriptor; ignored signals
+    // stay ignored in the tool.
+    standard.sa_handler = SIG_IGN;
+    (void)sigaction(SIGPIPE, &standard, nullptr);
 }
 
-// Puts the tool's descriptors in their places, `report` behind them as number 3, and closes all
-// others. All of these are above 2 at first.
-bool ArrangeDescriptors(int output, int report) {
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (null < 0) {
-        return false;
+void BlockSignals(bool termination) {
+    sigset_t blocked;
+    (void)sigemptyset(&blocked);
+    if (termination) {
+        (void)sigaddset(&blocked, SIGTERM);
     }
-    const int target = output >= 0 ? output : null;
-    if (dup2(null, 0) < 0 || dup2(target, 1) < 0 || dup2(target, 2) < 0) {
-        return false;
-    }
-    return (report == 3 || dup3(report, 3, O_CLOEXEC) == 3) && close_range(4, ~0U, 0) == 0;
+    (void)sigprocmask(SIG_SETMASK, &blocked, nullptr);
 }
+
+// A descriptor that becomes readable when the agent wants the operation to end.
+int WatchTermination() {
+    sigset_t awaited;
+    (void)sigemptyset(&awaited);
+    (void)sigaddset(&awaited, SIGTERM);
+    return signalfd(-1, &awaited, SFD_CLOEXEC);
+}
+
+// 0 is /dev/null, 1 and 2 the output, 3 the report; all else is closed.
+bool ArrangeDescriptors(const ChildSetup& setup) {
+    const int null = open("/dev/null", O_RDWR);
+    const int sources[] = {null, setup.output >= 0 ? setup.output : null,
+                           setup.output >= 0 ? setup.output : null, setup.report};
+    int high[4];
+    for (int i = 0; i < 4; ++i) {
+        high[i] = fcntl(sources[i], F_DUPFD, 4);
+        if (high[i] < 0) {
+            return false;
+        }
+    }
+    for (int i = 0; i < 4; ++i) {
+        if (dup2(high[i], i) < 0) {
+            return false;
+        }
+    }
+    return fcntl(kReport, F_SETFD, FD_CLOEXEC) == 0 && syscall(SYS_close_range, 4U, ~0U, 0U) == 0;
+}
+
+// A parent that died before this was said is no longer the parent.
+bool DieWith(pid_t parent) {
+    return prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent;
+}
+
+void Limit(int resource, rlim_t most) {
+    rlimit limit = {};
+    if (getrlimit(static_cast<__rlimit_resource_t>(resource), &limit) == 0) {
+        limit.rlim_max = std::min(limit.rlim_max, most);
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
+    }
+}
+
+// A number of processes is not among them: root is exempt from it.
+void LimitTool(const std::string& agentName) {
+    // Mounting and unmounting keep a small table below /run; the other tools write no files.
+    const bool writes = agentName.find("mount") != std::string::npos;
+    Limit(RLIMIT_FSIZE, writes ? 1048576 : 0);
+    Limit(RLIMIT_NOFILE, 64);
+    Limit(RLIMIT_CORE, 0);
+    Limit(RLIMIT_CPU, 10);
+    Limit(RLIMIT_AS, 268435456);
+}
+
+// False when the time has passed first, or `stop` (-1: none) became readable.
+bool WaitReadable(int fd, int stop, std::chrono::steady_clock::time_point until) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            until - std::chrono::steady_clock::now() + std::chrono::microseconds(999));
+        pollfd slots[] = {{fd, POLLIN, 0}, {stop, POLLIN, 0}};
+        const int ready = poll(slots, 2, static_cast<int>(std::max<long long>(left.count(), 0)));
+        if (ready >= 0) {
+            return slots[0].revents != 0;
+        }
+    }
+}
+
+class RequestChild {
+public:
+    RequestChild(const Permit& granted, const Caller& asking, const ChildSetup& given)
+        : plan(granted.GetPlan()), caller(asking), setup(given) {}
+
+    [[noreturn]] void Run() {
+        ChildReport report;
+        std::string reason;
+        report.status = SR_FORK_FAILED;
+        if (!Prepare()) {
+            reason = "the tool's process cannot be set up";
+        } else if (PinPaths(report, reason) && OpenSecret(report, reason) &&
+                   StartTool(report, reason)) {
+            AwaitTool(report, reason);
+        }
+        Finish(report, reason);
+    }
+
+private:
+    bool Prepare() {
+        ResetSignals();
+        BlockSignals(true);
+        (void)setsid();
+        (void)umask(022);
+        Limit(RLIMIT_CORE, 0);  // may hold a secret
+        if (!DieWith(setup.parent) || chdir("/") != 0 || !ArrangeDescriptors(setup)) {
+            return false;
+        }
+        termination.Reset(WatchTermination());
+        return static_cast<bool>(termination);
+    }
+
+    // Rebuilds the arguments with the pinned paths in the places of the named ones.
+    bool PinPaths(ChildReport& report, std::string& reason) {
+        if (plan.argv.empty()) {
+            report.status = SR_FAIL;
+            reason = "there is no tool to run";
+            return false;
+        }
+        report.status = CheckTool(plan.argv[0], reason);
+        if (report.status != SR_OK) {
+            return false;
+        }
+        const bool hasDirectory =
+            std::any_of(plan.pins.begin(), plan.pins.end(),
+                        [](const Pin& pin) { return pin.kind == Pin::kDirectory; });
+        if (!plan.requiredMountFlags.empty() && !hasDirectory) {
+            report.status = SR_FAIL;
+            reason = "there is no mount point to look at afterwards";
+            return false;
+        }
+        arguments = plan.argv;
+        for (const Pin& pin : plan.pins) {
+            pinned.emplace_back();
+            if (pin.argument == 0 || pin.argument >= arguments.size() ||
+                !PinPath(pin, pinned.back(), reason)) {
+                report.status = SR_RULE_NO_FOUND;
+                return false;
+            }
+            arguments[pin.argument] = pinned.back().Reach();
+        }
+        return true;
+    }
+
+    bool OpenSecret(ChildReport& report, std::string& reason) {
+        std::string text = plan.secret;
+        if (!plan.secretFile.empty() && !ReadSecretFile(text)) {
+            report.status = SR_RULE_NO_FOUND;
+            reason = "the file with the secret cannot be read as the caller's own";
+            return false;
+        }
+        if (text.empty()) {
+            return true;
+        }
+        int ends[2];
+        report.status = SR_FORK_FAILED;
+        reason = "the secret cannot be handed on";
+        if (text.size() > kLongestSecret || pipe2(ends, O_CLOEXEC) != 0) {
+            return false;
+        }
+        secret.Reset(ends[0]);
+        const OwnedFd writer(ends[1]);
+        return write(writer.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    }
+
+    // With the caller's file-system ids and groups for the time of the opening.
+    bool ReadSecretFile(std::string& text) const {
+        const bool root = geteuid() == 0;
+        if (root) {
+            const gid_t group = caller.groups.empty() ? 65534 : caller.groups.front();
+            if (setgroups(caller.groups.size(), caller.groups.data()) != 0) {
+                return false;
+            }
+            (void)setfsgid(group);
+            (void)setfsuid(caller.uid);
+            if (static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) != caller.uid) {
+                return false;
+            }
+        }
+        open_how how = {};
+        // Not blocking: it may be a pipe by now.
+        how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+        how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+        const OwnedFd file(static_cast<int>(
+            syscall(SYS_openat2, AT_FDCWD, plan.secretFile.c_str(), &how, sizeof how)));
+        if (root) {
+            (void)setfsuid(0);
+            (void)setfsgid(0);
+            (void)setgroups(0, nullptr);
+            // The change of ids took the death signal back.
+            if (!DieWith(setup.parent)) {
+                return false;
+            }
+        }
+        struct stat found = {};
+        if (!file || fstat(file.Get(), &found) != 0 || !S_ISREG(found.st_mode) ||
+            found.st_uid != caller.uid) {
+            return false;
+        }
+        char content[kLongestSecret];
+        const ssize_t count = read(file.Get(), content, sizeof content);
+        if (count <= 0) {
+            return false;
+        }
+        text.assign(content, static_cast<std::size_t>(count));
+        return true;
+    }
+
+    bool StartTool(ChildReport& report, std::string& reason) {
+        report.status = SR_FORK_FAILED;
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            reason = "the tool's process cannot be started";
+            return false;
+        }
+        const OwnedFd failure(ends[0]);
+        OwnedFd failureWriter(ends[1]);
+        const pid_t self = getpid();
+        Tell(ChildReport::kToolStarting);  // before the tool can show itself
+        tool = fork();
+        if (tool == 0) {
+            ExecTool(self, failureWriter.Get());
+        }
+        pidfd.Reset(tool > 0 ? OpenProcess(tool) : -1);
+        if (!pidfd) {
+            reason = "the tool's process cannot be started";
+            return false;  // one that did start dies with this process
+        }
+        failureWriter.Reset();
+        int error = 0;
+        if (read(failure.Get(), &error, sizeof error) != static_cast<ssize_t>(sizeof error)) {
+            return true;  // closed by the exec
+        }
+        reason = plan.argv[0] + ": " + std::strerror(error);
+        return false;
+    }
+
+    [[noreturn]] void ExecTool(pid_t parent, int failure) {
+        std::vector<std::string> environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+                                                "LANG=C.UTF-8",
+                                                "SYSTEMD_PAGER=", "SYSTEMD_COLORS=0"};
+        bool ready = DieWith(parent) && setsid() > 0;
+        if (secret) {
+            environment.push_back("PASSWD_FD=" + std::to_string(secret.Get()));
+            ready = ready && fcntl(secret.Get(), F_SETFD, 0) == 0;
+        }
+        for (const PinnedPath& path : pinned) {
+            ready = ready && fcntl(path.Inherited(), F_SETFD, 0) == 0;
+        }
+        if (geteuid() == 0) {
+            ready = ready && setgroups(0, nullptr) == 0;
+        }
+        LimitTool(plan.agent);
+        BlockSignals(false);
+        if (ready) {
+            const std::vector<char*> argv = Pointers(arguments);
+            const std::vector<char*> envp = Pointers(environment);
+            (void)execve(argv[0], argv.data(), envp.data());
+        }
+        const int error = errno;
+        (void)!write(failure, &error, sizeof error);
+        _exit(127);
+    }
+
+    static std::vector<char*> Pointers(std::vector<std::string>& texts) {
+        std::vector<char*> pointers;
+        for (std::string& text : texts) {
+            pointers.push_back(&text[0]);
+        }
+        pointers.push_back(nullptr);
+        return pointers;
+    }
+
+    void AwaitTool(ChildReport& report, std::string& reason) {
+        const bool late = !WaitReadable(pidfd.Get(), termination.Get(), setup.deadline);
+        const bool ending = late && std::chrono::steady_clock::now() < setup.deadline;
+        if (late) {
+            Signal(SIGTERM);
+            if (!WaitReadable(pidfd.Get(), -1,
+                              std::chrono::steady_clock::now() + setup.killAfter)) {
+                Signal(SIGKILL);
+            }
+        }
+        siginfo_t end = {};
+        while (waitid(P_PIDFD, static_cast<id_t>(pidfd.Get()), &end, WEXITED | WNOWAIT) != 0 &&
+               errno == EINTR) {
+        }
+        if (late) {
+            Signal(
+                SIGKILL);  // those of its group that outlived it; the zombie keeps the group's id
+        }
+        (void)Reap(pidfd.Get());
+        Tell(ChildReport::kToolEnded);
+        (end.si_code == CLD_EXITED ? report.exit : report.signal) = end.si_status;
+        report.status = late ? SR_WAITPID_FAILED : SR_OK;
+        report.value = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
+        if (late) {
+            reason = ending ? "the agent is ending" : "the deadline passed";
+        }
+        std::string found;
+        if (!LookAfter(!late && report.value == 0, found)) {
+            report.status = late ? SR_WAITPID_FAILED : SR_FAIL;
+            reason = late ? reason + "; " + found : found;
+        }
+    }
+
+    // The group, and the tool itself while it has not made its group yet.
+    void Signal(int number) const {
+        (void)kill(-tool, number);
+        (void)SignalProcess(pidfd.Get(), number);
+    }
+
+    bool LookAfter(bool toolSucceeded, std::string& reason) const {
+        const PinnedPath* directory = nullptr;  // the last one is the mount point
+        for (const PinnedPath& path : pinned) {
+            if (toolSucceeded && path.pin.kind == Pin::kParent && !FinishNode(path, plan, reason)) {
+                return false;
+            }
+            if (path.pin.kind == Pin::kDirectory &&
+                (directory == nullptr || path.pin.argument > directory->pin.argument)) {
+                directory = &path;
+            }
+        }
+        return plan.requiredMountFlags.empty() ||
+               CheckMount(*directory, plan.requiredMountFlags, toolSucceeded, reason);
+    }
+
+    static void Tell(ChildReport::Stage stage) {
+        ChildReport report;
+        report.stage = stage;
+        (void)!write(kReport, &report, sizeof report);
+    }
+
+    [[noreturn]] static void Finish(ChildReport& report, const std::string& reason) {
+        if (report.status != SR_OK) {
+            report.value = 0;
+            (void)snprintf(report.reason, sizeof report.reason, "%s", reason.c_str());
+        }
+        report.stage = ChildReport::kFinished;
+        (void)!write(kReport, &report, sizeof report);
+        if (report.status != SR_OK) {
+            const std::string line = reason + "\n";
+            (void)!write(STDOUT_FILENO, line.data(), line.size());
+        }
+        _exit(0);
+    }
+
+    const Plan& plan;
+    const Caller& caller;
+    const ChildSetup& setup;
+    std::vector<std::string> arguments;
+    std::vector<PinnedPath> pinned;
+    OwnedFd secret;
+    pid_t tool = -1;
+    OwnedFd pidfd;
+    OwnedFd termination;
+};
 
 }  // namespace
 
-Child::Child(pid_t childPid, Fd childPidfd)
-    : pid(childPid), pidfd(std::move(childPidfd)), ended(false), exitCode(-1) {}
-
-std::unique_ptr<Child> Child::Fork(const std::function<int()>& body) {
-    const pid_t pid = fork();
-    if (pid < 0) {
-        return nullptr;
-    }
-    if (pid == 0) {
-        int code = 127;
-        try {
-            code = body();
-        } catch (...) {
-        }
-        _exit(code);
-    }
-    Fd pidfd(PidFdOpen(pid));
-    if (!pidfd.Open()) {
-        // Without it the end could not be seen: no child then.
-        const int reason = errno;
-        (void)kill(pid, SIGKILL);
-        (void)waitpid(pid, nullptr, 0);
-        errno = reason;
-        return nullptr;
-    }
-    return std::unique_ptr<Child>(new Child(pid, std::move(pidfd)));
+[[noreturn]] void RunChild(const Permit& permit, const Caller& caller, const ChildSetup& setup) {
+    RequestChild(permit, caller, setup).Run();
 }
 
-Child::~Child() {
-    if (!Ended()) {
-        Kill();
-        // Not waited for: a child that cannot die would take the agent with it. It is left to
-        // init when the agent ends.
-        (void)Ended();
+int CheckTool(const std::string& path, std::string& reason) {
+    struct stat found = {};
+    if (path.empty() || path[0] != '/' || stat(path.c_str(), &found) != 0) {
+        reason = path + ": the tool is not on this system";
+        return SR_FEATURE_ISNT_IMPLEMENTED;
     }
-}
-
-bool Child::Ended() {
-    if (ended) {
-        return true;
+    const bool owned = found.st_uid == 0 || found.st_uid == geteuid();
+    if (!S_ISREG(found.st_mode) || !owned || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
+        access(path.c_str(), X_OK) != 0) {
+        reason = path + ": the tool is not to be trusted: others may write it, or it is no program";
+        return SR_FORK_FAILED;
     }
-    siginfo_t end = {};
-    const int result = waitid(P_PIDFD, static_cast<id_t>(pidfd.Get()), &end, WEXITED | WNOHANG);
-    if (result == 0 && end.si_pid == 0) {
-        return false;
-    }
-    if (result != 0 && errno == EINTR) {
-        return false;
-    }
-    ended = true;
-    if (result == 0) {
-        exitCode = end.si_code == CLD_EXITED ? end.si_status : 128 + end.si_status;
-    }
-    return true;
-}
-
-bool Child::ExitCode(int& code) const {
-    if (!ended || exitCode < 0) {
-        return false;
-    }
-    code = exitCode;
-    return true;
-}
-
-void Child::Kill() {
-    if (!ended) {
-        (void)PidFdSignal(pidfd.Get(), SIGKILL);
-    }
-}
-
-void Child::SignalGroup(int signal) {
-    // Not reaped, so the number is still this child's, and so is the group's.
-    if (!ended) {
-        (void)kill(-pid, signal);
-        (void)PidFdSignal(pidfd.Get(), signal);
-    }
-}
-
-int BecomeTool(const ToolStart& start, int report, pid_t agentPid) {
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(start.program.c_str()));
-    for (const std::string& word : start.words) {
-        argv.push_back(const_cast<char*>(word.c_str()));
-    }
-    argv.push_back(nullptr);
-    const rlimit noCore = {0, 0};
-
-    (void)setsid();
-    (void)umask(022);
-    (void)setrlimit(RLIMIT_CORE, &noCore);
-    ResetSignals();
-    bool good = prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == agentPid && chdir("/") == 0;
-    if (good) {
-        good = ArrangeDescriptors(start.output, report);
-        report = good ? 3 : report;
-    }
-    if (good) {
-        (void)execve(start.program.c_str(), argv.data(), const_cast<char* const*>(kEnvironment));
-    }
-    const int reason = errno;
-    (void)write(report, &reason, sizeof(reason));
-    return 127;
+    return SR_OK;
 }
 
 }  // namespace agent

@@ -1,64 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
-// A child process, held by a pidfd: it is signalled and reaped through it and never by a number
-// that may belong to somebody else. Lives on the loop's thread; the process has no other.
+// What a request's own process does. It pins the caller's paths, starts the tool as its child,
+// waits for it, ends it at the deadline, looks at the result, and reports. So every path that a
+// caller names is touched here and never in the agent: one that hangs holds up one request.
+//
+// SIGTERM to this process is a deadline that passes at once. The agent's death takes the process
+// along, and its death takes the tool.
 #ifndef SENTREL_AGENT_CHILD_H
 #define SENTREL_AGENT_CHILD_H
 
-#include <sys/types.h>
-
-#include <functional>
-#include <memory>
+#include <chrono>
 #include <string>
-#include <vector>
 
-#include "Fd.h"
+#include "Permit.h"
 
 namespace agent {
 
-class Child {
-public:
-    // Forks, and runs `body` in the child, which it ends by _exit(2) with what `body` returns. Null
-    // with errno set when the child could not be made.
-    static std::unique_ptr<Child> Fork(const std::function<int()>& body);
-
-    // An unfinished child is killed.
-    ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    // Readable once the child has ended.
-    int PidFd() const { return pidfd.Get(); }
-    // Whether it has ended. Never blocks.
-    bool Ended();
-    // The end, after Ended(): the exit code, or 128 and the number of the signal that ended it.
-    // False when the end could not be learned.
-    bool ExitCode(int& code) const;
-
-    void Kill();
-    // To the process group that the child leads. Does nothing once it has ended.
-    void SignalGroup(int signal);
-
-private:
-    Child(pid_t childPid, Fd childPidfd);
-
-    pid_t pid;
-    Fd pidfd;
-    bool ended;
-    int exitCode;  // -1: not known
+// Written whole into the report pipe; at most one of each stage, in this order.
+struct ChildReport {
+    enum Stage { kNothing, kToolStarting, kToolEnded, kFinished };
+    Stage stage = kNothing;
+    int status = 0;
+    int value = 0;
+    int exit = -1;
+    int signal = 0;
+    char reason[256] = {};
 };
 
-// What a tool is started with.
-struct ToolStart {
-    std::string program;             // absolute path
-    std::vector<std::string> words;  // its arguments, without the program's name
-    int output = -1;                 // its standard output and error; negative for none
+struct ChildSetup {
+    int output = -1;  // for the tool's output and a refusal's reason; -1: none
+    int report = -1;
+    std::chrono::steady_clock::time_point deadline;
+    std::chrono::milliseconds killAfter{0};  // from the polite signal to the other
+    pid_t parent = 0;
 };
 
-// Becomes the tool: own session and process group, standard input /dev/null, no other descriptor,
-// an environment made from nothing, all signals at their defaults but for an ignored SIGPIPE, so
-// that a caller that stops reading cannot end a tool half-way. Dies with the agent. Returns only
-// when that failed, after writing errno as an int into `report`. For the body of a Child.
-int BecomeTool(const ToolStart& start, int report, pid_t agentPid);
+// Ends with _exit; runs nothing of what the agent has registered to run at its end.
+[[noreturn]] void RunChild(const Permit& permit, const Caller& caller, const ChildSetup& setup);
+
+// Status 0 when the tool may be run; else 10 when it is missing, or 9 when others could have
+// changed it, with a reason. For the program's start; every child looks again.
+int CheckTool(const std::string& path, std::string& reason);
 
 }  // namespace agent
 

@@ -1,91 +1,228 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Two traps lie here. Opening /proc/PID/fd/N makes a new open file with the opener's rights, so
+// root could write through a descriptor that its owner may only read: the descriptor is copied with
+// pidfd_getfd instead. And the process behind the pid may have become a set-uid program since it
+// connected: so before and after the copy the kernel is asked, with the caller's own rights,
+// whether the caller may look into that process, and all three must show the same file.
 #include "Descriptor.h"
 
+#include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/magic.h>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
-#include <sys/vfs.h>
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
 
-#include "PidFd.h"
+#include "Pidfd.h"
 
 namespace agent {
 
 namespace {
 
-const int kNumberLimit = 1048576;
+const int kHighest = 1048576;  // no process has more descriptors than this
 
-bool IsStreamSocket(int fd) {
-    int type = 0;
-    socklen_t length = sizeof(type);
-    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
-}
+// While it lives, this thread asks the kernel with the caller's rights.
+class AsCaller {
+public:
+    AsCaller(uid_t uid, gid_t gid) : active(geteuid() == 0) {
+        if (!active) {
+            return;
+        }
+        DropPtrace(uid);
+        oldGroup = static_cast<gid_t>(setfsgid(gid));
+        oldUser = static_cast<uid_t>(setfsuid(uid));
+    }
+    AsCaller(const AsCaller&) = delete;
+    AsCaller& operator=(const AsCaller&) = delete;
+    ~AsCaller() {
+        if (!active) {
+            return;
+        }
+        (void)setfsuid(oldUser);
+        (void)setfsgid(oldGroup);
+        // An agent that went on with the wrong rights could do anything.
+        if (static_cast<uid_t>(setfsuid(oldUser)) != oldUser ||
+            (dropped && syscall(SYS_capset, &header, kept) != 0)) {
+            abort();
+        }
+    }
 
-// A file whose writes are commands to the kernel is no place for output.
-bool IsOrdinaryFile(int fd) {
-    struct statfs system = {};
-    if (fstatfs(fd, &system) != 0) {
+    // setfsuid reports no failure; asking again tells.
+    static bool Is(uid_t uid) {
+        return geteuid() != 0 || static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == uid;
+    }
+
+private:
+    // With CAP_SYS_PTRACE the kernel would let us look into anything. For a root caller it stays:
+    // without it the kernel lets nobody look into a process with more capabilities than its own,
+    // and there is nothing that root could gain.
+    void DropPtrace(uid_t uid) {
+        if (uid == 0 || syscall(SYS_capget, &header, kept) != 0) {
+            return;
+        }
+        __user_cap_data_struct reduced[2] = {kept[0], kept[1]};
+        reduced[0].effective &= ~(1U << CAP_SYS_PTRACE);
+        dropped = syscall(SYS_capset, &header, reduced) == 0;
+        if (!dropped) {
+            abort();
+        }
+    }
+
+    bool active;
+    bool dropped = false;
+    uid_t oldUser = 0;
+    gid_t oldGroup = 0;
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct kept[2] = {};
+};
+
+// The process's real group. The kernel compares all its groups with the one we ask with, and the
+// bus does not say which of the caller's groups is the first.
+bool GroupOf(const Caller& caller, gid_t& group) {
+    std::ifstream status("/proc/" + std::to_string(caller.pid) + "/status");
+    std::string word;
+    while (status >> word) {
+        if (word == "Gid:") {
+            break;
+        }
+    }
+    if (!(status >> group)) {
         return false;
     }
-    switch (system.f_type) {
-        case PROC_SUPER_MAGIC:
-        case SYSFS_MAGIC:
-        case DEBUGFS_MAGIC:
-        case TRACEFS_MAGIC:
-        case SECURITYFS_MAGIC:
-        case CGROUP_SUPER_MAGIC:
-        case CGROUP2_SUPER_MAGIC:
-            return false;
-        default:
-            return true;
-    }
+    return caller.groups.empty() ||
+           std::find(caller.groups.begin(), caller.groups.end(), group) != caller.groups.end();
 }
 
-// Null when output may go there.
-const char* Objection(int fd) {
+// Without asking the file system, which may be a caller's own program that never answers.
+bool Identify(int fd, struct stat& seen) {
+    struct statx found = {};
+    if (statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &found) != 0) {
+        return false;
+    }
+    seen.st_mode = found.stx_mode;
+    seen.st_ino = found.stx_ino;
+    seen.st_dev = makedev(found.stx_dev_major, found.stx_dev_minor);
+    seen.st_rdev = makedev(found.stx_rdev_major, found.stx_rdev_minor);
+    return true;
+}
+
+bool Look(const Caller& caller, gid_t group, int number, struct stat& seen) {
+    const std::string path =
+        "/proc/" + std::to_string(caller.pid) + "/fd/" + std::to_string(number);
+    OwnedFd file;
+    {
+        const AsCaller rights(caller.uid, group);
+        if (AsCaller::Is(caller.uid)) {
+            file.Reset(open(path.c_str(), O_PATH | O_CLOEXEC));
+        }
+    }
+    return file && Identify(file.Get(), seen);
+}
+
+bool SameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool IsStreamSocket(int fd) {
+    int domain = 0;
+    int type = 0;
+    socklen_t length = sizeof domain;
+    if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) != 0) {
+        return false;
+    }
+    length = sizeof type;
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && domain == AF_UNIX &&
+           type == SOCK_STREAM;
+}
+
+// File systems in which writing is a command to the kernel.
+bool IsControlFileSystem(int fd) {
+    static const long kMagic[] = {PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC,
+                                  TRACEFS_MAGIC,       SECURITYFS_MAGIC, CGROUP_SUPER_MAGIC,
+                                  CGROUP2_SUPER_MAGIC, SELINUX_MAGIC,    SMACK_MAGIC,
+                                  EFIVARFS_MAGIC,      BPF_FS_MAGIC,     0x62656570 /* configfs */,
+                                  BINFMTFS_MAGIC};
+    struct statfs system = {};
+    if (fstatfs(fd, &system) != 0) {
+        return true;
+    }
+    return std::find(std::begin(kMagic), std::end(kMagic), static_cast<long>(system.f_type)) !=
+           std::end(kMagic);
+}
+
+// Empty when it is of a kind that output may go to.
+std::string KindRefusal(int fd, const struct stat& file) {
     const int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || (flags & O_PATH) != 0 || (flags & O_ACCMODE) == O_RDONLY) {
-        return "it is not open for writing";
+        return "the output descriptor is not open for writing";
     }
-    struct stat status = {};
-    if (fstat(fd, &status) != 0) {
-        return "its kind cannot be learned";
+    if (S_ISFIFO(file.st_mode)) {
+        return "";
     }
-    const bool isNull = S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
-    const bool usable = S_ISFIFO(status.st_mode) ||
-                        (S_ISSOCK(status.st_mode) && IsStreamSocket(fd)) || isNull ||
-                        (S_ISCHR(status.st_mode) && isatty(fd) != 0) ||
-                        (S_ISREG(status.st_mode) && IsOrdinaryFile(fd));
-    return usable ? nullptr : "it is of a kind that output does not go to";
+    if (S_ISSOCK(file.st_mode)) {
+        return IsStreamSocket(fd) ? "" : "the output descriptor is a socket of another kind";
+    }
+    if (S_ISREG(file.st_mode)) {
+        return IsControlFileSystem(fd) ? "the output descriptor is a file of the kernel's" : "";
+    }
+    const bool null = S_ISCHR(file.st_mode) && file.st_rdev == makedev(1, 3);
+    if (null || (S_ISCHR(file.st_mode) && isatty(fd) == 1)) {
+        return "";
+    }
+    return "the output descriptor is of a kind that is not written to";
+}
+
+Descriptor Refused(const char* reason) {
+    Descriptor result;
+    result.refusal = reason;
+    return result;
 }
 
 }  // namespace
 
-bool TakeDescriptor(pid_t pid, int number, Fd& taken, std::string& error) {
-    if (number <= 0 || number >= kNumberLimit) {
-        error = "the number is out of range";
-        return false;
+Descriptor TakeDescriptor(const Caller& caller, int number) {
+    if (number <= 0) {
+        return Descriptor();
     }
-    const Fd process(PidFdOpen(pid));
-    if (!process.Open()) {
-        error = std::string("its process cannot be reached: ") + std::strerror(errno);
-        return false;
+    if (number >= kHighest) {
+        return Refused("the output descriptor's number is out of range");
     }
-    Fd found(PidFdGetFd(process.Get(), number));
-    if (!found.Open()) {
-        error = std::string("it cannot be taken over: ") + std::strerror(errno);
-        return false;
+    if (caller.pid <= 0 || caller.uid == static_cast<uid_t>(-1)) {
+        return Refused("the output descriptor's process is not known");
     }
-    const char* objection = Objection(found.Get());
-    if (objection != nullptr) {
-        error = objection;
-        return false;
+    const OwnedFd process(OpenProcess(caller.pid));
+    gid_t group = 0;
+    if (!process || !GroupOf(caller, group)) {
+        return Refused("the output descriptor's process is gone or is not the caller's");
     }
-    taken = std::move(found);
-    return true;
+    struct stat before = {};
+    struct stat taken = {};
+    struct stat after = {};
+    if (!Look(caller, group, number, before)) {
+        return Refused("there is no such output descriptor, or it is not the caller's");
+    }
+    Descriptor result;
+    result.fd.Reset(CopyDescriptor(process.Get(), number));
+    if (!result.fd || !Identify(result.fd.Get(), taken)) {
+        return Refused("the output descriptor cannot be taken");
+    }
+    if (!Look(caller, group, number, after) || !SameFile(before, taken) ||
+        !SameFile(taken, after) || !IsAlive(process.Get())) {
+        return Refused("the output descriptor changed while it was taken");
+    }
+    result.refusal = KindRefusal(result.fd.Get(), taken);
+    if (!result.refusal.empty()) {
+        result.fd.Reset();
+    }
+    return result;
 }
 
 }  // namespace agent

@@ -1,22 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
-// The caller's descriptor. It is taken over as the open file that the caller has, never opened
-// again by path: an open by a root process would have root's rights, whatever the caller's has.
+// The caller's output descriptor, taken from the caller's process.
+//
+// Threads: the agent's one thread. For the moment of the look its file-system ids and effective
+// capabilities are the caller's; they are its own again on return, or the process ends.
 #ifndef SENTREL_AGENT_DESCRIPTOR_H
 #define SENTREL_AGENT_DESCRIPTOR_H
 
-#include <sys/types.h>
-
 #include <string>
 
-#include "Fd.h"
+#include "OwnedFd.h"
+#include "Permit.h"
 
 namespace agent {
 
-// Takes descriptor `number` of process `pid` over into `taken`, when it is open for writing and a
-// pipe, a stream socket, a terminal, /dev/null or an ordinary file. False with the reason in
-// `error` otherwise; `taken` is then left alone. The status flags are shared with the caller and
-// must not be changed.
-bool TakeDescriptor(pid_t pid, int number, Fd& taken, std::string& error);
+struct Descriptor {
+    OwnedFd fd;           // none: no output is wanted, or it was refused
+    std::string refusal;  // a plain reason; empty: not refused
+};
+
+// The open file itself, never a new opening of it. Number <= 0: no output is wanted. Nothing is
+// ever written to it here, and its flags are left as they are.
+Descriptor TakeDescriptor(const Caller& caller, int number);
 
 }  // namespace agent
 

@@ -1,55 +1,53 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leads each request through the rooms: gate, parse, decide, run, answer. Lives on the loop's
-// thread; connection and loop must outlive it.
+// The agent's front: the gate, and behind it the question to the bus who is calling. What comes out
+// is a call with its caller.
+//
+// What was passed in to Serve() is called on the loop's thread. The connection must outlive the
+// object; whoever holds answers must let go of them first.
 #ifndef SENTREL_AGENT_SERVICE_H
 #define SENTREL_AGENT_SERVICE_H
 
 #include <sentrel/SR_DBusConnection.h>
-#include <sentrel/SR_MainLoop.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
-#include "Decider.h"
+#include "Callers.h"
 #include "Gate.h"
-#include "Runner.h"
 
 namespace agent {
 
-struct Settings {
-    bool allowAll = false;
-    int deadlineSeconds = 20;
-    std::string toolPath;  // directories with colons between them
+// A request and all that belongs to it.
+struct Arrival {
+    Call call;
+    Caller caller;
+    std::chrono::steady_clock::time_point received;
+    SharedAnswer answer;
 };
 
 class Service {
 public:
-    // Registers the object; the name is the caller's to request. Throws SR_DBusException.
-    Service(sentrel::SR_DBusConnection& bus, sentrel::SR_MainLoop& loop, const Settings& given);
+    typedef std::function<void(const Arrival&)> OnRequest;
+    typedef std::function<void(const Question&, const Caller&, TextReply&)> OnQuestion;
 
+    // Registers the object; the name is to be requested later. Throws SR_DBusException.
+    explicit Service(sentrel::SR_DBusConnection& bus);
+
+    // Who takes what comes; until then every call fails.
+    void Serve(const OnRequest& onRequest, const OnQuestion& onQuestion);
     // Whether the bus is still there.
     bool Connected() const { return gate.Connected(); }
-    // To be called in every turn of the loop.
-    void Turn() { runner.Turn(); }
-    // What is under way is brought to an end, and nothing new is taken on.
-    void EndAll() { runner.EndAll(); }
-    bool Settled() const { return runner.Settled(); }
 
 private:
-    struct Caller;
+    void TakeCall(const Call& call, const SharedAnswer& answer);
+    void TakeQuestion(const Question& question, const std::shared_ptr<TextReply>& reply);
 
-    void Handle(const Request& request, OwedAnswer answer);
-    // False, with the reason, when the descriptor cannot be used. A number of 0 or less asks for
-    // no output, and that is well.
-    static bool TakeOutput(const Request& request, const Caller& caller, Output& output,
-                           std::string& error);
-
-    sentrel::SR_DBusConnection connection;
-    Settings settings;
-    Decider decider;
-    // The answers in the runner go before the gate that they are sent through.
+    OnRequest requests;
+    OnQuestion questions;
     Gate gate;
-    Runner runner;
+    Callers callers;  // goes first: holds answers that are sent through the gate
 };
 
 }  // namespace agent

@@ -1,132 +1,103 @@
 // SPDX-License-Identifier: Apache-2.0
+// See Words.h.
 #include "Words.h"
 
-#include <cstring>
+#include "Text.h"
 
 namespace agent {
 
 namespace {
 
-const char kAfterBackslashInQuotes[] = "\"\\$`";
-
-bool IsBlank(char c) {
-    return c == ' ' || c == '\t';
-}
-
-bool IsControl(char c) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7f;
-}
-
 class Splitter {
 public:
-    explicit Splitter(const std::string& given) : text(given), at(0), problem(nullptr) {}
-
-    // Null when all is well.
-    const char* Split(std::vector<std::string>& words) {
-        for (;;) {
-            while (at < text.size() && IsBlank(text[at])) {
-                ++at;
+    bool Run(const std::string& text, std::string& error) {
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const char c = text[i];
+            if (c == '\\' && quote != '\'') {
+                if (i + 1 == text.size()) {
+                    error = "the arguments end in a backslash";
+                    return false;
+                }
+                TakeEscaped(text[i + 1], i);
+            } else {
+                Take(c);
             }
-            if (at == text.size()) {
-                return nullptr;
-            }
-            if (words.size() == kMostWords) {
-                return "too many words";
-            }
-            std::string word;
-            if (!ReadWord(word)) {
-                return problem;
-            }
-            words.push_back(word);
         }
+        if (quote != 0) {
+            error = "a quote is left open";
+            return false;
+        }
+        EndWord();
+        return true;
     }
+
+    std::vector<std::string> words;
 
 private:
-    bool Fail(const char* reason) {
-        problem = reason;
-        return false;
-    }
-
-    bool Append(std::string& word, char c) {
-        if (IsControl(c)) {
-            return Fail("a control character");
+    void TakeEscaped(char next, std::size_t& i) {
+        inWord = true;
+        const bool special = next == '"' || next == '\\' || next == '$' || next == '`';
+        if (quote == '"' && !special) {
+            word += '\\';
+            return;
         }
-        word += c;
-        return true;
+        word += next;
+        ++i;
     }
 
-    bool ReadWord(std::string& word) {
-        while (at < text.size() && !IsBlank(text[at])) {
-            const char c = text[at++];
-            bool good = false;
-            if (c == '\'') {
-                good = ReadSingleQuoted(word);
-            } else if (c == '"') {
-                good = ReadDoubleQuoted(word);
-            } else if (c != '\\') {
-                good = Append(word, c);
-            } else if (at == text.size()) {
-                good = Fail("a backslash at the end");
+    void Take(char c) {
+        if (quote != 0) {
+            if (c == quote) {
+                quote = 0;
             } else {
-                good = Append(word, text[at++]);
+                word += c;
             }
-            if (!good) {
-                return false;
-            }
+        } else if (c == '\'' || c == '"') {
+            quote = c;
+            inWord = true;
+        } else if (c == ' ' || c == '\t') {
+            EndWord();
+        } else {
+            word += c;
+            inWord = true;
         }
-        return true;
     }
 
-    bool ReadSingleQuoted(std::string& word) {
-        while (at < text.size()) {
-            const char c = text[at++];
-            if (c == '\'') {
-                return true;
-            }
-            if (!Append(word, c)) {
-                return false;
-            }
+    void EndWord() {
+        if (inWord) {
+            words.push_back(word);
         }
-        return Fail("a quote that is not closed");
+        word.clear();
+        inWord = false;
     }
 
-    bool ReadDoubleQuoted(std::string& word) {
-        while (at < text.size()) {
-            char c = text[at++];
-            if (c == '"') {
-                return true;
-            }
-            if (c == '\\' && at < text.size() && text[at] != '\0' &&
-                std::strchr(kAfterBackslashInQuotes, text[at]) != nullptr) {
-                c = text[at++];
-            }
-            if (!Append(word, c)) {
-                return false;
-            }
-        }
-        return Fail("a quote that is not closed");
-    }
-
-    const std::string& text;
-    std::size_t at;
-    const char* problem;
+    std::string word;
+    bool inWord = false;
+    char quote = 0;
 };
 
 }  // namespace
 
 bool SplitWords(const std::string& text, std::vector<std::string>& words, std::string& error) {
-    if (text.size() > kMostBytes) {
-        error = "too long";
+    if (text.size() > kLongestText) {
+        error = "the arguments are longer than 8192 bytes";
         return false;
     }
-    std::vector<std::string> found;
-    const char* problem = Splitter(text).Split(found);
-    if (problem != nullptr) {
-        error = problem;
+    Splitter splitter;
+    if (!splitter.Run(text, error)) {
         return false;
     }
-    words.swap(found);
+    if (splitter.words.size() > kMostWords) {
+        error = "there are more than 64 arguments";
+        return false;
+    }
+    for (const std::string& word : splitter.words) {
+        if (HasControl(word)) {
+            error = "the arguments hold a control character";
+            return false;
+        }
+    }
+    words.swap(splitter.words);
     return true;
 }
 

@@ -1,123 +1,48 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// sentrel-agent: carries out what callers of the library ask for.
+// sentrel-agent: carries out what callers of the library ask for, as far as the rules allow it.
 //
-// The order of work: read the options; make sure that descriptors 0 to 2 exist and that the signals
-// are as needed; connect; register the object; only then take the name, so that no call finds it
-// without the object. One thread runs one loop. A turn dispatches the messages that have come,
-// waits for the next event, and lets the runner do what is due. SIGTERM and SIGINT come in through
-// a descriptor like everything else; what is under way is then brought to an end, and the program
-// ends when the last answer has been given.
+// The order of work: make the process a safe place; read the options and the rules; connect;
+// register the object; only then take the name, so that no call finds it without the object. One
+// thread runs one loop; signals come in through a descriptor like everything else. After SIGTERM or
+// SIGINT what is under way is brought to an end, and the program ends when the last answer has been
+// given.
 //
-// Exit status: 0 after SIGTERM or SIGINT, 1 when the bus or the name cannot be had or the bus is
-// lost, 2 for wrong options.
+// Exit status: 0 after SIGTERM or SIGINT; 1 when the rules are wrong at the start, when the bus or
+// the name cannot be had, or when the bus is lost; 2 for wrong options.
 
-#include <getopt.h>
-#include <poll.h>
+#include <fcntl.h>
 #include <sentrel/SR_DBusConnection.h>
 #include <sentrel/SR_DBusDispatcher.h>
 #include <sentrel/SR_DBusError.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 
+#include "Control.h"
+#include "Events.h"
+#include "Mock.h"
+#include "Options.h"
+#include "OwnedFd.h"
+#include "Requests.h"
+#include "RuleStore.h"
 #include "Service.h"
-#include "Tools.h"
 
 namespace {
 
+using agent::Complain;
+
 const int kDoNotQueue = 4;  // libdbus's name flag
-
-const char kHelp[] =
-    "Usage: sentrel-agent [OPTION]...\n"
-    "Serve org.sentrel.sr_agent on the system bus: carry out mount, umount, mknod, insmod, rmmod\n"
-    "and systemctl for callers of the library. In this version every request is refused, unless\n"
-    "--allow-all is given.\n"
-    "\n"
-    "  --allow-all         carry out whatever anybody on the bus asks for, as this user. For "
-    "trying\n"
-    "                      out only: on a bus that others can reach it gives this user's rights "
-    "away\n"
-    "  --deadline SECONDS  end a tool that has run this long, 1 to 20 (default 20)\n"
-    "  --tool-path DIRS    look for the tools in these directories, absolute and with colons "
-    "between\n"
-    "                      them (default /usr/sbin:/usr/bin:/sbin:/bin)\n"
-    "  --help              print this text and exit\n"
-    "  --version           print the version and exit\n"
-    "\n"
-    "The bus is the one named by DBUS_SYSTEM_BUS_ADDRESS, or else the machine's.\n";
-
-void Complain(const std::string& text) {
-    std::fprintf(stderr, "sentrel-agent: %s\n", text.c_str());
-}
-
-bool ReadDeadline(const char* text, int& seconds) {
-    char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value < 1 || value > 20) {
-        Complain(std::string("--deadline: not a number from 1 to 20: ") + text);
-        return false;
-    }
-    seconds = static_cast<int>(value);
-    return true;
-}
-
-bool ReadToolPath(const std::string& text, std::string& directories) {
-    for (std::size_t at = 0; at != std::string::npos; at = text.find(':', at)) {
-        at += at > 0 ? 1U : 0U;
-        if (text.compare(at, 1, "/") != 0) {
-            Complain("--tool-path: not an absolute directory in: " + text);
-            return false;
-        }
-        ++at;
-    }
-    directories = text;
-    return true;
-}
-
-// Less than 0: go on. Otherwise the exit status.
-int ReadOptions(int argc, char** argv, agent::Settings& settings) {
-    enum { kAllowAll = 1, kDeadline, kToolPath, kHelpAsked, kVersion };
-    const option options[] = {{"allow-all", no_argument, nullptr, kAllowAll},
-                              {"deadline", required_argument, nullptr, kDeadline},
-                              {"tool-path", required_argument, nullptr, kToolPath},
-                              {"help", no_argument, nullptr, kHelpAsked},
-                              {"version", no_argument, nullptr, kVersion},
-                              {nullptr, 0, nullptr, 0}};
-    for (int found = 0; (found = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        bool good = true;
-        switch (found) {
-            case kAllowAll:
-                settings.allowAll = true;
-                break;
-            case kDeadline:
-                good = ReadDeadline(optarg, settings.deadlineSeconds);
-                break;
-            case kToolPath:
-                good = ReadToolPath(optarg, settings.toolPath);
-                break;
-            case kHelpAsked:
-                (void)std::fputs(kHelp, stdout);
-                return 0;
-            case kVersion:
-                std::printf("sentrel-agent %s\n", SENTREL_VERSION);
-                return 0;
-            default:
-                good = false;  // getopt_long has complained
-        }
-        if (!good) {
-            return 2;
-        }
-    }
-    if (optind != argc) {
-        Complain(std::string("no operand is expected: ") + argv[optind]);
-        return 2;
-    }
-    return -1;
-}
+const std::chrono::seconds kLongestEnd(5);
 
 // Later descriptors must never be taken for the standard ones.
 bool FillStandardDescriptors() {
@@ -131,18 +56,76 @@ bool FillStandardDescriptors() {
     return fd > 2;
 }
 
-// A descriptor on which SIGTERM and SIGINT arrive; not open when there is none.
-agent::Fd PrepareSignals() {
+// Nothing is taken from the environment but the bus's address.
+bool CleanEnvironment() {
+    const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string kept = address != nullptr ? address : "";
+    return clearenv() == 0 && setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1) == 0 &&
+           (kept.empty() || setenv("DBUS_SYSTEM_BUS_ADDRESS", kept.c_str(), 1) == 0);
+}
+
+// Each request takes some descriptors.
+void RaiseDescriptorLimit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 65536));
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+// A descriptor on which the signals arrive; none when that cannot be had.
+agent::OwnedFd PrepareSignals() {
     (void)std::signal(SIGPIPE, SIG_IGN);
     (void)std::signal(SIGCHLD, SIG_DFL);  // ignored, it would make children vanish unseen
     sigset_t awaited;
-    sigemptyset(&awaited);
-    sigaddset(&awaited, SIGTERM);
-    sigaddset(&awaited, SIGINT);
-    if (sigprocmask(SIG_BLOCK, &awaited, nullptr) != 0) {
-        return agent::Fd();
+    (void)sigemptyset(&awaited);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        (void)sigaddset(&awaited, number);
     }
-    return agent::Fd(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (sigprocmask(SIG_BLOCK, &awaited, nullptr) != 0) {
+        return agent::OwnedFd();
+    }
+    return agent::OwnedFd(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void Report(const agent::LoadResult& result) {
+    for (const std::string& error : result.errors) {
+        Complain("rules: " + error);
+    }
+    for (const std::string& warning : result.warnings) {
+        Complain("rules: warning: " + warning);
+    }
+}
+
+agent::LoadResult Reload(agent::RuleStore& store) {
+    const agent::LoadResult result = store.Load();
+    Report(result);
+    Complain(result.errors.empty()
+                 ? "rules: " + std::to_string(store.Count()) + " loaded"
+                 : std::string("rules: not loaded; the ones of before stay in force"));
+    return result;
+}
+
+// Root's rules are checked as root's by whoever looks at them.
+uid_t RuleOwner(const agent::Options& options) {
+    struct stat found = {};
+    const bool rootsOwn =
+        options.check && stat(options.rules.front().c_str(), &found) == 0 && found.st_uid == 0;
+    return rootsOwn ? 0 : geteuid();
+}
+
+int Check(const agent::Options& options) {
+    agent::RuleStore store(options.rules, RuleOwner(options), options.toolPath);
+    const agent::LoadResult result = store.Load();
+    for (const std::string& error : result.errors) {
+        std::cout << error << "\n";
+    }
+    for (const std::string& warning : result.warnings) {
+        std::cout << warning << " (warning)\n";
+    }
+    std::cout << (result.errors.empty() ? std::to_string(store.Count()) + " rules can be used\n"
+                                        : std::string("the rules cannot be used\n"));
+    return result.errors.empty() ? 0 : 1;
 }
 
 // The library does not report the bus's answer to the request, so the bus is asked who has it.
@@ -156,63 +139,137 @@ bool TakeName(sentrel::SR_DBusConnection& connection) {
     (void)question.GetWriter().AppendString(agent::kName);
     const sentrel::SR_DBusMessage reply = connection.SendReplyAndBlock(question, -1);
     const char* own = connection.GetUniqueName();
-    return own != nullptr && std::strcmp(reply.GetReader().GetString(), own) == 0;
+    if (own != nullptr && std::strcmp(reply.GetReader().GetString(), own) == 0) {
+        return true;
+    }
+    Complain(std::string("another process owns ") + agent::kName + "; it must end first");
+    return false;
 }
 
-int Serve(const agent::Settings& settings, const agent::Fd& signals) {
-    sentrel::SR_DBusDispatcher dispatcher;
-    sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
-    agent::Service service(connection, dispatcher, settings);
-    if (!TakeName(connection)) {
-        Complain(std::string("another process owns ") + agent::kName + "; it must end first");
-        return 1;
-    }
-    bool stop = false;
-    const agent::Watch signalWatch(signals.Get(), POLLIN, dispatcher, [&] {
-        signalfd_siginfo information = {};
-        stop = read(signals.Get(), &information, sizeof(information)) > 0 || stop;
-    });
-    Complain(std::string("serving ") + agent::kName +
-             (settings.allowAll ? ", everything allowed" : ", everything refused"));
+struct Handlers {
+    std::function<void()> onHangUp;
+    std::function<void()> endAll;
+    std::function<bool()> settled;
+};
 
-    bool lost = false;
+// Runs the loop until the end. After SIGTERM, and when the bus is lost, what is under way gets a
+// few seconds.
+int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
+        const agent::OwnedFd& signals, const Handlers& handlers) {
+    bool stop = false;
+    bool late = false;
+    const agent::Watch signalWatch(dispatcher, signals.Get(), [&] {
+        signalfd_siginfo information = {};
+        while (read(signals.Get(), &information, sizeof information) ==
+               static_cast<ssize_t>(sizeof information)) {
+            if (information.ssi_signo == static_cast<unsigned>(SIGHUP)) {
+                handlers.onHangUp();
+            } else {
+                stop = true;
+            }
+        }
+    });
+    std::unique_ptr<agent::Timer> limit;
     for (;;) {
         dispatcher.DispatchPending();
-        lost = !service.Connected();
-        if (stop || lost) {
-            service.EndAll();
+        if (!limit && (stop || !service.Connected())) {
+            if (!service.Connected()) {
+                Complain("the connection to the bus is lost");
+            }
+            limit = std::make_unique<agent::Timer>(
+                dispatcher, std::chrono::steady_clock::now() + kLongestEnd, [&] { late = true; });
+            handlers.endAll();
         }
-        service.Turn();
-        if ((stop || lost) && service.Settled()) {
-            break;
+        if (limit && (late || handlers.settled())) {
+            return service.Connected() ? 0 : 1;
         }
         dispatcher.Dispatch();
     }
-    if (lost) {
-        Complain("the connection to the bus is lost");
+}
+
+int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
+    agent::RuleStore store(options.rules, geteuid(), options.toolPath);
+    const agent::LoadResult loaded = store.Load();
+    Report(loaded);
+    if (!loaded.errors.empty()) {
+        Complain("the rules are wrong; see above");
+        return 1;
     }
-    return lost ? 1 : 0;
+    agent::Audit audit = options.auditToStandardError ? agent::Audit(std::cerr) : agent::Audit();
+    sentrel::SR_DBusDispatcher dispatcher;
+    sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
+    agent::Service service(connection);
+    agent::Requests requests(dispatcher, store, audit, options.limits);
+    agent::Control control(requests, store, [&store] { return Reload(store); });
+    service.Serve([&](const agent::Arrival& arrival) { requests.Take(arrival); },
+                  [&](const agent::Question& question, const agent::Caller& caller,
+                      agent::TextReply& reply) { control.Answer(question, caller, reply); });
+    if (!TakeName(connection)) {
+        return 1;
+    }
+    Complain(std::string("serving ") + agent::kName + ", " + std::to_string(store.Count()) +
+             " rules");
+    Handlers handlers;
+    handlers.onHangUp = [&store] { (void)Reload(store); };
+    handlers.endAll = [&requests] { requests.EndAll(); };
+    handlers.settled = [&requests] { return requests.Settled(); };
+    return Run(dispatcher, service, signals, handlers);
+}
+
+int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
+    std::vector<agent::MockRow> rows;
+    std::vector<std::string> errors;
+    if (!agent::ReadMockTable(options.mock, rows, errors)) {
+        for (const std::string& error : errors) {
+            Complain(error);
+        }
+        return 1;
+    }
+    sentrel::SR_DBusDispatcher dispatcher;
+    sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
+    agent::Service service(connection);
+    agent::Mock mock(dispatcher, rows);
+    service.Serve([&mock](const agent::Arrival& arrival) { mock.Take(arrival); },
+                  [&mock](const agent::Question& question, const agent::Caller& caller,
+                          agent::TextReply& reply) { mock.Answer(question, caller, reply); });
+    if (!TakeName(connection)) {
+        return 1;
+    }
+    Complain(std::string("serving ") + agent::kName + " from a table, " +
+             std::to_string(rows.size()) + " answers");
+    Handlers handlers;
+    handlers.onHangUp = [] { Complain("a table is read at the start only"); };
+    handlers.endAll = [&mock] { mock.EndAll(); };
+    handlers.settled = [] { return true; };
+    return Run(dispatcher, service, signals, handlers);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    agent::Settings settings;
-    settings.toolPath = agent::kToolPath;
-    const int early = ReadOptions(argc, argv, settings);
+    if (argc < 1) {
+        return 2;
+    }
+    if (!FillStandardDescriptors() || !CleanEnvironment()) {
+        return 1;
+    }
+    (void)prctl(PR_SET_DUMPABLE, 0);
+    agent::Options options;
+    const int early = agent::ReadOptions(argc, argv, options);
     if (early >= 0) {
         return early;
     }
-    if (!FillStandardDescriptors()) {
-        return 1;
+    if (options.check) {
+        return Check(options);
     }
-    const agent::Fd signals = PrepareSignals();
-    if (!signals.Open()) {
+    RaiseDescriptorLimit();
+    const agent::OwnedFd signals = PrepareSignals();
+    if (!signals) {
         Complain("the signals cannot be watched");
         return 1;
     }
     try {
-        return Serve(settings, signals);
+        return options.mock.empty() ? ServeRules(options, signals) : ServeMock(options, signals);
     } catch (const sentrel::SR_DBusException& exception) {
         Complain(std::string("the bus: ") + exception.what());
     } catch (const std::exception& exception) {

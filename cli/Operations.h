@@ -7,16 +7,13 @@
 #include <string>
 #include <vector>
 
-namespace cli {
+#include "Options.h"
 
-// Exit statuses of the command's own; those up to 124 are the tool's.
-const int kLastToolStatus = 124;
-const int kUsage = 125;  // also: the exchange failed, or the tool's exit code is above 124
-const int kRefused = 126;
-const int kNobodyThere = 127;
+namespace cli {
 
 struct Operation {
     const char* name;
+    const char* agent;     // the name that the agent knows it by
     const char* operands;  // for the usage line
     int (*call)(const char* args, unsigned int length, int descriptor, int* result);
 };
@@ -26,11 +23,19 @@ const Operation* FindOperation(const std::string& name);
 const std::vector<Operation>& Operations();
 
 // Asks the agent, lets the tool's output appear on standard output, says on standard error what
-// went wrong, if anything, and returns the command's exit status.
-int Carry(const Operation& operation, const std::string& text);
+// went wrong, if anything, and returns the command's exit status. For a program, one JSON object on
+// standard output holds it all.
+int Carry(const Operation& operation, const std::string& text, const Options& options);
+
+// Of a status code, without its prefix.
+const char* StatusName(int status);
+
+// What to do when nobody is there, and when the exchange fails.
+extern const char kStartAgent[];
+extern const char kAskDoctor[];
 
 // Prints the table of status codes.
-void PrintErrors();
+void PrintErrors(const Options& options);
 
 }  // namespace cli
 

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// sentrel: the command. Asks the agent to carry an operation out, and ends as the tool ended.
+// sentrel: the command. Asks the agent to carry an operation out and ends as the tool ended, or
+// asks it about itself. Here the words of the command line are told apart.
 #include <getopt.h>
 #include <sentrel/SR_API.h>
 
 #include <cstdio>
-#include <cstring>
-#include <new>
+#include <exception>
 
+#include "Ask.h"
+#include "Doctor.h"
+#include "Json.h"
 #include "Operations.h"
 #include "Quote.h"
 #include "Trace.h"
@@ -14,9 +17,10 @@
 namespace {
 
 const char kHelp[] =
-    "Usage: sentrel [--trace] OPERATION WORD...\n"
-    "       sentrel [--trace] raw OPERATION TEXT\n"
-    "       sentrel errors | version\n"
+    "Usage: sentrel [OPTION]... OPERATION WORD...\n"
+    "       sentrel [OPTION]... raw OPERATION TEXT\n"
+    "       sentrel [OPTION]... test OPERATION WORD...\n"
+    "       sentrel [OPTION]... status | reload | mounts | doctor | errors | version\n"
     "Ask the agent to carry out an operation that needs root. The words are those of the standard\n"
     "tool; its output appears on standard output.\n"
     "\n"
@@ -24,125 +28,231 @@ const char kHelp[] =
 
 const char kHelpEnd[] =
     "\n"
-    "  raw       send the argument text as it is instead of making it from words\n"
-    "  errors    print the status codes and what they mean\n"
-    "  version   print the versions of the command and of the library's interface\n"
+    "  raw          send the argument text as it is instead of making it from words\n"
+    "  test         ask what the agent would decide, and why, without carrying it out\n"
+    "  status       print how the agent is doing\n"
+    "  reload       let the agent read its rules again (root)\n"
+    "  mounts       print what is mounted through the agent\n"
+    "  doctor       look at each step of the way to the agent, and say what to do\n"
+    "  errors       print the status codes and what they mean\n"
+    "  version      print the versions of the command and of the library's interface\n"
     "\n"
-    "  --trace   print the library's log on standard error\n"
-    "  --help    print this text and exit\n"
-    "  --version the same as version\n"
+    "  --json       print for a program: one JSON text, the tool's output in it\n"
+    "  --raw        let the tool's output reach a terminal as it is; by default control "
+    "characters\n"
+    "               are shown as \\xHH there\n"
+    "  -q, --quiet  no messages about a failed operation or question\n"
+    "  --trace      print the library's log on standard error\n"
+    "  --help       print this text and exit\n"
+    "  --version    the same as version\n"
     "\n"
     "Exit status: the tool's own up to 124; 125 wrong usage, a failed exchange, or a tool's exit\n"
     "code above 124; 126 refused or failed by the agent; 127 no agent there.\n";
 
-void PrintHelp() {
+int PrintHelp() {
     (void)std::fputs(kHelp, stdout);
     for (const cli::Operation& operation : cli::Operations()) {
         std::printf("  %-12s %s\n", operation.name, operation.operands);
     }
     (void)std::fputs(kHelpEnd, stdout);
+    return 0;
 }
 
-int PrintVersion() {
-    std::printf("sentrel %s, interface %s\n", SENTREL_VERSION, SR_ConfigInfo());
+int PrintVersion(const cli::Options& options) {
+    if (options.json) {
+        const cli::Json object = cli::Json::Object()
+                                     .Add("version", cli::Json::Text(SENTREL_VERSION))
+                                     .Add("interface", cli::Json::Text(SR_ConfigInfo()));
+        std::printf("%s\n", object.Write().c_str());
+    } else {
+        std::printf("sentrel %s, interface %s\n", SENTREL_VERSION, SR_ConfigInfo());
+    }
+    return 0;
+}
+
+int PrintErrors(const cli::Options& options) {
+    cli::PrintErrors(options);
     return 0;
 }
 
 int UsageError(const std::string& text) {
-    std::fprintf(stderr, "sentrel: %s\nsentrel: see sentrel --help\n", text.c_str());
+    cli::Complain(text);
+    cli::Complain("see sentrel --help");
     return cli::kUsage;
 }
 
-// Sends the text once it is sure that the bus will carry it.
-int Send(const cli::Operation& operation, const std::string& text) {
+// What is done with an operation's text: cli::Carry or cli::AskTest.
+typedef int (*Use)(const cli::Operation&, const std::string&, const cli::Options&);
+
+// The text is used once it is sure that the bus will carry it.
+int Send(const cli::Operation& operation, const std::string& text, Use use,
+         const cli::Options& options) {
     if (text.size() > cli::kMostBytes) {
         return UsageError(std::string(operation.name) + ": the words make more than " +
                           std::to_string(cli::kMostBytes) + " bytes of text");
     }
-    return cli::Carry(operation, text);
+    return use(operation, text, options);
 }
 
-int RunOperation(const cli::Operation& operation, int count, char** words) {
-    if (count == 0) {
-        return UsageError(std::string("usage: sentrel ") + operation.name + " " +
-                          operation.operands);
+int RunOperation(const std::string& name, const std::vector<std::string>& words, Use use,
+                 const cli::Options& options) {
+    const cli::Operation* operation = cli::FindOperation(name);
+    if (operation == nullptr) {
+        return UsageError("no such operation: " + name);
     }
-    std::vector<std::string> given(words, words + count);
-    for (std::size_t i = 0; i < given.size(); ++i) {
-        if (!cli::IsText(given[i])) {
-            return UsageError(std::string(operation.name) + ": word " + std::to_string(i + 1) +
-                              " is not valid UTF-8");
+    if (words.empty()) {
+        return UsageError("usage: sentrel " + name + " " + operation->operands);
+    }
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (!cli::IsText(words[i])) {
+            return UsageError(name + ": word " + std::to_string(i + 1) + " is not valid UTF-8");
         }
     }
-    return Send(operation, cli::JoinQuoted(given));
+    return Send(*operation, cli::JoinQuoted(words), use, options);
 }
 
-int RunRaw(int count, char** words) {
-    if (count != 2) {
+int RunRaw(const std::vector<std::string>& words, const cli::Options& options) {
+    if (words.size() != 2) {
         return UsageError("usage: sentrel raw OPERATION TEXT");
     }
     const cli::Operation* operation = cli::FindOperation(words[0]);
     if (operation == nullptr) {
-        return UsageError(std::string("raw: no such operation: ") + words[0]);
+        return UsageError("raw: no such operation: " + words[0]);
     }
     if (!cli::IsText(words[1])) {
         return UsageError("raw: the text is not valid UTF-8");
     }
-    return Send(*operation, words[1]);
+    return Send(*operation, words[1], cli::Carry, options);
 }
 
-int Run(int count, char** words) {
-    if (count == 0) {
+int RunTest(const std::vector<std::string>& words, const cli::Options& options) {
+    if (words.empty()) {
+        return UsageError("usage: sentrel test OPERATION WORD...");
+    }
+    return RunOperation(words[0], {words.begin() + 1, words.end()}, cli::AskTest, options);
+}
+
+struct Command {
+    const char* name;
+    int (*withWords)(const std::vector<std::string>& words, const cli::Options& options);
+    int (*alone)(const cli::Options& options);
+};
+
+const Command kCommands[] = {
+    {"raw", RunRaw, nullptr},
+    {"test", RunTest, nullptr},
+    {"status", nullptr, cli::AskStatus},
+    {"reload", nullptr, cli::AskReload},
+    {"mounts", nullptr, cli::AskMounts},
+    {"doctor", nullptr, cli::Doctor},
+    {"errors", nullptr, PrintErrors},
+    {"version", nullptr, PrintVersion},
+};
+
+const Command* FindCommand(const std::string& name) {
+    for (const Command& command : kCommands) {
+        if (name == command.name) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+enum class Go { kOn, kPrintHelp, kPrintVersion, kWrong };
+
+// Reads options up to the first word that is none.
+Go ReadOptions(int argc, char** argv, cli::Options& read) {
+    enum { kJson = 1, kRaw, kTrace, kHelpAsked, kVersion };
+    const option options[] = {{"json", no_argument, nullptr, kJson},
+                              {"raw", no_argument, nullptr, kRaw},
+                              {"quiet", no_argument, nullptr, 'q'},
+                              {"trace", no_argument, nullptr, kTrace},
+                              {"help", no_argument, nullptr, kHelpAsked},
+                              {"version", no_argument, nullptr, kVersion},
+                              {nullptr, 0, nullptr, 0}};
+    // "+": what follows the operation belongs to the tool.
+    for (int found = 0; (found = getopt_long(argc, argv, "+q", options, nullptr)) != -1;) {
+        switch (found) {
+            case kJson:
+                read.json = true;
+                break;
+            case kRaw:
+                read.raw = true;
+                break;
+            case 'q':
+                read.quiet = true;
+                break;
+            case kTrace:
+                cli::SetTrace(true);
+                break;
+            case kHelpAsked:
+                return Go::kPrintHelp;
+            case kVersion:
+                return Go::kPrintVersion;
+            default:
+                return Go::kWrong;
+        }
+    }
+    return Go::kOn;
+}
+
+// `argv` is what follows the options, the command's name first.
+int RunCommand(const Command& command, int argc, char** argv, cli::Options& options) {
+    // Options may also follow a command of our own.
+    optind = 1;
+    switch (ReadOptions(argc, argv, options)) {
+        case Go::kOn:
+            break;
+        case Go::kPrintHelp:
+            return PrintHelp();
+        case Go::kPrintVersion:
+            return PrintVersion(options);
+        case Go::kWrong:
+            return UsageError(std::string(command.name) + ": wrong option");
+    }
+    const std::vector<std::string> words(argv + optind, argv + argc);
+    if (command.withWords != nullptr) {
+        return command.withWords(words, options);
+    }
+    if (!words.empty()) {
+        return UsageError(std::string(command.name) + ": no word is expected");
+    }
+    return command.alone(options);
+}
+
+int Run(int argc, char** argv) {
+    cli::Options options;
+    switch (ReadOptions(argc, argv, options)) {
+        case Go::kOn:
+            break;
+        case Go::kPrintHelp:
+            return PrintHelp();
+        case Go::kPrintVersion:
+            return PrintVersion(options);
+        case Go::kWrong:
+            return UsageError("wrong option");
+    }
+    argc -= optind;
+    argv += optind;
+    if (argc == 0) {
         return UsageError("an operation is missing");
     }
-    const std::string name = words[0];
-    if (name == "raw") {
-        return RunRaw(count - 1, words + 1);
+    const Command* command = FindCommand(argv[0]);
+    if (command != nullptr) {
+        return RunCommand(*command, argc, argv, options);
     }
-    const cli::Operation* operation = cli::FindOperation(name);
-    if (operation != nullptr) {
-        return RunOperation(*operation, count - 1, words + 1);
-    }
-    if (name != "errors" && name != "version") {
-        return UsageError("no such operation: " + name);
-    }
-    if (count != 1) {
-        return UsageError(name + ": no word is expected");
-    }
-    if (name == "version") {
-        return PrintVersion();
-    }
-    cli::PrintErrors();
-    return 0;
+    return RunOperation(argv[0], {argv + 1, argv + argc}, cli::Carry, options);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    enum { kTrace = 1, kHelpAsked, kVersion };
-    const option options[] = {{"trace", no_argument, nullptr, kTrace},
-                              {"help", no_argument, nullptr, kHelpAsked},
-                              {"version", no_argument, nullptr, kVersion},
-                              {nullptr, 0, nullptr, 0}};
-    // "+": what follows the operation belongs to the tool.
-    for (int found = 0; (found = getopt_long(argc, argv, "+", options, nullptr)) != -1;) {
-        switch (found) {
-            case kTrace:
-                cli::SetTrace(true);
-                break;
-            case kHelpAsked:
-                PrintHelp();
-                return 0;
-            case kVersion:
-                return PrintVersion();
-            default:
-                return UsageError("wrong option");
-        }
-    }
     try {
-        return Run(argc - optind, argv + optind);
+        return Run(argc, argv);
     } catch (const std::bad_alloc&) {
         std::fprintf(stderr, "sentrel: out of memory\n");
-        return cli::kUsage;
+    } catch (const std::exception& exception) {
+        cli::Complain(exception.what());
     }
+    return cli::kUsage;
 }

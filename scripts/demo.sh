@@ -36,7 +36,7 @@ prepare() {
     # shellcheck source=scripts/packages.sh
     . scripts/packages.sh
     need_packages g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev dbus-daemon \
-        mount util-linux || exit 1
+        libtomlplusplus-dev libre2-dev mount util-linux || exit 1
     echo "building (into $build) ..."
     if ! build >"$build.log" 2>&1; then
         tail -n 30 "$build.log" >&2
@@ -132,6 +132,14 @@ check() {
     echo "   checked: $what"
 }
 
+has_options() {
+    local option options
+    options=,$(findmnt -n -o OPTIONS --mountpoint "$work/mnt"),
+    for option in "$@"; do
+        [[ $options = *,$option,* ]] || return 1
+    done
+}
+
 not_mounted() {
     ! mountpoint -q "$work/mnt"
 }
@@ -172,13 +180,65 @@ END
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
 }
 
-# start_agent OPTION...
+# write_rules: what this demonstration's agent may do, and nothing else. The folder lies in /tmp, so
+# the rules consent to directories above it that are not root's alone.
+write_rules() {
+    cat >"$work/rules/demo.toml" <<END
+[[rule]]
+name   = "never a disk"
+agent  = "sr_mknod"
+permit = false
+kind   = "b"
+
+[[rule]]
+name   = "a file system in memory"
+agent  = "sr_mount"
+permit = true
+user   = $(id -u)
+source = "demo"
+target = "$work/*"
+type   = "tmpfs"
+options.allow  = ["size=*", "mode=*"]
+options.always = ["noexec"]
+open_parents   = true
+
+[[rule]]
+name   = "and off again"
+agent  = "sr_umount"
+permit = true
+user   = $(id -u)
+target = "$work/*"
+open_parents = true
+
+[[rule]]
+name   = "harmless nodes"
+agent  = "sr_mknod"
+permit = true
+user   = $(id -u)
+path   = "$work/mnt/*"
+kind   = "c"
+major  = 1
+minor  = "3-5"
+open_parents = true
+END
+    sed 's/^/     /' "$work/rules/demo.toml"
+}
+
+# The rules must be closed to the writing of others.
+prepare_rules() {
+    umask 022
+    mkdir "$work/rules"
+}
+
 start_agent() {
     mkfifo "$work/started"
-    "$agent" "$@" 2> >(tee -p -a "$work/agent.log" >"$work/started") &
+    "$agent" --rules "$work/rules" --audit-stderr \
+        2> >(tee -p -a "$work/agent.log" >"$work/started") &
     agent_pid=$!
-    local line
-    read -r -t 20 line <"$work/started" || line=
+    local line=
+    while read -r -t 20 line <&4; do
+        case $line in *serving*) break ;; esac
+    done 4<"$work/started"
     rm "$work/started"
     case $line in
         *serving*) printf '   (%s)\n' "$line" ;;
@@ -191,6 +251,15 @@ stop_agent() {
     agent_pid=
 }
 
+# wait_for_line TEXT: until the agent has said it.
+wait_for_line() {
+    local line
+    while read -r -t 20 line <&5; do
+        case $line in *"$1"*) return 0 ;; esac
+    done 5< <(tail -n +1 -f --pid="$agent_pid" "$work/agent.log")
+    return 1
+}
+
 # Whether the agent may take a caller's descriptor over.
 descriptors_can_be_taken() {
     [ "$(id -u)" -eq 0 ] || [ "$(cat /proc/sys/kernel/yama/ptrace_scope 2>/dev/null || echo 0)" = 0 ]
@@ -200,6 +269,8 @@ show_root() {
     title "The agent mounts a file system in memory for its caller (SR_Mount)"
     call 0 mount -t tmpfs -o size=1m,mode=755 demo "$work/mnt"
     findmnt --mountpoint "$work/mnt" | sed 's/^/     /'
+    check "without set-user-ID programs, devices or programs at all" \
+        has_options nosuid nodev noexec
     check "a tmpfs is mounted there" \
         test "$(findmnt -n -o FSTYPE --mountpoint "$work/mnt")" = tmpfs
 
@@ -208,6 +279,9 @@ show_root() {
     find "$work/mnt/null" -ls | sed 's/^/     /'
     check "it is a character device" test -c "$work/mnt/null"
     check "it is number 1:3" test "$(stat -c '%t:%T' "$work/mnt/null")" = 1:3
+    call 126 mknod "$work/mnt/disk" b 8 0
+    says "a rule forbids this" out
+    check "there is no such node" test ! -e "$work/mnt/disk"
 
     title "It unmounts (SR_Umount)"
     call 0 umount "$work/mnt"
@@ -216,6 +290,7 @@ show_root() {
 
 echo "sentrel: a demonstration on a bus of its own"
 mkdir "$work/mnt"
+prepare_rules
 start_bus
 as_root=
 [ -n "$inside" ] && as_root=1
@@ -230,15 +305,17 @@ title "Nobody serves yet: what a caller gets when the agent is away"
 call 127 mount -t tmpfs demo "$work/mnt"
 says "COMM_NO_SERVICE" err
 
-title "An agent without --allow-all refuses everything"
+title "An agent without rules refuses everything"
 start_agent
 call 126 mount -t tmpfs demo "$work/mnt"
 says "RULE_NO_FOUND" err
 check "nothing was mounted" not_mounted
-stop_agent
 
-printf '\n   From here on with --allow-all, which is for trying out only.\n'
-start_agent --allow-all
+title "Rules: what is allowed, to whom; a check says whether they can be used"
+write_rules
+"$agent" --check "$work/rules" | sed 's/^/     /' || failed "the rules are not right"
+kill -HUP "$agent_pid"
+check "the agent has taken them" wait_for_line "4 loaded"
 
 if [ -n "$as_root" ]; then
     show_root
@@ -248,15 +325,23 @@ fi
 
 if descriptors_can_be_taken; then
     title "A tool that fails: its own words on the caller's output, its exit code as the result"
-    call 32 mount -t tmpfs demo "$work/no-such-place"
+    call "$([ -n "$as_root" ] && echo 32 || echo 1)" mount -t tmpfs -o size=much demo "$work/mnt"
     check "the tool said something" test -n "$output"
 
+    title "A refusal comes with its reason"
+    call 126 mount -t ext4 /dev/sda1 "$work/mnt"
+    says "no rule allows this" out
+
     title "Words with blanks and quotes arrive as they are"
-    call 32 mount -t tmpfs demo "$work/it's \"not\" there"
+    call 126 mount -t tmpfs demo "$work/it's \"not\" there"
     says "it's" out
 else
     leave_out "this machine lets only root take a descriptor over (yama/ptrace_scope)"
 fi
+
+title "Every request left a line in the audit, before it and after it; a refusal too"
+grep -E 'phase=' "$work/agent.log" | tail -n 3 | cut -c 1-150 | sed 's/^/     /'
+check "the refusal is there" grep -q "decision=deny status=7" "$work/agent.log"
 
 title "Arguments that cannot be read are refused before anything is started"
 call 126 raw mount "-t tmpfs 'no closing quote"

@@ -83,18 +83,57 @@ void FakeTools::Add(const std::string& name, const std::string& script) const {
     }
 }
 
+RuleFolder::RuleFolder() : folder(PrivateBus::Folder() + "/rules") {
+    if (mkdir(folder.c_str(), 0755) != 0) {
+        ThrowErrno("making a folder for rules");
+    }
+}
+
+RuleFolder::~RuleFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+void RuleFolder::Write(const std::string& name, const std::string& text) const {
+    std::ofstream file(folder + "/" + name);
+    file << text;
+    file.close();
+    if (!file || chmod((folder + "/" + name).c_str(), 0644) != 0) {
+        ThrowErrno("writing rules");
+    }
+}
+
 RunningAgent::RunningAgent(const std::vector<std::string>& options)
     : pid(Start(SENTREL_AGENT_PROGRAM, options, STDERR_FILENO, log.Writer())) {
     log.CloseWriter();
+    // The audit of some hundred requests must fit in, so that nobody needs to read meanwhile.
+    (void)fcntl(log.Reader(), F_SETPIPE_SZ, 1048576);
     try {
-        const std::string line = NextLine();
-        if (line.find("serving") == std::string::npos) {
-            throw std::runtime_error("the agent says: " + line);
-        }
+        (void)NextLineWith("serving");
     } catch (...) {
         KillAndReap(pid);
         throw;
     }
+}
+
+std::string RunningAgent::NextLineWith(const std::string& text) {
+    std::string before;
+    for (;;) {
+        std::string line;
+        try {
+            line = NextLine();
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error("no line with '" + text + "' but: " + before + error.what());
+        }
+        if (Holds(line, text)) {
+            return line;
+        }
+        before += line + "\n";
+    }
+}
+
+std::string RunningAgent::Said() const {
+    return ReadReady(log.Reader());
 }
 
 RunningAgent::~RunningAgent() {
@@ -151,6 +190,10 @@ std::string ReadReady(int descriptor) {
         all.append(buffer, static_cast<std::size_t>(count));
     }
     return all;
+}
+
+bool Holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
 }
 
 DBusMessage* NewCall(const char* agent, const char* text, int descriptor) {

@@ -33,6 +33,21 @@ private:
     std::string folder;
 };
 
+// A folder of rules, beside the one of the tools.
+class RuleFolder {
+public:
+    RuleFolder();
+    ~RuleFolder();  // removes it
+    RuleFolder(const RuleFolder&) = delete;
+    RuleFolder& operator=(const RuleFolder&) = delete;
+
+    void Write(const std::string& name, const std::string& text) const;
+    const std::string& Folder() const { return folder; }
+
+private:
+    std::string folder;
+};
+
 // sentrel-agent, serving from the constructor on, ended by the destructor.
 class RunningAgent {
 public:
@@ -43,6 +58,10 @@ public:
 
     // The next line of its log.
     std::string NextLine() { return log.ReadLine(kLimit); }
+    // The next one that holds `text`.
+    std::string NextLineWith(const std::string& text);
+    // What it has said and nobody has read.
+    std::string Said() const;
     pid_t Pid() const { return pid; }
     void Signal(int signal) const;
     // Its wait status.
@@ -70,6 +89,7 @@ Finished RunCommand(const std::vector<std::string>& words, bool closed = false);
 std::string ReadAll(int descriptor);
 // What is there now.
 std::string ReadReady(int descriptor);
+bool Holds(const std::string& text, const std::string& part);
 
 struct Reply {
     std::string error;  // the D-Bus error's name; empty for a return

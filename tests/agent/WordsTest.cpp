@@ -1,112 +1,124 @@
 // SPDX-License-Identifier: Apache-2.0
-// The splitter of argument texts.
+// Cutting the argument text into words.
 #include "Words.h"
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace {
 
-typedef std::vector<std::string> List;
+using Words = std::vector<std::string>;
 
-List Words(const std::string& text) {
-    List words = {"left from before"};
-    std::string error = "untouched";
-    EXPECT_TRUE(agent::SplitWords(text, words, error)) << text << ": " << error;
-    EXPECT_EQ("untouched", error);
+Words Of(const std::string& text) {
+    Words words = {"(refused)"};
+    std::string error;
+    agent::SplitWords(text, words, error);
     return words;
 }
 
-std::string Error(const std::string& text) {
-    List words = {"untouched"};
+std::string ErrorOf(const std::string& text) {
+    Words words = {"untouched"};
     std::string error;
-    EXPECT_FALSE(agent::SplitWords(text, words, error)) << text;
-    EXPECT_EQ(List{"untouched"}, words);
+    if (agent::SplitWords(text, words, error)) {
+        return "(accepted)";
+    }
+    EXPECT_EQ(words, Words{"untouched"});
     return error;
 }
 
-TEST(WordsTest, BlanksSeparateWords) {
-    EXPECT_EQ((List{"-t", "tmpfs", "none", "/x"}), Words("-t tmpfs none /x"));
-    EXPECT_EQ((List{"a", "b"}), Words("  a \t  b  "));
+// Any text as one word, the way a caller would write it.
+std::string InQuotes(const std::string& word) {
+    std::string quoted = "'";
+    for (const char c : word) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
 }
 
-TEST(WordsTest, NothingIsNoWord) {
-    EXPECT_EQ(List(), Words(""));
-    EXPECT_EQ(List(), Words(" \t "));
+TEST(Words, BlanksSeparateAndNothingElseDoes) {
+    EXPECT_EQ(Of("  -t\ttmpfs  none /x "), (Words{"-t", "tmpfs", "none", "/x"}));
+    EXPECT_EQ(Of("a;b|c&d>e"), (Words{"a;b|c&d>e"}));
+    EXPECT_EQ(Of(""), Words{});
+    EXPECT_EQ(Of(" \t "), Words{});
 }
 
-TEST(WordsTest, SingleQuotesKeepEverything) {
-    EXPECT_EQ(List{"a \"b\" \\ $c"}, Words("'a \"b\" \\ $c'"));
+TEST(Words, NothingIsExpanded) {
+    EXPECT_EQ(Of("$HOME ~ * $(id) `id` {a,b}"),
+              (Words{"$HOME", "~", "*", "$(id)", "`id`", "{a,b}"}));
+    EXPECT_EQ(Of("\"$HOME `id`\""), (Words{"$HOME `id`"}));
 }
 
-TEST(WordsTest, DoubleQuotesKnowFourEscapes) {
-    EXPECT_EQ(List{"\" \\ $ `"}, Words(R"("\" \\ \$ \`")"));
-    EXPECT_EQ(List{R"(\a\' )"}, Words(R"("\a\' ")"));
+TEST(Words, QuotesKeepBlanksAndJoinWhatTouchesThem) {
+    EXPECT_EQ(Of("'a b'c\"d e\" f"), (Words{"a bcd e", "f"}));
+    EXPECT_EQ(Of("'' \"\" x"), (Words{"", "", "x"}));
+    EXPECT_EQ(Of("'a\\' b"), (Words{"a\\", "b"}));
+    EXPECT_EQ(Of("'a\"b' \"c'd\""), (Words{"a\"b", "c'd"}));
 }
 
-TEST(WordsTest, ABackslashOutsideQuotesMakesTheNextCharacterPlain) {
-    EXPECT_EQ((List{"a b", "'", "\\n"}), Words(R"(a\ b \' \\n)"));
+TEST(Words, ABackslashMakesTheNextCharacterPlain) {
+    EXPECT_EQ(Of("a\\ b \\' \\\" \\\\"), (Words{"a b", "'", "\"", "\\"}));
 }
 
-TEST(WordsTest, PiecesThatTouchAreOneWord) {
-    EXPECT_EQ(List{"it's"}, Words(R"('it'\''s')"));
-    EXPECT_EQ(List{"abc"}, Words("a'b'\"c\""));
+TEST(Words, ABackslashInDoubleQuotesStaysBeforeOrdinaryCharacters) {
+    EXPECT_EQ(Of(R"("HOME\user" "a\"b" "c\\d" "e\$f" "g\`h")"),
+              (Words{"HOME\\user", "a\"b", "c\\d", "e$f", "g`h"}));
 }
 
-TEST(WordsTest, EmptyQuotesAreAnEmptyWord) {
-    EXPECT_EQ((List{"", "a", ""}), Words("'' a \"\""));
+TEST(Words, AnOpenQuoteIsRefused) {
+    EXPECT_EQ(ErrorOf("a 'b c"), "a quote is left open");
+    EXPECT_EQ(ErrorOf("a \"b c"), "a quote is left open");
+    EXPECT_EQ(ErrorOf("\"a\\\""), "a quote is left open");
 }
 
-TEST(WordsTest, NothingIsExpanded) {
-    EXPECT_EQ((List{"$HOME", "*", "~", "`id`", "$(id)", "a;b", "#c", "{a,b}", "|", ">x"}),
-              Words("$HOME * ~ `id` $(id) a;b #c {a,b} | >x"));
+TEST(Words, ABackslashAtTheEndIsRefused) {
+    EXPECT_EQ(ErrorOf("a\\"), "the arguments end in a backslash");
+    EXPECT_EQ(ErrorOf("\"a\\"), "the arguments end in a backslash");
 }
 
-TEST(WordsTest, BytesBeyondAsciiAreKept) {
-    EXPECT_EQ((List{"/m\xc3\xb6unt", "\xe6\xbc\xa2"}), Words("/m\xc3\xb6unt \xe6\xbc\xa2"));
-}
-
-TEST(WordsTest, AnOpenQuoteIsAnError) {
-    EXPECT_EQ("a quote that is not closed", Error("a 'b"));
-    EXPECT_EQ("a quote that is not closed", Error("a \"b"));
-    EXPECT_EQ("a quote that is not closed", Error("\"b\\\""));
-    EXPECT_EQ("a quote that is not closed", Error("\"b\\"));
-    EXPECT_EQ("a quote that is not closed", Error("'"));
-}
-
-TEST(WordsTest, ABackslashAtTheEndIsAnError) {
-    EXPECT_EQ("a backslash at the end", Error("a\\"));
-}
-
-TEST(WordsTest, EveryControlCharacterIsAnErrorWhereverItStands) {
-    for (int c = 0; c < 0x80; ++c) {
-        if (c >= 0x20 && c != 0x7f) {
-            continue;
-        }
-        const std::string control(1, static_cast<char>(c));
-        for (const std::string& text : {"'a" + control + "'", "\"a" + control + "\"",
-                                        "a\\" + control, "\"\\" + control + "\""}) {
-            EXPECT_EQ("a control character", Error(text)) << c;
-        }
-        if (c != '\t') {
-            EXPECT_EQ("a control character", Error("a" + control + "b")) << c;
+TEST(Words, EveryControlCharacterIsRefusedWhereverItStands) {
+    const std::string error = "the arguments hold a control character";
+    for (int byte = 0; byte < 0x20; ++byte) {
+        const std::string control(1, static_cast<char>(byte));
+        EXPECT_EQ(ErrorOf("a '" + control + "'"), error) << byte;
+        EXPECT_EQ(ErrorOf("\\" + control), error) << byte;
+        if (byte != '\t') {
+            EXPECT_EQ(ErrorOf("a" + control + "b"), error) << byte;
         }
     }
+    EXPECT_EQ(ErrorOf("a\x7f"), error);
+    EXPECT_EQ(ErrorOf("a\xc2\x9b"), error);
+    EXPECT_EQ(Of("\xc3\xa4\xc2\xa0"), Words{"\xc3\xa4\xc2\xa0"});
 }
 
-TEST(WordsTest, SixtyFourWordsAreTheMost) {
+TEST(Words, SixtyFourWordsAreTakenAndOneMoreIsRefused) {
     std::string text;
     for (int i = 0; i < 64; ++i) {
         text += "w ";
     }
-    EXPECT_EQ(64U, Words(text).size());
-    EXPECT_EQ("too many words", Error(text + "w"));
-    EXPECT_EQ("too many words", Error(text + "''"));
+    EXPECT_EQ(Of(text).size(), 64U);
+    EXPECT_EQ(ErrorOf(text + "w"), "there are more than 64 arguments");
 }
 
-TEST(WordsTest, EightKilobytesAreTheMost) {
-    EXPECT_EQ(List{std::string(8192, 'x')}, Words(std::string(8192, 'x')));
-    EXPECT_EQ("too long", Error(std::string(8193, 'x')));
-    EXPECT_EQ("too long", Error(std::string(8193, ' ')));
+TEST(Words, EightKibibytesAreTakenAndOneByteMoreIsRefused) {
+    EXPECT_EQ(Of(std::string(8192, 'a')).front().size(), 8192U);
+    EXPECT_EQ(ErrorOf(std::string(8193, 'a')), "the arguments are longer than 8192 bytes");
+}
+
+TEST(Words, WhatIsQuotedComesBackUnchanged) {
+    std::mt19937 random(1);
+    static const char kCharacters[] = "ab '\"\\$`*?-=,/\xc3\xa4";
+    for (int round = 0; round < 2000; ++round) {
+        Words words(random() % 6);
+        std::string text;
+        for (std::string& word : words) {
+            for (std::size_t length = random() % 8; length > 0; --length) {
+                word += kCharacters[random() % (sizeof kCharacters - 1)];
+            }
+            text += InQuotes(word) + " ";
+        }
+        ASSERT_EQ(Of(text), words) << text;
+    }
 }
 
 }  // namespace

@@ -1,19 +1,41 @@
 # SPDX-License-Identifier: Apache-2.0
-# The serving program and the command: their parts in the process, then the programs themselves on
-# a private bus.
-if(TARGET sentrel-agent AND TARGET sentrel)
-  sentrel_test(WordsTest agent/WordsTest.cpp LIBRARY LABEL unit LIBS sentrel_agent_objects)
-  sentrel_test(QuoteTest agent/QuoteTest.cpp ${CMAKE_SOURCE_DIR}/cli/Quote.cpp LIBRARY LABEL unit
-    LIBS sentrel_agent_objects)
-  target_include_directories(QuoteTest PRIVATE ${CMAKE_SOURCE_DIR}/cli)
+# The serving program: its rooms in the process, the descriptor and the relay as processes, then the
+# program itself on a private bus.
+if(TARGET sentrel-agent)
+  add_library(agent_rules_support STATIC agent/Oracle.cpp agent/RuleTexts.cpp)
+  target_include_directories(agent_rules_support PUBLIC agent)
+  target_link_libraries(agent_rules_support PUBLIC sentrel_agent_rules PRIVATE sentrel_warnings)
+  foreach(name DecideTest DenialMatrixTest ExamplesTest GrammarTest PatternTest RandomDecideTest
+      RuleCheckTest RulesTest WordsTest)
+    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS agent_rules_support)
+  endforeach()
+  target_compile_definitions(ExamplesTest PRIVATE
+    RULE_EXAMPLES="${CMAKE_SOURCE_DIR}/packaging/rules.d-examples")
 
+  # A small program that does as its words say; linked statically, so that its limits are its own,
+  # and not instrumented, since the limits that it shows would end it.
+  add_executable(stand_in_tool system/StandInTool.cpp)
+  target_compile_options(stand_in_tool PRIVATE -fno-sanitize=all)
+  target_link_libraries(stand_in_tool PRIVATE sentrel_warnings -static -fno-sanitize=all)
+  foreach(name AnswerTest AuditTest DescriptorTest QuotaTest RelayTest)
+    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_run)
+    target_include_directories(${name} PRIVATE system)
+    target_compile_definitions(${name} PRIVATE STAND_IN_TOOL="$<TARGET_FILE:stand_in_tool>")
+    add_dependencies(${name} stand_in_tool)
+  endforeach()
+  if(SENTREL_FUZZ AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    include(fuzz/fuzz.cmake)
+  endif()
+endif()
+
+if(TARGET sentrel-agent AND TARGET sentrel)
   add_library(agent_support STATIC agent/Programs.cpp)
   target_include_directories(agent_support PUBLIC agent)
   target_compile_definitions(agent_support PRIVATE
     "SENTREL_AGENT_PROGRAM=\"$<TARGET_FILE:sentrel-agent>\"" "SENTREL_COMMAND=\"$<TARGET_FILE:sentrel>\"")
   target_link_libraries(agent_support PUBLIC test_support PRIVATE sentrel_warnings)
   add_dependencies(agent_support sentrel-agent sentrel)
-  foreach(name AgentTest CliTest)
-    sentrel_test(${name} agent/${name}.cpp bus/Listener.cpp LIBRARY LABEL bus LIBS agent_support)
+  foreach(name AgentTest ControlTest HostileTest MockTest)
+    sentrel_test(${name} agent/${name}.cpp bus/Listener.cpp LIBRARY LABEL agent LIBS agent_support)
   endforeach()
 endif()

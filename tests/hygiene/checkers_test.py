@@ -100,6 +100,19 @@ def ACommandThatReachesPastTheCInterfaceIsRefused(root):
     expect(1, "main.cpp:1", "includes.py", "cli", root / "cli")
 
 
+def ACommandWhoseBusFileGrowsIsRefused(root):
+    bus = "#include <sentrel/sentrel.h>\n"
+    write(root, {"cli/Control.cpp": bus})
+    expect(0, "1 files read", "includes.py", "cli", root / "cli")
+    write(root, {"cli/Control.h": bus})
+    expect(1, "Control.h:1", "includes.py", "cli", root / "cli")
+    write(root, {"cli/Control.h": "", "cli/more/Control.cpp": bus})
+    expect(1, "more/Control.cpp:1", "includes.py", "cli", root / "cli")
+    write(root, {"cli/more/Control.cpp": "",
+                 "cli/Control.cpp": "#include <sentrel/SR_DBusProxy.h>\n"})
+    expect(1, "Control.cpp:1", "includes.py", "cli", root / "cli")
+
+
 # Headers and the README's program ----------------------------------------------------------------
 
 def headers(root, code, word, text):

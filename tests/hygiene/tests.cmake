@@ -23,7 +23,7 @@ set(library $<TARGET_FILE:sentrel-client>)
 
 hygiene_test(TheLibrarysIncludesPointDown includes.py library ${src} ${SENTREL_HEADERS})
 hygiene_test(TheAgentIncludesInstalledHeadersOnly includes.py agent ${root}/agent)
-hygiene_test(TheCommandIncludesTheCInterfaceOnly includes.py cli ${root}/cli)
+hygiene_test(TheCommandIncludesTheCInterfaceOnlyButInOneFile includes.py cli ${root}/cli)
 
 list(TRANSFORM DBUS_INCLUDE_DIRS PREPEND -I OUTPUT_VARIABLE dbus_flags)
 list(JOIN dbus_flags " " dbus_flags)
@@ -40,8 +40,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     ${root}/service/exports.txt)
 endif()
 hygiene_test(ALogFoundEarlierTakesTheLibrarysLines library.py log ${library})
-hygiene_test(TheSonameCarriesTheMajorVersion library.py soname ${library}
-  libsentrel-client.so.${PROJECT_VERSION_MAJOR})
+# Literal: programs are linked against this name, whatever the project's version says.
+hygiene_test(TheSonameIsTheOneThatProgramsAreLinkedTo library.py soname ${library}
+  libsentrel-client.so.1)
 hygiene_test(TheInterfaceTextIsOfTheSonamesVersion library.py interface ${library}
   ${PROJECT_VERSION_MAJOR})
 

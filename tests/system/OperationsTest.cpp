@@ -7,17 +7,21 @@
 #include <sched.h>
 #include <sentrel/SR_API.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <memory>
 
+#include "Monitor.h"
 #include "PrivateBus.h"
 #include "Programs.h"
 #include "Skip.h"
@@ -62,7 +66,27 @@ protected:
         place = test::PrivateBus::Folder() + "/place";
         ASSERT_EQ(0, mkdir(place.c_str(), 0755));
         bus = std::make_unique<test::PrivateBus>();
-        agent = std::make_unique<test::RunningAgent>(std::vector<std::string>{"--allow-all"});
+        rules = std::make_unique<test::RuleFolder>();
+        // What root's own directories need no consent for, those of a test in /tmp do.
+        WriteRules(place, "open_parents = true\n");
+        agent = std::make_unique<test::RunningAgent>(
+            std::vector<std::string>{"--rules", rules->Folder(), "--audit-stderr"});
+    }
+    void WriteRules(const std::string& where, const std::string& more) const {
+        const std::string end = "permit = true\nuser = [0, 65534]\n" + more;
+        const std::string at = "\"\ntarget = [\"" + where + "\", \"" + where + "/*\"]\n" + end;
+        const std::string name = "[[rule]]\nname = \"x\"\nagent = \"";
+        rules->Write("all.toml", name +
+                                     "sr_mount\"\nsource = \"test\"\ntype = \"tmpfs\"\n"
+                                     "options.allow = [\"size=*\", \"mode=*\"" +
+                                     "]" + at.substr(1) + name + "sr_umount" + at + name +
+                                     "sr_mknod\"\npath = \"" + where +
+                                     "/*\"\nkind = \"c\"\nmajor = 1\nminor = \"3-5\"\n"
+                                     "mode = \"0640\"\n" +
+                                     end);
+        rules->Write("bind.toml", name + "sr_mount\"\nsource = \"" + where +
+                                      "/*\"\ntype = \"none\"\noptions.allow = \"bind\"" +
+                                      at.substr(1));
     }
     void TearDown() override {
         if (!place.empty()) {
@@ -80,6 +104,7 @@ protected:
 
     std::string place;
     std::unique_ptr<test::PrivateBus> bus;
+    std::unique_ptr<test::RuleFolder> rules;
     std::unique_ptr<test::RunningAgent> agent;
 };
 
@@ -113,15 +138,63 @@ TEST_F(OperationsTest, ADeviceNodeIsMadeWithItsNumberAndMode) {
     EXPECT_EQ(makedev(1, 3), status.st_rdev);
 }
 
-TEST_F(OperationsTest, AFailureHasTheToolsExitCodeAndWords) {
-    const Outcome failed = Ask(SR_Mount, "-t tmpfs test '" + place + "/not there'");
+TEST_F(OperationsTest, APathThatIsNotThereIsRefusedAndAToolsFailureIsItsExitCode) {
+    const Outcome missing = Ask(SR_Mount, "-t tmpfs test '" + place + "/not there'");
+    EXPECT_EQ(SR_RULE_NO_FOUND, missing.status);
+    EXPECT_TRUE(test::Holds(missing.output, "not there: No such file")) << missing.output;
+    const Outcome unmounted = Ask(SR_Umount, place);
+    EXPECT_EQ(SR_RULE_NO_FOUND, unmounted.status);
+    EXPECT_TRUE(test::Holds(unmounted.output, "nothing is mounted there")) << unmounted.output;
+    const Outcome failed = Ask(SR_Mount, "-t tmpfs -o size=nonsense test " + place);
     EXPECT_EQ(SR_OK, failed.status);
-    EXPECT_NE(0, failed.result);
-    EXPECT_NE(std::string::npos, failed.output.find("not there"));
-    const Outcome again = Ask(SR_Umount, place);
-    EXPECT_EQ(SR_OK, again.status);
-    EXPECT_NE(0, again.result);
-    EXPECT_NE(std::string::npos, again.output.find("not mounted"));
+    EXPECT_EQ(32, failed.result);
+    EXPECT_NE("", failed.output);
+}
+
+TEST_F(OperationsTest, WhatWasMountedThroughTheAgentIsListedAsLongAsItIsThere) {
+    MountTmpfs();
+    const test::PlainConnection mine;
+    const auto list = [&mine] {
+        return test::Send(mine.Get(), dbus_message_new_method_call(
+                                          "org.sentrel.sr_agent", "/org/sentrel/sr_agent",
+                                          "org.sentrel.sr_agent.Control1", "Mounts"))
+            .text;
+    };
+    const std::string listed = list();
+    EXPECT_EQ(0U, listed.find("[{\"target\":\"" + place +
+                              "\",\"source\":\"test\",\"type\":\"tmpfs\",\"rule\":\""))
+        << listed;
+    EXPECT_TRUE(test::Holds(listed, "\"uid\":0,\"since\":\"2")) << listed;
+    // Behind the agent's back.
+    ASSERT_EQ(0, umount2(place.c_str(), 0));
+    EXPECT_EQ("[]", list());
+}
+
+TEST_F(OperationsTest, EveryMountIsWithoutSetUserIdProgramsAndDevices) {
+    MountTmpfs();
+    struct statvfs system = {};
+    ASSERT_EQ(0, statvfs(place.c_str(), &system));
+    EXPECT_NE(0U, system.f_flag & ST_NOSUID);
+    EXPECT_NE(0U, system.f_flag & ST_NODEV);
+}
+
+TEST_F(OperationsTest, ADirectoryAndAFileAreBoundBelowRootsOwnDirectories) {
+    ASSERT_EQ(0, mount("none", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755"));
+    for (const char* name : {"/mnt/from", "/mnt/to"}) {
+        ASSERT_EQ(0, mkdir(name, 0755));
+    }
+    std::ofstream("/mnt/from/file") << "seen";
+    WriteRules("/mnt", "");
+    agent->Signal(SIGHUP);
+    (void)agent->NextLineWith("loaded");
+    const Outcome bound = Ask(SR_Mount, "--bind /mnt/from /mnt/to");
+    EXPECT_EQ(SR_OK, bound.status) << bound.output;
+    EXPECT_EQ(0, bound.result) << bound.output;
+    EXPECT_EQ(0, access("/mnt/to/file", F_OK));
+    const Outcome unbound = Ask(SR_Umount, "/mnt/to");
+    EXPECT_EQ(SR_OK, unbound.status) << unbound.output;
+    EXPECT_NE(0, access("/mnt/to/file", F_OK));
+    EXPECT_EQ(0, umount2("/mnt", 0));
 }
 
 TEST_F(OperationsTest, ABusyFileSystemStaysMountedAndSaysSo) {
@@ -154,11 +227,14 @@ TEST_F(OperationsTest, ACallerWithoutRightsGetsTheToolsOutputButNoWayIntoRootsFi
         if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) {
             return 90;
         }
-        const std::string text = "--version";
+        // As one that was started by its user; the change of ids alone makes a process closed.
+        (void)prctl(PR_SET_DUMPABLE, 1);
+        const std::string text = "-t tmpfs -o size=nonsense test " + place;
         int result = -1;
-        const int refused = SR_Mount(text.data(), 9, readOnly.Get(), &result);
-        const int done = SR_Mount(text.data(), 9, output.Writer(), &result);
-        return refused == SR_FAIL && done == SR_OK && result == 0 ? 0 : 1;
+        const unsigned length = static_cast<unsigned>(text.size());
+        const int refused = SR_Mount(text.data(), length, readOnly.Get(), &result);
+        const int done = SR_Mount(text.data(), length, output.Writer(), &result);
+        return refused == SR_FAIL && done == SR_OK && result == 32 ? 0 : 1;
     });
     EXPECT_EQ(0, test::Reap(caller, test::kLimit));
     EXPECT_NE("", test::ReadReady(output.Reader()));
@@ -166,7 +242,7 @@ TEST_F(OperationsTest, ACallerWithoutRightsGetsTheToolsOutputButNoWayIntoRootsFi
     std::string text;
     std::getline(file, text);
     EXPECT_EQ("untouched", text);
-    EXPECT_NE(std::string::npos, agent->NextLine().find("uid 65534"));
+    EXPECT_NE("", agent->NextLineWith(" uid=65534 "));
 }
 
 }  // namespace

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Answers the questions of the second interface: what would be decided, how the agent is, what it
+// has mounted; and reloads the rules. Each answer is one JSON text.
+//
+// Nothing is owned. Threads: the one that runs the loop.
+#ifndef SENTREL_AGENT_CONTROL_H
+#define SENTREL_AGENT_CONTROL_H
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "Gate.h"
+#include "Requests.h"
+#include "RuleStore.h"
+
+namespace agent {
+
+class Control {
+public:
+    typedef std::function<LoadResult()> Reloader;
+
+    Control(Requests& agentRequests, const RuleStore& ruleStore, const Reloader& reloader);
+
+    void Answer(const Question& question, const Caller& caller, TextReply& reply);
+
+private:
+    std::string Test(const Question& question, const Caller& caller) const;
+    std::string Status() const;
+    std::string Reload() const;
+    std::string Mounts() const;
+
+    Requests& requests;
+    const RuleStore& store;
+    Reloader reload;
+    std::chrono::steady_clock::time_point started;
+};
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Options.h"
+
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "Text.h"
+
+namespace agent {
+
+namespace {
+
+const char kHelp[] =
+    "Usage: sentrel-agent [OPTION]...\n"
+    "   or: sentrel-agent --check [OPTION]... [DIR]...\n"
+    "Serve org.sentrel.sr_agent on the system bus: carry out mount, umount, mknod, insmod, rmmod\n"
+    "and systemctl for callers of the library, as far as the rules allow it.\n"
+    "\n"
+    "  --rules DIR         read the rules (*.toml) of this directory; may be given again (default\n"
+    "                      /usr/lib/sentrel/rules.d, /etc/sentrel/rules.d, /run/sentrel/rules.d)\n"
+    "  --check [DIR]...    say what is wrong with the rules, by file and line, and exit: 0 when\n"
+    "                      they can be used, 1 when not\n"
+    "  --tool-path DIRS    look for the tools in these directories, absolute and with colons "
+    "between\n"
+    "                      them (default /usr/sbin:/usr/bin:/sbin:/bin)\n"
+    "  --limit NAME=COUNT  running (at once, of one user; default 4), waiting (of one user; 16),\n"
+    "                      minute (requests of one user; 120), total (running at once; 32)\n"
+    "  --audit-stderr      write the audit to standard error instead of the system's log\n"
+    "  --mock FILE         ask no rule and start no tool: answer from a table\n"
+    "  --help              print this text and exit\n"
+    "  --version           print the version and exit\n"
+    "\n"
+    "SIGHUP reads the rules again. Wrong rules are refused: at the start the agent ends with 1,\n"
+    "later it keeps the ones that it has. The bus is the one named by DBUS_SYSTEM_BUS_ADDRESS, or\n"
+    "else the machine's. As another user than root, rules and tools must belong to that user or\n"
+    "to root.\n";
+
+bool ReadToolPath(const std::string& text, std::string& directories) {
+    for (const std::string& directory : Split(text, ':')) {
+        if (!StartsWith(directory, "/")) {
+            Complain("--tool-path: not an absolute directory in: " + text);
+            return false;
+        }
+    }
+    directories = text;
+    return true;
+}
+
+bool ReadLimit(const std::string& text, QuotaLimits& limits) {
+    const std::size_t equals = text.find('=');
+    const std::string name = text.substr(0, equals);
+    const std::string count = equals == std::string::npos ? "" : text.substr(equals + 1);
+    std::size_t* const limit = name == "running"   ? &limits.running
+                               : name == "waiting" ? &limits.waiting
+                               : name == "minute"  ? &limits.perMinute
+                               : name == "total"   ? &limits.total
+                                                   : nullptr;
+    if (limit == nullptr || !IsMadeOf(count, kDigits) || count.size() > 4 ||
+        (std::atoi(count.c_str()) == 0 && name != "waiting")) {
+        Complain("--limit: not running, waiting, minute or total with a number up to 9999: " +
+                 text);
+        return false;
+    }
+    *limit = static_cast<std::size_t>(std::atoi(count.c_str()));
+    return true;
+}
+
+// --check takes its directories as operands too.
+bool ReadOperands(int argc, char** argv, Options& options) {
+    for (int i = optind; i < argc; ++i) {
+        if (!options.check) {
+            Complain(std::string("no operand is expected: ") + argv[i]);
+            return false;
+        }
+        options.rules.push_back(argv[i]);
+    }
+    if (options.rules.empty()) {
+        options.rules = {"/usr/lib/sentrel/rules.d", "/etc/sentrel/rules.d",
+                         "/run/sentrel/rules.d"};
+    }
+    return true;
+}
+
+}  // namespace
+
+void Complain(const std::string& text) {
+    (void)std::fprintf(stderr, "sentrel-agent: %s\n", text.c_str());
+}
+
+int ReadOptions(int argc, char** argv, Options& options) {
+    enum { kRules = 1, kCheck, kToolPath, kLimit, kAudit, kMock, kHelpAsked, kVersion };
+    const option known[] = {{"rules", required_argument, nullptr, kRules},
+                            {"check", no_argument, nullptr, kCheck},
+                            {"tool-path", required_argument, nullptr, kToolPath},
+                            {"limit", required_argument, nullptr, kLimit},
+                            {"audit-stderr", no_argument, nullptr, kAudit},
+                            {"mock", required_argument, nullptr, kMock},
+                            {"help", no_argument, nullptr, kHelpAsked},
+                            {"version", no_argument, nullptr, kVersion},
+                            {nullptr, 0, nullptr, 0}};
+    for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
+        bool good = true;
+        switch (found) {
+            case kRules:
+                options.rules.push_back(optarg);
+                break;
+            case kCheck:
+                options.check = true;
+                break;
+            case kToolPath:
+                good = ReadToolPath(optarg, options.toolPath);
+                break;
+            case kLimit:
+                good = ReadLimit(optarg, options.limits);
+                break;
+            case kAudit:
+                options.auditToStandardError = true;
+                break;
+            case kMock:
+                options.mock = optarg;
+                break;
+            case kHelpAsked:
+                (void)std::fputs(kHelp, stdout);
+                return 0;
+            case kVersion:
+                (void)std::printf("sentrel-agent %s\n", SENTREL_VERSION);
+                return 0;
+            default:
+                good = false;  // getopt_long has complained
+        }
+        if (!good) {
+            return 2;
+        }
+    }
+    return ReadOperands(argc, argv, options) ? -1 : 2;
+}
+
+}  // namespace agent

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// What may be run, and the proof that a rule allows it.
+//
+// A Plan is a tool's command rebuilt from parsed fields. Only the rules can make a Permit out of a
+// Plan, and the executor takes nothing but a Permit: there is no way to start a tool past them.
+// Value types; movable, one owner at a time.
+#ifndef SENTREL_AGENT_PERMIT_H
+#define SENTREL_AGENT_PERMIT_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace agent {
+
+// Who asks, in the bus's word.
+struct Caller {
+    uid_t uid = static_cast<uid_t>(-1);
+    std::vector<gid_t> groups;
+    pid_t pid = 0;           // 0: unknown
+    std::string busName;     // ":1.42"
+    std::string executable;  // /proc/PID/exe as read at receipt; advisory, may be empty
+};
+
+// A path of the caller's that the tool's child pins before the tool runs: it is opened without
+// following any symbolic link and must then be, to the letter, the path that the rule was checked
+// against. The argument is replaced by a path under which the pinned file is reached.
+struct Pin {
+    enum Kind {
+        kDirectory,  // an existing directory (mount point)
+        kFile,       // an existing file of any other type (block device, image, module)
+        kAny,        // an existing file or directory (what is bound to another place)
+        kParent,     // the path need not exist; its directory is pinned (a node to be made)
+        kMountPoint  // to unmount: the parent is pinned, the last component is taken as it is
+    };
+    std::size_t argument = 0;  // index in Plan::argv
+    Kind kind = kDirectory;
+    std::string path;             // absolute, no "." or "..", no doubled "/", no trailing "/"
+    bool rootOwnedChain = false;  // every directory above must be root's and closed to others
+};
+
+struct Plan {
+    std::string agent;              // "sr_mount"
+    std::vector<std::string> argv;  // argv[0] is the tool's absolute path; "--" before operands
+    std::vector<Pin> pins;
+    // A text that must reach the tool but must not be seen: written to a pipe whose number the tool
+    // finds in the environment variable PASSWD_FD. Empty: none.
+    std::string secret;
+    // A file with a secret, opened as the caller; its content travels as `secret` does.
+    std::string secretFile;
+    std::chrono::milliseconds deadline{20000};
+    // After a mount: flags that mountinfo must show on the pinned mount point ("nosuid", "nodev"),
+    // else it is unmounted again and the operation fails.
+    std::vector<std::string> requiredMountFlags;
+    // After mknod: owner to be given to the node; -1 keeps root's.
+    uid_t owner = static_cast<uid_t>(-1);
+    gid_t group = static_cast<gid_t>(-1);
+};
+
+class Permit {
+public:
+    Permit(Permit&&) = default;
+    Permit& operator=(Permit&&) = default;
+    Permit(const Permit&) = delete;
+    Permit& operator=(const Permit&) = delete;
+
+    const Plan& GetPlan() const { return plan; }
+    // "FILE:LINE" of the rule that allows it.
+    const std::string& GetRule() const { return rule; }
+
+private:
+    friend class Decider;
+    Permit(Plan&& allowed, const std::string& byRule) : plan(std::move(allowed)), rule(byRule) {}
+
+    Plan plan;
+    std::string rule;
+};
+
+}  // namespace agent
+
+#endif

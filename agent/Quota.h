@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// How much one uid may ask for: requests that run at once, that wait, and that come in a minute.
+// Waiting ones are served uid by uid in turn, each uid's in the order in which they came.
+//
+// Knows requests by a number only and starts nothing itself. Threads: one.
+#ifndef SENTREL_AGENT_QUOTA_H
+#define SENTREL_AGENT_QUOTA_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace agent {
+
+struct QuotaLimits {
+    std::size_t running = 4;      // of one uid
+    std::size_t waiting = 16;     // of one uid
+    std::size_t perMinute = 120;  // of one uid; as many may come in one burst
+    std::size_t total = 32;       // running, of all uids together
+};
+
+class Quota {
+public:
+    typedef std::chrono::steady_clock::time_point TimePoint;
+    enum class Entry { kRun, kWait, kRefused };
+
+    explicit Quota(const QuotaLimits& quotaLimits);
+
+    // Asks for a place for request `id`, a number not in use. `reason` is written when it is
+    // refused; then nothing is kept of it.
+    Entry Enter(uid_t uid, std::uint64_t id, TimePoint now, std::string& reason);
+    // The request has ended, or one that waited gives up. The ones that may run now, in order;
+    // their places are taken already.
+    std::vector<std::uint64_t> Leave(uid_t uid, std::uint64_t id);
+
+    std::size_t Running() const { return total; }
+    std::size_t Waiting() const;
+
+private:
+    struct User {
+        std::vector<std::uint64_t> running;
+        std::deque<std::uint64_t> waiting;
+        double tokens = 0;
+        TimePoint counted;
+    };
+
+    void Refill(User& user, TimePoint now) const;
+    void ForgetIdle(TimePoint now);
+    bool HasRoom(const User& user) const;
+
+    QuotaLimits limits;
+    std::map<uid_t, User> users;
+    std::deque<uid_t> turns;  // uids with waiting requests, the next to be served first
+    std::size_t total = 0;
+};
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+// One TOML text turned into rules. Used by the loader only; keeps references to its arguments.
+#ifndef SENTREL_AGENT_RULEREADER_H
+#define SENTREL_AGENT_RULEREADER_H
+
+#include <string>
+
+#include "Rules.h"
+
+namespace agent {
+
+// Appends the text's rules to `rules`, and what is wrong to the result's errors and warnings.
+void ReadRules(const std::string& text, const std::string& file, const Accounts& accounts,
+               std::vector<Rule>& rules, LoadResult& result);
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "RuleStore.h"
+
+#include <sys/stat.h>
+
+#include "Child.h"
+#include "Text.h"
+
+namespace agent {
+
+namespace {
+
+std::string FindTool(const std::string& name, const std::vector<std::string>& directories) {
+    for (const std::string& directory : directories) {
+        const std::string path = directory + "/" + name;
+        struct stat found = {};
+        if (stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode)) {
+            return path;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+Tools FindTools(const std::string& directories, std::vector<std::string>& warnings) {
+    const std::vector<std::string> places = Split(directories, ':');
+    Tools tools;
+    const std::pair<const char*, std::string Tools::*> kNames[] = {
+        {"mount", &Tools::mount},          {"umount", &Tools::umount},
+        {"mount.cifs", &Tools::mountCifs}, {"mknod", &Tools::mknod},
+        {"insmod", &Tools::insmod},        {"rmmod", &Tools::rmmod},
+        {"systemctl", &Tools::systemctl}};
+    for (const auto& entry : kNames) {
+        std::string& path = tools.*entry.second;
+        path = FindTool(entry.first, places);
+        std::string reason;
+        if (!path.empty() && CheckTool(path, reason) != kOk) {
+            warnings.push_back(reason);
+        }
+    }
+    return tools;
+}
+
+RuleStore::RuleStore(const std::vector<std::string>& ruleDirectories, uid_t ruleOwner,
+                     const std::string& toolDirectories)
+    : directories(ruleDirectories), owner(ruleOwner), toolPath(toolDirectories) {}
+
+LoadResult RuleStore::Load() {
+    LoadResult result = LoadRules(directories, owner, accounts);
+    if (!result.rules) {
+        return result;
+    }
+    for (const std::string& warning : CheckRules(*result.rules)) {
+        result.warnings.push_back(warning);
+    }
+    decider = std::make_unique<Decider>(FindTools(toolPath, result.warnings), accounts);
+    set = result.rules;
+    return result;
+}
+
+Decision RuleStore::Decide(const Caller& caller, const Request& request) const {
+    if (!set) {
+        return Decision();
+    }
+    return decider->Decide(*set, caller, request);
+}
+
+}  // namespace agent

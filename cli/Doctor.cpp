@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Doctor.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "Json.h"
+#include "Quote.h"
+
+namespace cli {
+
+namespace {
+
+const int kLimit = 3000;  // milliseconds; a healthy agent refuses the probe at once
+const char kGroup[] = "sentrel";
+const char kAddress[] = "DBUS_SYSTEM_BUS_ADDRESS";
+const char kPolicyFile[] = "/etc/dbus-1/system.d/org.sentrel.sr_agent.conf";
+
+bool IsError(const Answer& answer, const char* last) {
+    return answer.error == std::string("org.freedesktop.DBus.Error.") + last;
+}
+
+// No error of these comes from an agent that has received the call.
+bool IsSilence(const Answer& answer) {
+    return IsError(answer, "NoReply") || IsError(answer, "Timeout") ||
+           IsError(answer, "TimedOut") || IsError(answer, "Disconnected");
+}
+
+Step Good(const char* name, const std::string& detail) {
+    return Step{name, State::kGood, detail, {}, 0};
+}
+
+Step Unknown(const char* name, const std::string& detail) {
+    return Step{name, State::kUnknown, detail, {}, 0};
+}
+
+Step BusStep(const Answer& connected, const std::string& address) {
+    const std::string place = address.empty() ? "the system's own address" : address;
+    if (connected.error.empty()) {
+        return Good("bus", "reached at " + place);
+    }
+    Step step{"bus", State::kFailed, place + ": " + connected.text, {}, kUsage};
+    if (!address.empty()) {
+        step.advice.push_back(std::string("unset ") + kAddress);
+    }
+    step.advice.emplace_back("systemctl start dbus");
+    return step;
+}
+
+Step NameStep(const Findings& findings) {
+    if (findings.owned) {
+        return Good("name", "org.sentrel.sr_agent is owned");
+    }
+    const std::string why = findings.probe.error.empty() ? "" : ": " + findings.probe.text;
+    return Step{"name",
+                State::kFailed,
+                "nobody owns org.sentrel.sr_agent" + why,
+                {"systemctl start sentrel-agent", "journalctl -u sentrel-agent"},
+                kNobodyThere};
+}
+
+std::vector<std::string> PermissionAdvice(const Person& person) {
+    if (!person.root && !person.member) {
+        if (person.listed) {
+            return {"log out and in again, or for one shell: newgrp " + std::string(kGroup)};
+        }
+        std::vector<std::string> advice;
+        if (!person.groupExists) {
+            advice.push_back("groupadd --system " + std::string(kGroup));
+        }
+        advice.push_back("usermod -aG " + std::string(kGroup) + " " + Quote(person.name));
+        advice.emplace_back("log out and in again");
+        return advice;
+    }
+    const std::string policy =
+        person.root ? "<policy user=\"root\"><allow send_destination=\"org.sentrel.sr_agent\"/>"
+                    : "<policy group=\"sentrel\"><allow send_destination=\"org.sentrel.sr_agent\" "
+                      "send_interface=\"org.sentrel.sr_agent\"/>";
+    return {std::string("add within <busconfig> of ") + kPolicyFile + ": " + policy + "</policy>",
+            "systemctl reload dbus"};
+}
+
+Step PermissionStep(const Findings& findings, const Person& person) {
+    if (IsError(findings.probe, "AccessDenied")) {
+        return Step{"permission", State::kFailed,
+                    person.name + " may not send to the agent: " + findings.probe.text,
+                    PermissionAdvice(person), kRefused};
+    }
+    return findings.owned ? Good("permission", person.name + " may send to the agent")
+                          : Unknown("permission", "not tried");
+}
+
+Step AnswerStep(const Findings& findings) {
+    if (!findings.owned || IsError(findings.probe, "AccessDenied")) {
+        return Unknown("answer", "not tried");
+    }
+    if (IsSilence(findings.probe)) {
+        return Step{"answer",
+                    State::kFailed,
+                    "no answer: " + findings.probe.text,
+                    {"journalctl -u sentrel-agent", "systemctl restart sentrel-agent"},
+                    kUsage};
+    }
+    return Good("answer", "the agent answers");
+}
+
+Step RulesStep(const Findings& findings, const Step& before) {
+    Json status;
+    if (before.state != State::kGood) {
+        return Unknown("rules", "not tried");
+    }
+    if (!findings.status.error.empty() || !Json::Parse(findings.status.text, status) ||
+        status.Find("rules") == nullptr) {
+        return Unknown("rules", "the agent does not tell: " + findings.status.text);
+    }
+    const std::string count = status.Field("rules");
+    if (count != "0") {
+        return Good("rules", count + " loaded");
+    }
+    return Step{"rules",
+                State::kFailed,
+                "none is loaded, so everything is refused",
+                {"put rules into a file /etc/sentrel/rules.d/NAME.toml", "sentrel-agent --check",
+                 "sentrel reload"},
+                kRefused};
+}
+
+const char* StateName(State state) {
+    return state == State::kGood ? "ok" : state == State::kFailed ? "failed" : "unknown";
+}
+
+void PrintForProgram(const std::vector<Step>& steps, int exit) {
+    Json list = Json::List();
+    for (const Step& step : steps) {
+        Json advice = Json::List();
+        for (const std::string& line : step.advice) {
+            advice.Add(Json::Text(line));
+        }
+        list.Add(Json::Object()
+                     .Add("step", Json::Text(step.name))
+                     .Add("state", Json::Text(StateName(step.state)))
+                     .Add("detail", Json::Text(step.detail))
+                     .Add("advice", advice));
+    }
+    const Json object = Json::Object()
+                            .Add("ok", Json::Bool(exit == 0))
+                            .Add("exit", Json::Number(exit))
+                            .Add("steps", list);
+    std::printf("%s\n", object.Write().c_str());
+}
+
+void Print(const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        std::printf("%-8s %-11s %s\n", StateName(step.state), step.name,
+                    Printable(step.detail).c_str());
+        for (const std::string& line : step.advice) {
+            std::printf("%-20s -> %s\n", "", Printable(line).c_str());
+        }
+    }
+}
+
+}  // namespace
+
+Person Person::Myself() {
+    Person person;
+    const uid_t uid = geteuid();
+    const passwd* entry = getpwuid(uid);
+    person.name = entry != nullptr ? entry->pw_name : std::to_string(uid);
+    person.root = uid == 0;
+    const group* found = getgrnam(kGroup);
+    if (found == nullptr) {
+        return person;
+    }
+    person.groupExists = true;
+    for (char** name = found->gr_mem; *name != nullptr; ++name) {
+        person.listed = person.listed || person.name == *name;
+    }
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    person.member = getegid() == found->gr_gid ||
+                    std::find(groups.begin(), groups.end(), found->gr_gid) != groups.end();
+    return person;
+}
+
+std::vector<Step> Diagnose(const Findings& findings, const Person& person,
+                           const std::string& address) {
+    std::vector<Step> steps = {BusStep(findings.connected, address)};
+    if (steps[0].state != State::kGood) {
+        for (const char* name : {"name", "permission", "answer", "rules"}) {
+            steps.push_back(Unknown(name, "not tried"));
+        }
+        return steps;
+    }
+    steps.push_back(NameStep(findings));
+    steps.push_back(PermissionStep(findings, person));
+    steps.push_back(AnswerStep(findings));
+    steps.push_back(RulesStep(findings, steps.back()));
+    return steps;
+}
+
+int Doctor(const Options& options) {
+    const char* address = std::getenv(kAddress);
+    const std::vector<Step> steps =
+        Diagnose(Examine(kLimit), Person::Myself(), address != nullptr ? address : "");
+    int exit = 0;
+    for (const Step& step : steps) {
+        exit = exit == 0 && step.state == State::kFailed ? step.exit : exit;
+    }
+    if (options.json) {
+        PrintForProgram(steps, exit);
+    } else {
+        Print(steps);
+    }
+    return exit;
+}
+
+}  // namespace cli

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+// The worked examples load without a word and do what their comments say.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "Decide.h"
+#include "Oracle.h"
+#include "RuleTexts.h"
+
+namespace {
+
+const char* const kFiles[] = {"10-usb-stick.toml",   "20-network-share.toml",
+                              "30-device-node.toml", "40-module.toml",
+                              "50-units.toml",       "60-deny-before-allow.toml"};
+
+std::string TextOf(const std::string& name) {
+    std::ifstream file(std::string(RULE_EXAMPLES) + "/" + name);
+    std::ostringstream text;
+    text << file.rdbuf();
+    EXPECT_TRUE(file.good() || file.eof()) << name;
+    return text.str();
+}
+
+std::shared_ptr<const agent::RuleSet> AllExamples() {
+    std::string text;
+    for (const char* name : kFiles) {
+        text += TextOf(name);
+    }
+    return MakeRules(text);
+}
+
+bool Allowed(const agent::Caller& caller, const std::string& agentName, const std::string& text) {
+    static const auto kSet = AllExamples();
+    bool permitted = false;
+    EXPECT_EQ(Ask(*kSet, caller, agentName, text, permitted), std::vector<std::string>{}) << text;
+    return permitted;
+}
+
+TEST(Examples, AreTheseAndNoOthers) {
+    std::size_t count = 0;
+    DIR* directory = opendir(RULE_EXAMPLES);
+    ASSERT_NE(directory, nullptr);
+    while (const struct dirent* entry = readdir(directory)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    closedir(directory);
+    EXPECT_EQ(count, std::size(kFiles));
+}
+
+TEST(Examples, LoadOneByOneAndTogetherWithoutAWarningOrFinding) {
+    for (const char* name : kFiles) {
+        const agent::LoadResult result = agent::ParseRules(TextOf(name), name, TestAccounts());
+        EXPECT_EQ(result.errors, std::vector<std::string>{});
+        ASSERT_TRUE(result.rules);
+        EXPECT_FALSE(result.rules->rules.empty());
+#ifdef SENTREL_RE2
+        EXPECT_EQ(result.warnings, std::vector<std::string>{});
+        EXPECT_EQ(agent::CheckRules(*result.rules), std::vector<std::string>{});
+#endif
+    }
+#ifdef SENTREL_RE2
+    EXPECT_EQ(agent::CheckRules(*AllExamples()), std::vector<std::string>{});
+#endif
+}
+
+TEST(Examples, LoadFromTheirDirectoryAsFiles) {
+    struct stat status = {};
+    ASSERT_EQ(stat(RULE_EXAMPLES, &status), 0);
+    const agent::LoadResult result =
+        agent::LoadRules({RULE_EXAMPLES}, status.st_uid, TestAccounts());
+    EXPECT_EQ(result.errors, std::vector<std::string>{});
+    ASSERT_TRUE(result.rules);
+    EXPECT_EQ(result.rules->rules.size(), AllExamples()->rules.size());
+}
+
+TEST(Examples, AStickIsForThePlayerOnly) {
+    const std::string text = "-t vfat -o uid=1000,umask=022 /dev/sda1 /media/usb0";
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_mount", text));
+    EXPECT_FALSE(Allowed(MakeCaller(1001), "sr_mount", text));
+    EXPECT_FALSE(Allowed(MakeCaller(0), "sr_mount", text));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat -o uid=0 /dev/sda1 /media/usb0"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat /dev/sda2 /media/usb0"));
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_umount", "-l /media/usb0"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_umount", "-f /media/usb0"));
+}
+
+TEST(Examples, AShareIsMountedWithAPasswordOrACredentialsFile) {
+    const std::string end = " //nas.local/music /media/music";
+    EXPECT_TRUE(Allowed(MakeCaller(1001), "sr_mount_cifs", "-o user=a,password=geheim" + end));
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_mount_cifs", "-o credentials=/home/a/.music" + end));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount_cifs", "-o credentials=/etc/shadow" + end));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount_cifs", "//nas.local/other /media/music"));
+    EXPECT_TRUE(Allowed(MakeCaller(1001), "sr_umount_cifs", "/media/music"));
+    EXPECT_FALSE(Allowed(MakeCaller(1002), "sr_umount_cifs", "/media/music"));
+}
+
+TEST(Examples, ANodeIsOneOfFour) {
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_mknod", "/dev/tuner3 c 240 3"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mknod", "/dev/tuner4 c 240 4"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mknod", "/dev/tuner3 b 240 3"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mknod", "-m 666 /dev/tuner3 c 240 3"));
+}
+
+TEST(Examples, AModuleIsLoadedByItsFileAndRemovedByItsName) {
+    const std::string path = "/usr/lib/modules/extra/tuner-usb.ko";
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_insmod", "/tmp/tuner-usb.ko"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_insmod", path + " debug=1"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000, {}, "/bin/sh"), "sr_insmod", path));
+#ifdef SENTREL_RE2
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_insmod", path + " index=1 region=eu"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_insmod", path + " region=mars"));
+#endif
+    EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_rmmod", "tuner-usb"));
+}
+
+TEST(Examples, TwoUnitsHaveThreeVerbs) {
+    for (const char* verb : {"start", "stop", "status"}) {
+        EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_systemctl", std::string(verb) + " player"));
+        EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_systemctl", std::string(verb) + " player-db"));
+        EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_systemctl", std::string(verb) + " ssh"));
+    }
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_systemctl", "restart player"));
+}
+
+TEST(Examples, TheSystemsDiskIsClosedBeforeCardsAreOpened) {
+    const agent::Caller caller = MakeCaller(1001, {44});
+    EXPECT_TRUE(Allowed(caller, "sr_mount", "-t vfat /dev/mmcblk1p1 /media/card"));
+    EXPECT_FALSE(Allowed(caller, "sr_mount", "-t vfat /dev/mmcblk0p1 /media/card"));
+    EXPECT_FALSE(Allowed(caller, "sr_mount", "-t vfat /dev/mmcblk1p1 /media/system"));
+    EXPECT_FALSE(Allowed(MakeCaller(1001), "sr_mount", "-t vfat /dev/mmcblk1p1 /media/card"));
+}
+
+}  // namespace

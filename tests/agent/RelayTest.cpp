@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+// The relay's process: its rights, and that it holds up nobody.
+#include "Relay.h"
+
+#include <signal.h>
+#include <sys/socket.h>
+
+#include "Pidfd.h"
+#include "RunFixture.h"
+
+using agent::OwnedFd;
+using agent::Relay;
+using std::chrono::milliseconds;
+
+namespace {
+
+class RelayTest : public RunFixture {
+protected:
+    static bool WriteAll(int fd, const std::string& text) {
+        std::size_t done = 0;
+        while (done < text.size()) {
+            pollfd slot = {fd, POLLOUT, 0};
+            const std::size_t piece = std::min<std::size_t>(text.size() - done, 4096);
+            const ssize_t count =
+                poll(&slot, 1, 10000) == 1 ? write(fd, text.data() + done, piece) : -1;
+            if (count <= 0) {
+                return false;
+            }
+            done += static_cast<std::size_t>(count);
+        }
+        return true;
+    }
+
+    bool RunToItsEnd(const std::shared_ptr<Relay>& relay) {
+        return RunUntil([&relay] { return relay->Ended(); });
+    }
+
+    static std::string StatusLine(pid_t pid, const std::string& name) {
+        std::istringstream status(Contents("/proc/" + std::to_string(pid) + "/status"));
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.find(name + ":") == 0) {
+                return line.substr(name.size() + 2);
+            }
+        }
+        return "";
+    }
+};
+
+}  // namespace
+
+TEST_F(RelayTest, WhatIsWrittenArrivesAndIsCounted) {
+    TestPipe pipe;
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    ASSERT_TRUE(relay);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), "first\n"));
+    EXPECT_EQ(ReadLines(pipe.reader.Get(), 1), "first\n");
+    relay->Say("a reason");
+    relay->CloseInput();
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(Drain(pipe.reader.Get()), "a reason\n");
+    EXPECT_EQ(relay->Copied(), 15u);
+    EXPECT_EQ(relay->Dropped(), 0u);
+    EXPECT_EQ(relays->Count(), 0u);
+}
+
+TEST_F(RelayTest, ItHasTheCallersIdsAndNoOtherRight) {
+    TestPipe pipe;
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), "ready\n"));
+    ASSERT_EQ(ReadLines(pipe.reader.Get(), 1), "ready\n");
+    const std::string uid = std::to_string(caller.uid);
+    EXPECT_EQ(StatusLine(relay->GetPid(), "Uid"), uid + "\t" + uid + "\t" + uid + "\t" + uid);
+    const std::string gid = std::to_string(caller.groups[0]);
+    EXPECT_EQ(StatusLine(relay->GetPid(), "Gid"), gid + "\t" + gid + "\t" + gid + "\t" + gid);
+    for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapAmb"}) {
+        EXPECT_EQ(StatusLine(relay->GetPid(), set), "0000000000000000") << set;
+    }
+    EXPECT_EQ(StatusLine(relay->GetPid(), "NoNewPrivs"), "1");
+    EXPECT_EQ(StatusLine(relay->GetPid(), "Seccomp"), "2");
+    if (geteuid() == 0) {  // nobody else may look
+        const std::string list = "ls /proc/" + std::to_string(relay->GetPid()) + "/fd > ";
+        ASSERT_EQ(system((list + (directory / "list")).c_str()), 0);
+        EXPECT_EQ(Contents(directory / "list"), "0\n1\n2\n");
+    }
+}
+
+TEST_F(RelayTest, ARootCallersRelayHasNoCapabilitiesEither) {
+    NEEDS_ROOT();
+    TestPipe pipe;
+    caller.uid = 0;
+    caller.groups = {0};
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), "ready\n"));
+    ASSERT_EQ(ReadLines(pipe.reader.Get(), 1), "ready\n");
+    EXPECT_EQ(StatusLine(relay->GetPid(), "CapPrm"), "0000000000000000");
+}
+
+TEST_F(RelayTest, AFullPipeThatNobodyReadsHoldsUpNoWriter) {
+    TestPipe pipe;
+    ASSERT_GT(fcntl(pipe.writer.Get(), F_SETPIPE_SZ, 4096), 0);
+    ASSERT_TRUE(WriteAll(pipe.writer.Get(), std::string(4096, 'f')));  // full before it starts
+    const std::shared_ptr<Relay> relay = relays->Start(OwnedFd(dup(pipe.writer.Get())), caller);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), std::string(3000000, 'x')));
+    relay->CloseInput();
+    EXPECT_EQ(fcntl(pipe.writer.Get(), F_GETFL) & O_NONBLOCK, 0);
+    pipe.writer.Reset();
+    // Now somebody reads after all.
+    std::string all;
+    char piece[65536];
+    ssize_t count = 0;
+    while ((count = read(pipe.reader.Get(), piece, sizeof piece)) > 0) {
+        all.append(piece, static_cast<std::size_t>(count));
+    }
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(all, std::string(4096, 'f') + std::string(1048576, 'x') +
+                       "\n[1951424 more bytes dropped]\n");
+    EXPECT_EQ(relay->Dropped(), 1951424u);
+}
+
+TEST_F(RelayTest, MuchThatComesAtOnceDoesNotBlockItOnASmallPipe) {
+    TestPipe pipe;
+    ASSERT_GT(fcntl(pipe.writer.Get(), F_SETPIPE_SZ, 4096), 0);
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), "ready\n"));
+    ASSERT_EQ(ReadLines(pipe.reader.Get(), 1), "ready\n");
+    ASSERT_EQ(kill(relay->GetPid(), SIGSTOP), 0);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), std::string(60000, 'x')));
+    ASSERT_EQ(kill(relay->GetPid(), SIGCONT), 0);
+    EXPECT_TRUE(WriteAll(relay->GetInput(), std::string(2000000, 'x')));
+}
+
+TEST_F(RelayTest, AReaderThatHasGoneEndsNothingButTheCopying) {
+    TestPipe pipe;
+    pipe.reader.Reset();
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), std::string(3000000, 'x')));
+    relay->CloseInput();
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(relay->Copied(), 0u);
+    EXPECT_EQ(relay->Dropped(), 3000000u);
+}
+
+TEST_F(RelayTest, ASocketOrANonBlockingPipeGetsTheWholeOutput) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    int pipeEnds[2];
+    ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC | O_NONBLOCK), 0);
+    ASSERT_EQ(fcntl(pipeEnds[0], F_SETFL, 0), 0);
+    const std::pair<int, int> channels[] = {{ends[0], ends[1]}, {pipeEnds[0], pipeEnds[1]}};
+    for (const auto& channel : channels) {
+        const OwnedFd reader(channel.first);
+        const std::shared_ptr<Relay> relay = relays->Start(OwnedFd(channel.second), caller);
+        ASSERT_TRUE(WriteAll(relay->GetInput(), std::string(1000000, 'x')));
+        relay->CloseInput();
+        std::size_t total = 0;
+        char piece[65536];
+        ssize_t count = 0;
+        while ((count = read(reader.Get(), piece, sizeof piece)) > 0) {
+            total += static_cast<std::size_t>(count);
+        }
+        EXPECT_EQ(total, 1000000u);
+        EXPECT_TRUE(RunToItsEnd(relay));
+    }
+}
+
+TEST_F(RelayTest, OneThatIsAbandonedIsKilledAfterItsBound) {
+    agent::RelayLimits limits;
+    limits.bound = milliseconds(100);
+    Restart(agent::ExecutorLimits(), limits);
+    TestPipe pipe;
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    const OwnedFd held(fcntl(relay->GetInput(), F_DUPFD_CLOEXEC, 3));  // a writer that stays
+    relay->Abandon();
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(relays->Count(), 0u);
+    EXPECT_EQ(ReadLines(pipe.reader.Get(), 1), "");  // its copy of the descriptor is closed
+}
+
+TEST_F(RelayTest, TheEndIsToldOnceAndTheRelayMayBeDroppedThere) {
+    TestPipe pipe;
+    std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    int told = 0;
+    relay->OnEnd([&] {
+        ++told;
+        relay.reset();
+    });
+    relay->CloseInput();
+    ASSERT_TRUE(RunUntil([&told] { return told > 0; }));
+    EXPECT_EQ(told, 1);
+    EXPECT_FALSE(relay);
+}
+
+TEST_F(RelayTest, TheEndOfAllRelaysKillsThoseThatRun) {
+    TestPipe pipe;
+    std::shared_ptr<Relay> relay = relays->Start(std::move(pipe.writer), caller);
+    const OwnedFd pidfd(agent::OpenProcess(relay->GetPid()));
+    relay.reset();
+    executor.reset();
+    relays.reset();
+    EXPECT_TRUE(WaitEnd(pidfd.Get()));
+}

@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+// See RuleTexts.h.
+#include "RuleTexts.h"
+
+#include <iostream>
+
+bool FixedAccounts::FindUser(const std::string& name, uid_t& uid) const {
+    if (name != "player" && name != "media" && name != "root") {
+        return false;
+    }
+    uid = name == "player" ? 1000 : name == "media" ? 1001 : 0;
+    return true;
+}
+
+bool FixedAccounts::FindGroup(const std::string& name, gid_t& gid) const {
+    if (name != "media" && name != "disk") {
+        return false;
+    }
+    gid = name == "media" ? 44 : 6;
+    return true;
+}
+
+bool FixedAccounts::FindPrimaryGroup(uid_t uid, gid_t& gid) const {
+    if (uid != 1000 && uid != 1001 && uid != 0) {
+        return false;
+    }
+    gid = uid == 0 ? 0 : uid + 100;
+    return true;
+}
+
+const FixedAccounts& TestAccounts() {
+    static const FixedAccounts kAccounts;
+    return kAccounts;
+}
+
+agent::Caller MakeCaller(uid_t uid, const std::vector<gid_t>& groups,
+                         const std::string& executable) {
+    agent::Caller caller;
+    caller.uid = uid;
+    caller.groups = groups;
+    caller.pid = 4711;
+    caller.busName = ":1.42";
+    caller.executable = executable;
+    return caller;
+}
+
+std::shared_ptr<const agent::RuleSet> MakeRules(const std::string& text) {
+    const agent::LoadResult result = agent::ParseRules(text, "test.toml", TestAccounts());
+    for (const std::string& error : result.errors) {
+        std::cerr << error << "\n";
+    }
+    return result.rules;
+}
+
+const char* const kNarrowRules = R"(
+[[rule]]
+name = "stick"
+agent = "sr_mount"
+permit = true
+user = "player"
+exe = "/usr/bin/player"
+source = "/dev/sda1"
+target = "/media/usb"
+type = ["vfat", "ext4"]
+options.allow = ["ro", "uid=%uid", "umask=0*"]
+options.always = ["noexec"]
+
+[[rule]]
+name = "stick off"
+agent = "sr_umount"
+permit = true
+user = "player"
+target = "/media/usb"
+options.allow = ["lazy"]
+
+[[rule]]
+name = "share"
+agent = "sr_mount_cifs"
+permit = true
+user = "player"
+source = "//nas/music"
+target = "/media/music"
+options.allow = ["user=player", "domain=HOME", "password", "credentials=/home/player/*", "vers=3.0"]
+
+[[rule]]
+name = "share off"
+agent = "sr_umount_cifs"
+permit = true
+user = "player"
+target = "/media/music"
+
+[[rule]]
+name = "node"
+agent = "sr_mknod"
+permit = true
+user = "player"
+path = "/dev/player0"
+kind = "c"
+major = 240
+minor = "0-3"
+mode = ["0660", "0640"]
+owner = "player"
+group = "media"
+
+[[rule]]
+name = "module"
+agent = "sr_insmod"
+permit = true
+user = "player"
+path = "/lib/modules/extra/snd-player.ko"
+parameters = ["index=?", "enable"]
+
+[[rule]]
+name = "module off"
+agent = "sr_rmmod"
+permit = true
+user = "player"
+module = "snd_player"
+
+[[rule]]
+name = "units"
+agent = "sr_systemctl"
+permit = true
+user = "player"
+verb = ["start", "stop"]
+unit = ["player.service", "player-db.service"]
+options.allow = ["no-block"]
+)";
+
+const std::vector<GoodRequest>& GoodRequests() {
+    static const std::vector<GoodRequest> kRequests = {
+        {"sr_mount", "-t vfat -o ro,uid=1000,umask=022 /dev/sda1 /media/usb"},
+        {"sr_umount", "-l /media/usb"},
+        {"sr_mount_cifs", "-o user=player,domain=HOME,password=Geheimnis //nas/music /media/music"},
+        {"sr_umount_cifs", "/media/music"},
+        {"sr_mknod", "-m 0640 /dev/player0 c 240 2"},
+        {"sr_insmod", "/lib/modules/extra/snd-player.ko index=1 enable"},
+        {"sr_rmmod", "snd-player"},
+        {"sr_systemctl", "--no-block start player.service player-db"},
+    };
+    return kRequests;
+}
+
+const char* const kWideRules = R"(
+[[rule]]
+name = "wide mount"
+agent = "sr_mount"
+permit = true
+user = "*"
+source = ["*", "/**", "*:/**"]
+target = "/**"
+type = "*"
+options.allow = ["*", "*=/**"]
+open_parents = true
+
+[[rule]]
+name = "wide umount"
+agent = ["sr_umount", "sr_umount_cifs"]
+permit = true
+user = "*"
+target = "/**"
+options.allow = "*"
+
+[[rule]]
+name = "wide share"
+agent = "sr_mount_cifs"
+permit = true
+user = "*"
+source = "//**"
+target = "/**"
+options.allow = ["*", "credentials=/**"]
+
+[[rule]]
+name = "wide node"
+agent = "sr_mknod"
+permit = true
+user = "*"
+path = "/**"
+kind = ["b", "c", "p"]
+major = "*"
+minor = "*"
+mode = ["0600", "0660", "0640", "0666"]
+
+[[rule]]
+name = "wide module"
+agent = "sr_insmod"
+permit = true
+user = "*"
+path = "/**"
+parameters = ["*", "*/**"]
+
+[[rule]]
+name = "wide module off"
+agent = "sr_rmmod"
+permit = true
+user = "*"
+module = "*"
+
+[[rule]]
+name = "wide units"
+agent = "sr_systemctl"
+permit = true
+user = "*"
+verb = ["start", "stop", "restart", "status", "show", "enable"]
+unit = "*"
+options.allow = "*"
+)";

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// Accounts, callers and rules shared by the tests of the rules. Everything is fixed: nothing is
+// read from the machine.
+#ifndef SENTREL_TESTS_AGENT_RULETEXTS_H
+#define SENTREL_TESTS_AGENT_RULETEXTS_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Accounts.h"
+#include "Permit.h"
+#include "Rules.h"
+
+// player is 1000 with the primary group 1100, media is 1001; the groups media (44) and disk (6).
+class FixedAccounts : public agent::Accounts {
+public:
+    bool FindUser(const std::string& name, uid_t& uid) const override;
+    bool FindGroup(const std::string& name, gid_t& gid) const override;
+    bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override;
+};
+
+const FixedAccounts& TestAccounts();
+
+agent::Caller MakeCaller(uid_t uid, const std::vector<gid_t>& groups = {},
+                         const std::string& executable = "/usr/bin/player");
+
+// The set, or null after the errors were written to standard error.
+std::shared_ptr<const agent::RuleSet> MakeRules(const std::string& text);
+
+// One narrow rule for each operation, for the user 1000.
+extern const char* const kNarrowRules;
+// For each operation, in AgentNames()' order, a request that kNarrowRules allows.
+struct GoodRequest {
+    const char* agent;
+    const char* text;
+};
+const std::vector<GoodRequest>& GoodRequests();
+
+// One rule for each operation that allows every user as much as can be written.
+extern const char* const kWideRules;
+
+#endif

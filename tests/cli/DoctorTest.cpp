@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// The doctor on a private bus, in each situation that it is made for.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+
+#include "AgentProcess.h"
+#include "Command.h"
+#include "PrivateBus.h"
+
+namespace {
+
+using test::Finished;
+using test::Holds;
+using test::ReadJson;
+using test::RunCommand;
+
+const char kPolicy[] =
+    "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+    " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+    "<busconfig><type>system</type><listen>%ADDRESS%</listen><auth>EXTERNAL</auth>\n"
+    "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>\n"
+    "<allow send_type=\"method_call\"/><allow send_type=\"signal\"/>\n"
+    "<allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
+    "<allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
+    "<allow receive_type=\"method_call\"/><allow receive_type=\"method_return\"/>\n"
+    "<allow receive_type=\"error\"/><allow receive_type=\"signal\"/></policy>\n";
+
+const char kDenied[] =
+    "<policy context=\"mandatory\"><deny send_destination=\"org.sentrel.sr_agent\"/></policy>\n";
+
+std::string States(const std::string& json) {
+    return ReadJson(json, "' '.join(s['step'] + '=' + s['state'] for s in x['steps'])");
+}
+
+TEST(DoctorTest, WhenAllIsWellItEndsWith0) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--text", R"({"rules":3})"});
+    const Finished finished = RunCommand({"doctor"});
+    EXPECT_EQ(0, finished.exit) << finished.output;
+    EXPECT_EQ("", finished.errors);
+    EXPECT_TRUE(Holds(finished.output, "ok       rules       3 loaded\n"));
+    EXPECT_FALSE(Holds(finished.output, "->"));
+    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=ok'",
+              States(RunCommand({"doctor", "--json"}).output));
+}
+
+TEST(DoctorTest, ItsProbeIsACallThatCarriesNothingOut) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--text", R"({"rules":3})"});
+    (void)RunCommand({"doctor"});
+    EXPECT_TRUE(Holds(agent.NextReport(),
+                      "interface=org.sentrel.sr_agent member=CallCommand signature= reply=1"));
+    EXPECT_TRUE(Holds(agent.NextReport(), "interface=org.sentrel.sr_agent.Control1 member=Status"));
+}
+
+TEST(DoctorTest, ARefusalByTheAgentItselfIsAnAnswer) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--reply", "error", "--error",
+                              "org.freedesktop.DBus.Error.InvalidArgs", "--text", "wrong"});
+    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=unknown'",
+              States(RunCommand({"--json", "doctor"}).output));
+}
+
+TEST(DoctorTest, WithoutABusItTellsWhereItLooked) {
+    const std::string address = test::PrivateBus::Address();
+    const Finished finished = RunCommand({"doctor"});
+    EXPECT_EQ(125, finished.exit);
+    EXPECT_TRUE(Holds(finished.output, "failed   bus         " + address + ": "));
+    EXPECT_TRUE(Holds(finished.output, "-> unset DBUS_SYSTEM_BUS_ADDRESS\n"));
+    const Finished json = RunCommand({"--json", "doctor"});
+    EXPECT_EQ(125, json.exit);
+    EXPECT_EQ("(False, 125, 5)", ReadJson(json.output, "(x['ok'], x['exit'], len(x['steps']))"));
+}
+
+TEST(DoctorTest, WithoutAnAgentItNamesTheUnit) {
+    test::PrivateBus bus;
+    const Finished finished = RunCommand({"doctor"});
+    EXPECT_EQ(127, finished.exit);
+    EXPECT_TRUE(Holds(finished.output, "failed   name "));
+    EXPECT_TRUE(Holds(finished.output, "-> systemctl start sentrel-agent\n"));
+    EXPECT_EQ("'bus=ok name=failed permission=unknown answer=unknown rules=unknown'",
+              States(RunCommand({"--json", "doctor"}).output));
+}
+
+TEST(DoctorTest, APolicyThatDeniesIsNamedWithWhatToDo) {
+    test::PrivateBus bus(std::string(kPolicy) + kDenied + "</busconfig>\n");
+    test::AgentProcess agent;
+    const Finished finished = RunCommand({"--json", "doctor"});
+    EXPECT_EQ(126, finished.exit);
+    EXPECT_EQ("'bus=ok name=ok permission=failed answer=unknown rules=unknown'",
+              States(finished.output));
+    EXPECT_EQ("True", ReadJson(finished.output, "len(x['steps'][2]['advice']) > 0"));
+    EXPECT_TRUE(Holds(RunCommand({"doctor"}).output, "failed   permission "));
+}
+
+TEST(DoctorTest, AnAgentThatNeverAnswersIsSilent) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--reply", "never"});
+    const Finished finished = RunCommand({"doctor"});
+    EXPECT_EQ(125, finished.exit);
+    EXPECT_TRUE(Holds(finished.output, "ok       permission "));
+    EXPECT_TRUE(Holds(finished.output, "failed   answer "));
+    EXPECT_TRUE(Holds(finished.output, "-> systemctl restart sentrel-agent\n"));
+}
+
+TEST(DoctorTest, AnAgentThatEndsWhenCalledIsAway) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--reply", "exit"});
+    EXPECT_EQ(127, RunCommand({"doctor"}).exit);
+    EXPECT_EQ(0, agent.WaitForEnd());
+}
+
+TEST(DoctorTest, WithoutRulesItTellsWhereTheyGo) {
+    test::PrivateBus bus;
+    test::AgentProcess agent({"--text", R"({"rules":0})"});
+    const Finished finished = RunCommand({"doctor"});
+    EXPECT_EQ(126, finished.exit);
+    EXPECT_TRUE(Holds(finished.output, "failed   rules "));
+    EXPECT_TRUE(Holds(finished.output, "/etc/sentrel/rules.d/"));
+}
+
+TEST(DoctorTest, AnAgentThatTheBusStartsIsFound) {
+    const std::string folder = test::PrivateBus::Folder();
+    std::ofstream(folder + "/org.sentrel.sr_agent.service")
+        << "[D-BUS Service]\nName=org.sentrel.sr_agent\nUser=root\nExec=" << SENTREL_SCRIPTED_AGENT
+        << " --address " << test::PrivateBus::Address() << " --text {\"rules\":1}\n";
+    test::PrivateBus bus(std::string(kPolicy) + "<servicedir>" + folder +
+                         "</servicedir></busconfig>\n");
+    const Finished finished = RunCommand({"--json", "doctor"});
+    EXPECT_TRUE(Holds(States(finished.output), "bus=ok name=ok permission=ok")) << finished.output;
+}
+
+}  // namespace
