@@ -26,6 +26,7 @@
 #include "OwnedFd.h"
 #include "Pidfd.h"
 #include "Pinning.h"
+#include "Signals.h"
 
 namespace agent {
 
@@ -34,16 +35,11 @@ namespace {
 const int kReport = 3;                    // the report pipe's number here
 const std::size_t kLongestSecret = 4096;  // fits into a pipe that nobody reads yet
 
-void ResetSignals() {
-    struct sigaction standard = {};
-    standard.sa_handler = SIG_DFL;
-    for (int number = 1; number < NSIG; ++number) {
-        (void)sigaction(number, &standard, nullptr);
-    }
-    // A caller must not be able to end a tool half-way by closing its descriptor; ignored signals
-    // stay ignored in the tool.
-    standard.sa_handler = SIG_IGN;
-    (void)sigaction(SIGPIPE, &standard, nullptr);
+// A caller must not be able to end a tool half-way by closing its descriptor; ignored signals stay
+// ignored in the tool.
+void SetToolsSignals() {
+    ResetSignals();
+    IgnoreSignal(SIGPIPE);
 }
 
 void BlockSignals(bool termination) {
@@ -141,7 +137,7 @@ public:
 
 private:
     bool Prepare() {
-        ResetSignals();
+        SetToolsSignals();
         BlockSignals(true);
         (void)setsid();
         (void)umask(022);

@@ -24,6 +24,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "Signals.h"
+
 namespace agent {
 
 namespace {
@@ -116,16 +118,13 @@ bool KeepOnly(const RelayChildSetup& setup) {
     return syscall(SYS_close_range, 3U, ~0U, 0U) == 0;
 }
 
-void ResetSignals() {
-    struct sigaction standard = {};
-    standard.sa_handler = SIG_DFL;
-    for (int number = 1; number < NSIG; ++number) {
-        (void)sigaction(number, &standard, nullptr);
-    }
-    standard.sa_handler = SIG_IGN;
-    (void)sigaction(SIGPIPE, &standard, nullptr);
-    (void)sigaction(SIGXFSZ, &standard, nullptr);
-    (void)sigprocmask(SIG_SETMASK, &standard.sa_mask, nullptr);
+void SetRelaysSignals() {
+    ResetSignals();
+    IgnoreSignal(SIGPIPE);
+    IgnoreSignal(SIGXFSZ);
+    sigset_t none;
+    sigemptyset(&none);
+    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 class Copy {
@@ -203,7 +202,7 @@ private:
 }  // namespace
 
 [[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const Caller& caller) {
-    ResetSignals();
+    SetRelaysSignals();
     (void)setsid();
     const rlimit none = {0, 0};
     (void)setrlimit(RLIMIT_CORE, &none);

@@ -120,7 +120,7 @@ check_coverage() {
 }
 
 debug_stage() {
-    count "debug build" debug.log configure_and_build debug && run_tests debug -L 'unit|bus'
+    count "debug build" debug.log configure_and_build debug && run_tests debug -L 'unit|bus|agent'
 }
 
 format_stage() { count "format" format.log check_format; }
@@ -161,8 +161,8 @@ release_stage() {
         service/all agent/all cli/all && run_tests release -L 'hygiene|install'
 }
 
-common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libgtest-dev dbus-daemon python3
-    binutils clang"
+common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev
+    libgtest-dev dbus-daemon python3 binutils clang"
 full="clang-format clang-tidy cppcheck gcovr util-linux"
 
 mkdir -p "$logs"

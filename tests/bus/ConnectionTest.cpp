@@ -222,7 +222,6 @@ TEST_F(ConnectionTest, ALostBusDoesNotEndTheProcess) {
     // libdbus would end the process while it dispatches its own Disconnected signal.
     while (dbus_connection_dispatch(Impl::Of(connection)) == DBUS_DISPATCH_DATA_REMAINS) {
     }
-    SUCCEED() << "still here";
     EXPECT_EQ(DBUS_DISPATCH_COMPLETE, dbus_connection_get_dispatch_status(Impl::Of(connection)));
 }
 
@@ -361,17 +360,6 @@ TEST_F(ConnectionTest, EveryRequestedNameIsReleasedInOrder) {
     EXPECT_EQ((Texts{"ReleaseName(org.sentrel.A)", "ReleaseName(org.sentrel.Taken)",
                      "ReleaseName(org.sentrel.B)", "ReleaseName(org.sentrel.A)"}),
               test::CallsFrom(end, name));
-}
-
-TEST_F(ConnectionTest, NamesAreNotReleasedOnALostBus) {
-    std::unique_ptr<SR_DBusConnection> connection(
-        new SR_DBusConnection(SR_DBusConnection::SystemBus(dispatcher)));
-    connection->RequestName("org.sentrel.A", 0);
-    LoseBus(*connection);
-    bus.Start();
-    test::Monitor monitor;
-    connection.reset();
-    EXPECT_TRUE(monitor.Take().empty());
 }
 
 TEST_F(ConnectionTest, TheConnectionLeavesTheBusWithItsLastHandle) {

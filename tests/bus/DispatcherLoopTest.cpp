@@ -85,13 +85,17 @@ TEST_F(DispatcherLoopTest, DrainingDispatchesEverythingThatWaits) {
 }
 
 TEST_F(DispatcherLoopTest, AConnectionQueuedTwiceIsDoneTwice) {
-    int heard = 0;
-    Listener listener(dispatcher, [&heard] { ++heard; });
-    SendSignals(2);
-    listener.Read();
-    std::list<Impl*> connections = {listener.impl.get(), listener.impl.get()};
+    std::string order;
+    Listener twice(dispatcher, [&order] { order += "a"; });
+    Listener once(dispatcher, [&order] { order += "b"; });
+    dispatcher.DispatchPending();
+    SendSignals(4);
+    twice.Read();
+    once.Read();
+    std::list<Impl*> connections = {twice.impl.get(), once.impl.get(), twice.impl.get()};
     dispatcher.DispatchPending(connections);
-    EXPECT_EQ(2, heard);
+    // In each round at its first and at its last place, until it has nothing left.
+    EXPECT_EQ("abaababb", order);
     EXPECT_TRUE(connections.empty());
     dispatcher.DispatchPending();
 }

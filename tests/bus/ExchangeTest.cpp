@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <locale>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 
 #include "Access.h"
@@ -91,6 +93,36 @@ INSTANTIATE_TEST_SUITE_P(
                     Reading{"99999999999999999999 1", INT_MAX, 0},
                     Reading{"-2147483648 1", INT_MIN, 1}, Reading{"-2147483649 1", INT_MIN, 0},
                     Reading{"0 2147483648", 3, INT_MAX}, Reading{"0 -2147483649", 3, INT_MIN}));
+
+// A global locale that writes 1,234 for 1234, until destroyed.
+class GroupingLocale {
+public:
+    GroupingLocale() : old(std::locale::global(std::locale(std::locale(), new Grouping))) {}
+    ~GroupingLocale() { std::locale::global(old); }
+
+private:
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+
+    std::locale old;
+};
+
+TEST_F(ExchangeTest, TheProgramsLocaleDoesNotChangeHowNumbersAreRead) {
+    AgentProcess agent({"--text", "0 1,234"});
+    int code = 0;
+    {
+        const GroupingLocale locale;
+        std::istringstream grouped("1,234");
+        int number = 0;
+        grouped >> number;
+        ASSERT_EQ(1234, number) << "the locale does not group";
+        code = Send();
+    }
+    EXPECT_EQ(3, code);
+    EXPECT_EQ(1, response.GetRv());
+}
 
 TEST_F(ExchangeTest, OnlyTheFirstOfTwoArgumentsIsRead) {
     AgentProcess agent({"--reply", "two", "--text", "0 6"});

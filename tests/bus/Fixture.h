@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -30,15 +31,55 @@ protected:
     PrivateBus bus;
 };
 
-// The brief log without the lines that tell how libdbus switched its watches and timeouts.
+// The brief log without the lines that tell how libdbus switched its watches and timeouts: how many
+// there are is libdbus's affair, but not what they say.
 inline Texts BriefWithoutToggles() {
+    static const std::regex kToggled(R"(D Toggle (Watch|Timeout) PTR toggled \((on|off)\))");
     Texts result;
     for (const std::string& line : Brief(TakeLog())) {
-        if (line.compare(0, 9, "D Toggle ") != 0) {
+        if (line.compare(2, 7, "Toggle ") == 0) {
+            EXPECT_TRUE(std::regex_match(line, kToggled)) << line;
+        } else {
             result.push_back(line);
         }
     }
     return result;
+}
+
+// What libdbus says of the connection at its end.
+enum class End { kConnected, kLost };
+
+// The lines of a call from beginning to end: `held` tells what happened while it had a connection,
+// `last` stands behind the end of the connection and of its dispatcher.
+inline Texts Whole(const Texts& held, const Texts& last) {
+    Texts lines = {"D SR_DBusDispatcher create new dispatcher addr: PTR",
+                   "D SR_DBusDispatcher create new dispatcher addr: PTR",
+                   "D Impl SR_DBusConnection::Impl::Impl 1"};
+    lines.insert(lines.end(), held.begin(), held.end());
+    lines.push_back("D ~SR_DBusDispatcher destroy dispatcher addr: PTR");
+    lines.insert(lines.end(), last.begin(), last.end());
+    lines.push_back("D ~SR_DBusDispatcher destroy dispatcher addr: PTR");
+    return lines;
+}
+
+// The lines of every call that comes as far as the agent, around what the reply brings.
+inline Texts Framed(const Texts& received, const Texts& last, End end = End::kConnected) {
+    const std::string name("Connection (unique name: :UNIQUE) ");
+    Texts held = {"D SR_DBusIProxy Adding a new DBusIProxy org.sentrel.sr_agent",
+                  "D AddMatch " + name + "added match rule " + kRule};
+    held.insert(held.end(), received.begin(), received.end());
+    held.push_back("D RemoveMatch " + name + "removed match rule " + kRule);
+    held.push_back("D ~Impl Terminating connection PTR");
+    held.push_back(end == End::kConnected ? "D ~Impl Terminating connection is connected"
+                                          : "D ~Impl Terminating connection no connected");
+    return Whole(held, last);
+}
+
+// The last lines of a call that fails by a bus error, "TEXT (NAME)".
+inline Texts Failed(const std::string& error, const std::string& agent, int status = 6) {
+    return {"E SendMessage  service: org.sentrel.sr_agent has dbus error: " + error +
+                " for agent: " + agent,
+            "E SR_Agent [Client][Status]" + std::to_string(status)};
 }
 
 // The name of the bus error that `action` throws; "nothing thrown" otherwise.

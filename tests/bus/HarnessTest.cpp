@@ -4,6 +4,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,17 +116,23 @@ TEST(HarnessTest, AnAgentThatCannotOwnItsNameIsSeen) {
 TEST(HarnessTest, TheBusDiesWithTheProcessThatStartedIt) {
     test::PrivateBus::Address();
     test::Pipe told;
-    const pid_t child = test::Fork([&told] {
+    test::Pipe end;
+    const pid_t child = test::Fork([&told, &end] {
         test::PrivateBus bus;
         const std::string line = std::to_string(bus.Pid()) + "\n";
         (void)!write(told.Writer(), line.data(), line.size());
-        _exit(0);  // without the bus's destructor
+        // Without the bus's destructor.
+        _exit(test::WaitFor(end.Reader(), POLLIN, 30000) ? 0 : 2);
         return 1;
     });
-    const pid_t bus = std::stoi(told.ReadLine(30000));
+    const pid_t pid = std::stoi(told.ReadLine(30000));
+    const test::Descriptor bus(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    ASSERT_GE(bus.Get(), 0);
+    { const test::PlainConnection early; }
+    ASSERT_EQ(1, write(end.Writer(), "\n", 1));
     EXPECT_EQ(0, test::Reap(child, 10000));
-    // The orphan is not ours to reap; its socket stops answering.
-    EXPECT_GT(bus, 0);
+    // The orphan is not ours to reap, but its end can be seen.
+    ASSERT_TRUE(test::WaitFor(bus.Get(), POLLIN, 30000));
     EXPECT_THROW(test::PlainConnection late, std::runtime_error);
 }
 

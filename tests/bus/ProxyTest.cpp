@@ -188,6 +188,40 @@ TEST_F(ProxyTest, WhatTheCallSetsItKeeps) {
               Header(agent.NextReport()));
 }
 
+TEST_F(ProxyTest, AnInterfaceThatTheCallSetsIsKeptAndTheRestIsFilledIn) {
+    AgentProcess agent;
+    OneInterface client(connection);
+    SR_DBusCallMessage call = Call("Do");
+    call.SetInterface("org.sentrel.Other");
+    (void)client.Invoke(call);
+    EXPECT_EQ(
+        "destination=org.sentrel.sr_agent path=/org/sentrel/object interface=org.sentrel.Other "
+        "member=Do",
+        Header(agent.NextReport()));
+}
+
+TEST_F(ProxyTest, APathThatTheCallSetsIsKeptAndTheRestIsFilledIn) {
+    AgentProcess agent;
+    OneInterface client(connection);
+    SR_DBusCallMessage call = Call("Do");
+    call.SetPath("/other");
+    (void)client.Invoke(call);
+    EXPECT_EQ("destination=org.sentrel.sr_agent path=/other interface=org.sentrel.A member=Do",
+              Header(agent.NextReport()));
+}
+
+TEST_F(ProxyTest, ADestinationThatTheCallSetsIsKeptAndTheRestIsFilledIn) {
+    AgentProcess agent({"--name", "org.sentrel.Elsewhere"});
+    OneInterface client(connection);
+    SR_DBusCallMessage call = Call("Do");
+    call.SetDestination("org.sentrel.Elsewhere");
+    (void)client.Invoke(call);
+    EXPECT_EQ(
+        "destination=org.sentrel.Elsewhere path=/org/sentrel/object interface=org.sentrel.A "
+        "member=Do",
+        Header(agent.NextReport()));
+}
+
 TEST_F(ProxyTest, EachInterfaceOfAnObjectPutsItsOwnName) {
     AgentProcess agent;
     TwoInterfaces client(connection);

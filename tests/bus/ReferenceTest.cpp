@@ -3,8 +3,10 @@
 // through the wrappers at the end of this file, which write them down.
 #include <gtest/gtest.h>
 
+#include <boost/make_shared.hpp>
 #include <memory>
 
+#include "Access.h"
 #include "Fixture.h"
 #include "SR_DBusConnectionImpl.h"
 #include "SR_DBusDispatcher.h"
@@ -80,12 +82,16 @@ TEST_F(ReferenceTest, AFailedOpeningTakesNothing) {
 }
 
 TEST_F(ReferenceTest, AConnectionThatEndedIsNotDispatched) {
-    SR_DBusConnection connection = SR_DBusConnection::SystemBus(dispatcher);
+    const auto impl = boost::make_shared<SR_DBusConnection::Impl>(DBUS_BUS_SYSTEM);
+    SR_DBusConnection connection(impl, dispatcher);
     bus.Stop();
     EXPECT_THROW((void)connection.HasName("org.a"), sentrel::SR_DBusException);
     (void)TakeJournal();
+    ASSERT_FALSE(test::QueueOf(dispatcher).empty());
+    EXPECT_EQ(impl.get(), test::QueueOf(dispatcher).front());
     dispatcher.DispatchPending();
     EXPECT_EQ(Texts(), TakeJournal());
+    EXPECT_TRUE(test::QueueOf(dispatcher).empty());
 }
 
 TEST_F(ReferenceTest, WithoutAUniqueNameTheRestOfTheMatchLineIsLost) {

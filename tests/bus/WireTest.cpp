@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // What one exported call puts on the bus, whole and in order, as a monitor sees it.
 #include <gtest/gtest.h>
-
 #include <sentrel/SR_API.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "ChildProcess.h"
 #include "Fixture.h"
 
 namespace {
@@ -151,6 +157,27 @@ TEST_F(WireTest, ACallWithoutAnAgentStillRemovesItsRule) {
         (Texts{"Hello()", std::string("AddMatch(") + test::kRule + ")",
                "CallCommand(sr_mount, x, 5)", std::string("RemoveMatch(") + test::kRule + ")"}),
         test::CallsFrom(conversation, NewName(conversation)));
+}
+
+// libdbus ends a process that hands it such a text, unless its environment says otherwise.
+TEST_F(WireTest, ATextThatIsNotUtf8EndsTheProcessBeforeTheCallIsSent) {
+    AgentProcess agent;
+    Monitor monitor;
+    const pid_t child = test::Fork([] {
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        unsetenv("DBUS_FATAL_WARNINGS");
+        signal(SIGABRT, SIG_DFL);
+        return SR_Mount("\xff", 1, 5, nullptr);
+    });
+    const int status = test::Reap(child, 30000);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(SIGABRT, WTERMSIG(status));
+    const std::vector<Seen> conversation = Conversation(monitor);
+    EXPECT_EQ((Texts{"Hello()", std::string("AddMatch(") + test::kRule + ")"}),
+              test::CallsFrom(conversation, NewName(conversation)));
+    EXPECT_EQ("", Find(conversation, "CallCommand").member);
+    EXPECT_TRUE(monitor.Take().empty());
 }
 
 TEST_F(WireTest, EachCallHasAConnectionOfItsOwn) {

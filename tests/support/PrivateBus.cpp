@@ -44,6 +44,8 @@ const char kRaisedLimits[] =
     "  <limit name=\"max_completed_connections\">5000</limit>\n"
     "  <limit name=\"auth_timeout\">60000</limit>\n";
 
+const char kNoRules[] = "  <limit name=\"max_match_rules_per_connection\">0</limit>\n";
+
 const char kTail[] = "</busconfig>\n";
 
 // The folder of this process; removed when the process that made it exits.
@@ -80,8 +82,13 @@ const Home& TheHome() {
 }
 
 std::string Configuration(PrivateBus::Limits limits) {
-    return std::string(kHead) + (limits == PrivateBus::Limits::kRaised ? kRaisedLimits : "") +
-           kTail;
+    std::string text(kHead);
+    if (limits == PrivateBus::Limits::kRaised) {
+        text += kRaisedLimits;
+    } else if (limits == PrivateBus::Limits::kNoRules) {
+        text += kNoRules;
+    }
+    return text + kTail;
 }
 
 // The text as a descriptor that a child can open again.

@@ -15,8 +15,9 @@ namespace test {
 
 class PrivateBus {
 public:
-    // kRaised: thousands of connections of one user; kDefault: the daemon's own 256.
-    enum class Limits { kRaised, kDefault };
+    // kRaised: thousands of connections of one user; kDefault: the daemon's own 256; kNoRules:
+    // that, and every match rule is refused.
+    enum class Limits { kRaised, kDefault, kNoRules };
 
     // Starts it and returns when it listens. DBUS_SYSTEM_BUS_ADDRESS then points at it.
     explicit PrivateBus(Limits limits = Limits::kRaised);

@@ -233,7 +233,8 @@ int main(int argc, char** argv) {
     if (ready >= 0 && write(ready, "ready\n", 6) != 6) {
         fail("nobody waits for it");
     }
-    while (dbus_connection_read_write(connection, -1)) {
+    /* The first call may have been read together with the answer about the name. */
+    do {
         DBusMessage* message;
         while ((message = dbus_connection_pop_message(connection)) != NULL) {
             if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
@@ -241,7 +242,7 @@ int main(int argc, char** argv) {
             }
             dbus_message_unref(message);
         }
-    }
+    } while (dbus_connection_read_write(connection, -1));
     if (lingers()) {
         pause();
     }

@@ -12,8 +12,8 @@
  *     here; keep it open until the call returns. 0 or less: no output.
  *  3. The status is returned: SR_OK, SR_COMM_NO_SERVICE (nobody owns the agent's name),
  *     SR_COMM_FAILED (any other failure on the way), or any other value that the agent answered.
- *     SR_COMM_FAILED does not mean that nothing was done: the answer may be what was lost. An
- * answer that cannot be read as numbers counts as 0, and an agent's 3 as SR_OK.
+ *     SR_COMM_FAILED does not mean that nothing was done: the answer may be what was lost. Numbers
+ *     of an answer that cannot be read count as 0, and an agent's 3 is SR_OK here.
  *  4. `*result` receives the agent's own return value, such as the tool's exit code, only when
  *     SR_OK is returned; otherwise it is left alone. `result` may be null.
  *  5. A call blocks until the agent has answered. Connecting, the call and a question to the bus

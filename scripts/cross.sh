@@ -1,0 +1,60 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# Builds library, agent and command for another machine with Debian's cross compilers, and runs the
+# unit tests by qemu-user.
+#   scripts/cross.sh arm64|armhf
+# The libraries of that machine are fetched by apt into build/sysroot-ARCH and unpacked there: the
+# packages of this system are left as they are. Needs the compiler and qemu-user; installs them when
+# they are missing.
+set -eu
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+arch=${1:-}
+case $arch in
+arm64) tuple=aarch64-linux-gnu ;;
+armhf) tuple=arm-linux-gnueabihf ;;
+*)
+    echo "usage: scripts/cross.sh arm64|armhf" >&2
+    exit 2
+    ;;
+esac
+need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config
+
+sysroot=$PWD/build/sysroot-$arch
+build=$PWD/build/cross-$arch
+
+# apt with a state of its own, in which nothing is installed, names all that is needed.
+fetch() {
+    state=$sysroot.apt
+    rm -rf "$sysroot" "$state"
+    mkdir -p "$state/lists/partial" "$state/cache/archives/partial" "$sysroot"
+    : >"$state/status"
+    set -- -q -y -o APT::Architecture="$arch" -o APT::Architectures="$arch" \
+        -o Dir::State="$state" -o Dir::State::status="$state/status" \
+        -o Dir::Cache="$state/cache" -o APT::Sandbox::User=root --no-install-recommends
+    # A list of several that did not come is no reason to end: the next step says what is missing.
+    apt-get "$@" update || echo "going on with the lists that came"
+    apt-get "$@" --download-only install libc6-dev libstdc++-12-dev libdbus-1-dev libboost-dev \
+        libgtest-dev libre2-dev libtomlplusplus-dev
+    for package in "$state"/cache/archives/*.deb; do
+        dpkg-deb -x "$package" "$sysroot"
+    done
+    # Links to absolute places would lead out of it.
+    find "$sysroot/usr/lib" -type l -lname '/*' | while read -r link; do
+        ln -snf "$sysroot$(readlink "$link")" "$link"
+    done
+    rm -rf "$state"
+}
+[ -e "$sysroot/usr/include/dbus-1.0" ] || fetch
+
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$arch.cmake" -DSENTREL_SYSROOT="$sysroot" \
+    -DSENTREL_DLOG_LIBRARY= -DSENTREL_TESTS=ON -DSENTREL_WERROR=ON
+cmake --build "$build" -j "$(nproc)"
+# hygiene reads the library with this machine's tools; what asks the kernel for what qemu-user does
+# not have is left to the machine itself.
+LC_ALL=C.UTF-8 ctest --test-dir "$build" -L unit -LE hygiene --output-on-failure
+for program in service/libsentrel-client.so agent/sentrel-agent cli/sentrel; do
+    "$tuple-readelf" -h "$build/$program" | sed -n "s|^ *Machine: *|$program: |p"
+done
