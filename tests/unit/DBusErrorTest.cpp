@@ -20,6 +20,25 @@ using sentrel::SR_DBusException;
 const char kName[] = "org.freedesktop.DBus.Error.InvalidArgs";
 const char kText[] = "type mismatch";
 
+int freed = 0;  // errors with content
+
+}  // namespace
+
+extern "C" {
+
+// The linker leads the calls of dbus_error_free here.
+void __real_dbus_error_free(DBusError* error);
+void __wrap_dbus_error_free(DBusError* error);
+
+void __wrap_dbus_error_free(DBusError* error) {
+    freed += dbus_error_is_set(error) != 0;
+    __real_dbus_error_free(error);
+}
+
+}  // extern "C"
+
+namespace {
+
 TEST(DBusErrorTest, AFreshErrorIsEmpty) {
     const SR_DBusError error;
     EXPECT_FALSE(error.IsSet());
@@ -85,6 +104,22 @@ TEST(DBusErrorTest, ACopyOutlivesTheException) {
     EXPECT_EQ(text, copy.what());
     EXPECT_STREQ("kept", copy.what());
     EXPECT_STREQ(kName, copy.name());
+}
+
+TEST(DBusErrorTest, TheErrorIsFreedOnceWithTheLastCopy) {
+    freed = 0;
+    std::unique_ptr<SR_DBusException> first;
+    {
+        SR_DBusError error;
+        dbus_set_error(error.Get(), kName, "%s", "counted");
+        first.reset(new SR_DBusException(error));
+    }
+    EXPECT_EQ(0, freed) << "what the exception was made from is empty";
+    std::unique_ptr<SR_DBusException> copy(new SR_DBusException(*first));
+    first.reset();
+    EXPECT_EQ(0, freed);
+    copy.reset();
+    EXPECT_EQ(1, freed);
 }
 
 TEST(DBusErrorTest, AnAssignedExceptionSharesTheError) {

@@ -4,14 +4,22 @@
 #include "SR_DBusDispatcher.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <boost/make_shared.hpp>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <list>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Access.h"
 #include "FakeBus.h"
 #include "FakePoll.h"
 #include "LogRecorder.h"
@@ -34,6 +42,59 @@ using test::FakeWatch;
 typedef std::vector<std::string> Lines;
 typedef SR_DBusDispatcher::Impl Bridge;
 typedef SR_DBusConnection::Impl Connection;
+
+// Runs at each lock (true) and unlock (false), before a lock is waited for; null: not at all. Set
+// and emptied while one thread runs.
+std::function<void(bool lock, pthread_mutex_t* mutex)> onMutex;
+
+pthread_mutex_t* Native(sentrel::SR_DBusMutex& mutex) {
+    static_assert(sizeof(mutex) == sizeof(pthread_mutex_t), "nothing beside it");
+    return reinterpret_cast<pthread_mutex_t*>(&mutex);
+}
+
+}  // namespace
+
+namespace test {
+
+struct QueueMutex {
+    typedef sentrel::SR_DBusMutex SR_DBusDispatcher::*Type;
+    friend Type MemberOf(QueueMutex);
+};
+template struct Opened<QueueMutex, &SR_DBusDispatcher::queueMutex>;
+
+struct DispatchMutex {
+    typedef sentrel::SR_DBusMutex SR_DBusDispatcher::*Type;
+    friend Type MemberOf(DispatchMutex);
+};
+template struct Opened<DispatchMutex, &SR_DBusDispatcher::dispatchMutex>;
+
+}  // namespace test
+
+extern "C" {
+
+// The linker leads the program's and the library's calls here.
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex);
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (onMutex) {
+        onMutex(true, mutex);
+    }
+    return __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    if (onMutex) {
+        onMutex(false, mutex);
+    }
+    return __real_pthread_mutex_unlock(mutex);
+}
+
+}  // extern "C"
+
+namespace {
 
 class DispatcherTest : public testing::Test {
 protected:
@@ -286,6 +347,8 @@ TEST_F(DispatcherTest, AToggledTimeoutFollowsLibdbusAndIsNotArmedAnew) {
     FakeTimeout timeout;
     timeout.interval = 300;
     const SR_DBusTimeout* adapter = Add(timeout);
+    std::stringstream address;
+    address << adapter;
     timeout.enabled = false;
     timeout.interval = 5;
     Bridge::ToggleTimeout(timeout.Get(), dispatcher.get());
@@ -298,8 +361,15 @@ TEST_F(DispatcherTest, AToggledTimeoutFollowsLibdbusAndIsNotArmedAnew) {
     EXPECT_EQ(300, adapter->GetInterval()) << "not read again";
     Turn();
     EXPECT_EQ(1, timeout.handled) << "its old expiry has passed";
-    EXPECT_EQ((Lines{"D Toggle Timeout PTR toggled (off)", "D Toggle Timeout PTR toggled (on)"}),
-              test::Brief(test::TakeLog()));
+    const std::vector<test::LogLine> lines = test::TakeLog();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("Timeout " + address.str() + " toggled (off)", lines[0].Body());
+    EXPECT_EQ("Timeout " + address.str() + " toggled (on)", lines[1].Body());
+    for (const test::LogLine& line : lines) {
+        EXPECT_EQ("Toggle", line.Function());
+        EXPECT_EQ("SR_DBusTimeout.cpp", line.File());
+        EXPECT_EQ(3, line.priority);
+    }
 }
 
 TEST_F(DispatcherTest, LibdbusMayChangeItsTimeoutsFromInsideAHandler) {
@@ -350,16 +420,35 @@ TEST_F(DispatcherTest, TheEndDiscardsWhatIsQueued) {
 }
 
 TEST_F(DispatcherTest, TheEndDeletesTheAdaptersThatAreLeft) {
+    struct NotedWatch : SR_DBusWatch {
+        NotedWatch(FakeWatch& watched, SR_DBusDispatcher* owner, Lines& journal)
+            : SR_DBusWatch(watched.Get(), owner), deleted(journal) {}
+        ~NotedWatch() override { deleted.push_back("watch"); }
+        Lines& deleted;
+    };
+    struct NotedTimeout : SR_DBusTimeout {
+        NotedTimeout(FakeTimeout& served, SR_DBusDispatcher* owner, Lines& journal)
+            : SR_DBusTimeout(served.Get(), owner), deleted(journal) {}
+        ~NotedTimeout() override { deleted.push_back("timeout"); }
+        Lines& deleted;
+    };
     FakeWatch watch;
     FakeTimeout timeout;
-    Add(watch);
-    Add(timeout);
-    dispatcher.reset();  // the leak checker of a sanitised run sees what is not deleted
-    EXPECT_EQ(1u, test::TakeLog().size());
+    new NotedTimeout(timeout, dispatcher.get(), steps);
+    new NotedWatch(watch, dispatcher.get(), steps);
+    dispatcher.reset();
+    EXPECT_EQ((Lines{"watch", "timeout"}), steps);
 }
 
-TEST_F(DispatcherTest, AnEmptyQueueDispatchesNothing) {
+TEST_F(DispatcherTest, AnEmptyQueueCostsOneLockOfTheQueueAndDispatchesNothing) {
+    Open("a", 0);  // not queued
+    std::vector<std::pair<bool, pthread_mutex_t*> > seen;
+    onMutex = [&seen](bool lock, pthread_mutex_t* mutex) { seen.emplace_back(lock, mutex); };
     dispatcher->DispatchPending();
+    onMutex = nullptr;
+    pthread_mutex_t* const queue = Native((*dispatcher).*MemberOf(test::QueueMutex()));
+    EXPECT_EQ((std::vector<std::pair<bool, pthread_mutex_t*> >{{true, queue}, {false, queue}}),
+              seen);
     std::list<Connection*> none;
     dispatcher->DispatchPending(none);
     EXPECT_EQ(Lines(), steps);
@@ -407,6 +496,33 @@ TEST_F(DispatcherTest, AConnectionThatQueuesItselfWaitsForTheNextPassOfTheDrain)
     EXPECT_EQ((Lines{"a", "queued", "b", "a"}), steps);
 }
 
+TEST_F(DispatcherTest, WhatIsQueuedWhileTheQueueIsDrainedIsNotLost) {
+    Connection* c = Open("c", 0);
+    onStep = [&](const std::string& name) {
+        if (name == "a") {
+            dispatcher->AddToQueue(c);
+        }
+    };
+    dispatcher->AddToQueue(Open("a", 0));
+    dispatcher->AddToQueue(Open("b", 0));
+    dispatcher->DispatchPending();
+    EXPECT_EQ((Lines{"a", "b", "c"}), steps);
+    EXPECT_TRUE(test::QueueOf(*dispatcher).empty());
+}
+
+TEST_F(DispatcherTest, AQueueThatGotShorterWhileItWasDrainedEndsTheDrain) {
+    onStep = [&](const std::string& name) {
+        if (name == "a") {
+            test::QueueOf(*dispatcher).clear();
+        }
+    };
+    dispatcher->AddToQueue(Open("a", 0));
+    dispatcher->AddToQueue(Open("b", 0));
+    dispatcher->DispatchPending();
+    EXPECT_EQ((Lines{"a", "b"}), steps) << "the snapshot is dispatched all the same";
+    EXPECT_TRUE(test::QueueOf(*dispatcher).empty());
+}
+
 TEST_F(DispatcherTest, AGivenListIsEmptiedAndTheQueueLeftAlone) {
     Connection* a = Open("a", 1);
     Connection* b = Open("b", 0);
@@ -435,6 +551,58 @@ TEST_F(DispatcherTest, ManyThreadsMayQueue) {
     }
     dispatcher->DispatchPending();
     EXPECT_EQ(1000u, steps.size());
+}
+
+// The first thread that dispatches waits inside until the second one asks for the lock, or gets in.
+TEST_F(DispatcherTest, TwoThreadsThatDrainAtOnceDispatchOneAfterTheOther) {
+    pthread_mutex_t* const mutex = Native((*dispatcher).*MemberOf(test::DispatchMutex()));
+    std::atomic<int> asked(0);
+    std::atomic<int> entered(0);
+    std::atomic<int> inside(0);
+    std::atomic<int> together(0);
+    std::promise<void> second;
+    std::future<void> secondIsThere = second.get_future();
+    std::atomic_flag told = ATOMIC_FLAG_INIT;
+    const auto tell = [&] {
+        if (!told.test_and_set()) {
+            second.set_value();
+        }
+    };
+    onMutex = [&](bool lock, pthread_mutex_t* taken) {
+        if (lock && taken == mutex && ++asked == 2) {
+            tell();
+        }
+    };
+    const auto dispatch = [&] {
+        together += ++inside > 1;
+        const int held = pthread_mutex_trylock(mutex);
+        EXPECT_EQ(EBUSY, held) << "not held while a connection is dispatched";
+        if (held == 0) {
+            pthread_mutex_unlock(mutex);
+        }
+        if (++entered == 1) {
+            EXPECT_EQ(std::future_status::ready, secondIsThere.wait_for(std::chrono::seconds(20)));
+        } else {
+            tell();
+        }
+        --inside;
+        return DBUS_DISPATCH_COMPLETE;
+    };
+    std::vector<std::thread> threads;
+    std::list<Connection*> lists[2];
+    for (std::list<Connection*>& list : lists) {
+        list.push_back(Open("", 0));
+        bus.connections.back().dispatch = dispatch;
+    }
+    for (std::list<Connection*>& list : lists) {
+        threads.emplace_back([&] { dispatcher->DispatchPending(list); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    onMutex = nullptr;
+    EXPECT_EQ(2, entered);
+    EXPECT_EQ(0, together);
 }
 
 // ---- the run loop
@@ -602,6 +770,18 @@ TEST_F(DispatchTest, ADisconnectedConnectionIsDoneWithoutBeingDispatched) {
     EXPECT_EQ("Dispatch", lines[0].Function());
     EXPECT_EQ(79, lines[0].Line());
     EXPECT_EQ(3, lines[0].priority);
+}
+
+TEST_F(DispatchTest, AConnectionIsQueuedBeforeItsWatchesAreSet) {
+    std::vector<std::size_t> queued;
+    bus.onCall = [&](const std::string& function) {
+        if (function == "dbus_connection_set_watch_functions" ||
+            function == "dbus_bus_get_private") {
+            queued.push_back(test::QueueOf(*dispatcher).size());
+        }
+    };
+    const SR_DBusConnection connection = SR_DBusConnection::SystemBus(*dispatcher);
+    EXPECT_EQ((std::vector<std::size_t>{0, 1}), queued);
 }
 
 TEST_F(DispatchTest, ABoundConnectionIsQueuedOnceAndServesItsWatches) {

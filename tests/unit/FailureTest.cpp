@@ -6,12 +6,15 @@
 #include <algorithm>
 #include <boost/make_shared.hpp>
 #include <functional>
+#include <locale>
 #include <memory>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Access.h"
 #include "FakeBus.h"
 #include "LogRecorder.h"
 #include "SR_API.h"
@@ -19,6 +22,7 @@
 #include "SR_DBusAdaptor.h"
 #include "SR_DBusConnection.h"
 #include "SR_DBusConnectionImpl.h"
+#include "SR_DBusCredentials.h"
 #include "SR_DBusDispatcher.h"
 #include "SR_DBusError.h"
 #include "SR_DBusMessageImpl.h"
@@ -28,6 +32,7 @@ namespace {
 using sentrel::SR_DBusAdaptor;
 using sentrel::SR_DBusCallMessage;
 using sentrel::SR_DBusConnection;
+using sentrel::SR_DBusCredentials;
 using sentrel::SR_DBusDispatcher;
 using sentrel::SR_DBusErrorMessage;
 using sentrel::SR_DBusException;
@@ -100,6 +105,40 @@ TEST_F(FailureTest, WithoutAFailureTheCallSucceeds) {
     EXPECT_FALSE(bus.connections.front().exitOnDisconnect);
     EXPECT_EQ(-1, bus.lastTimeout);
     EXPECT_TRUE(bus.nulls.empty());
+}
+
+// "FILE FUNCTION BODY" for each line, pointers and names as in Brief.
+Lines WithFiles(const std::vector<test::LogLine>& lines) {
+    const Lines brief = test::Brief(lines);
+    Lines result;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(3, lines[i].priority);
+        result.push_back(lines[i].File() + brief[i].substr(1));
+    }
+    return result;
+}
+
+TEST_F(FailureTest, TheLogOfASuccessIsComplete) {
+    bus.reply = "0 7";
+    EXPECT_EQ(0, SR_Mount("-t tmpfs", 8, 1, nullptr));
+    EXPECT_EQ(
+        (Lines{"SR_DBusDispatcher.cpp SR_DBusDispatcher create new dispatcher addr: PTR",
+               "SR_DBusDispatcher.cpp SR_DBusDispatcher create new dispatcher addr: PTR",
+               "SR_DBusConnection.cpp Impl SR_DBusConnection::Impl::Impl 1",
+               "SR_DBusInterface.cpp SR_DBusIProxy Adding a new DBusIProxy org.sentrel.sr_agent",
+               std::string("SR_DBusConnection.cpp AddMatch Connection (unique name: :UNIQUE) added "
+                           "match rule ") +
+                   kRule,
+               "SR_CommunicationClient.cpp SendMessage responseSerial: 0 7",
+               std::string("SR_DBusConnection.cpp RemoveMatch Connection (unique name: :UNIQUE) "
+                           "removed match rule ") +
+                   kRule,
+               "SR_DBusConnection.cpp ~Impl Terminating connection PTR",
+               "SR_DBusConnection.cpp ~Impl Terminating connection is connected",
+               "SR_DBusDispatcher.cpp ~SR_DBusDispatcher destroy dispatcher addr: PTR",
+               "SR_API.cpp SR_Agent response:",
+               "SR_DBusDispatcher.cpp ~SR_DBusDispatcher destroy dispatcher addr: PTR"}),
+        WithFiles(test::TakeLog()));
 }
 
 TEST_F(FailureTest, EachFailureOfTheBusBecomesItsCodeAndOneLine) {
@@ -269,6 +308,19 @@ TEST_F(OperationTest, TheFirstHandleMayGoBeforeItsCopy) {
     EXPECT_EQ(0, Fake().references);
 }
 
+TEST_F(OperationTest, AConnectionsEndNamesItsAddress) {
+    std::stringstream address;
+    {
+        const SR_DBusConnection connection = Open();
+        address << SR_DBusConnection::Impl::Of(connection);
+        test::TakeLog();
+    }
+    const std::vector<test::LogLine> lines = test::TakeLog();
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_EQ("Terminating connection " + address.str(), lines[0].Body());
+    EXPECT_EQ("Terminating connection is connected", lines[1].Body());
+}
+
 TEST_F(OperationTest, AMessageCarriesOneReferencePerObject) {
     {
         const SR_DBusCallMessage call;
@@ -315,6 +367,40 @@ TEST_F(OperationTest, TheTimeoutOfABlockingCallIsTheOneGiven) {
     for (const int timeout : {-1, 0, 1, 2147483647}) {
         (void)connection.SendReplyAndBlock(call, timeout);
         EXPECT_EQ(timeout, bus.lastTimeout);
+    }
+}
+
+TEST_F(OperationTest, AHandlesTimeoutOtherThanMinusOneOverridesTheOneGiven) {
+    SR_DBusConnection connection = Open();
+    SR_DBusCallMessage call;
+    for (const int timeout : {0, -2, 1, 2147483647}) {
+        test::TimeoutOf(connection) = timeout;
+        (void)connection.SendReplyAndBlock(call, 4000);
+        EXPECT_EQ(timeout, bus.lastTimeout);
+    }
+    test::TimeoutOf(connection) = -1;
+    (void)connection.SendReplyAndBlock(call, 4000);
+    EXPECT_EQ(4000, bus.lastTimeout);
+}
+
+TEST_F(OperationTest, SettersAndAppendsReportThatLibdbusFailed) {
+    SR_DBusCallMessage call;
+    sentrel::SR_DBusMessageIter writer = call.GetWriter();
+    const struct {
+        const char* function;
+        std::function<bool()> run;
+    } table[] = {
+        {"dbus_message_set_path", [&] { return call.SetPath("/x"); }},
+        {"dbus_message_set_member", [&] { return call.SetMember("Member"); }},
+        {"dbus_message_set_interface", [&] { return call.SetInterface("org.x.If"); }},
+        {"dbus_message_set_destination", [&] { return call.SetDestination("org.x.Name"); }},
+        {"dbus_message_iter_append_basic", [&] { return writer.AppendString("text"); }},
+        {"dbus_message_iter_append_basic", [&] { return writer.AppendInt32(5); }},
+    };
+    for (const auto& row : table) {
+        Fail(row.function);
+        EXPECT_FALSE(row.run()) << row.function;
+        EXPECT_TRUE(row.run()) << row.function;
     }
 }
 
@@ -386,6 +472,17 @@ TEST_F(OperationTest, EveryAnswerToARequestIsRecordedAndReleasedInOrder) {
     EXPECT_EQ("dbus_connection_close", bus.calls.back()) << "released before it is closed";
 }
 
+TEST_F(OperationTest, AnErrorBesideAnyOtherAnswerToARequestIsNotThrown) {
+    {
+        SR_DBusConnection connection = Open();
+        bus.requestNameError = true;
+        bus.requestNameAnswer = DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+        EXPECT_EQ("nothing", Thrown([&] { connection.RequestName("org.x.A", 0); }));
+        EXPECT_EQ("dbus_bus_add_match destination='org.x.A'", bus.calls.back());
+    }
+    EXPECT_EQ((Lines{"org.x.A"}), Released());
+}
+
 TEST_F(OperationTest, ANameWhoseMatchRuleFailsStaysRecorded) {
     {
         SR_DBusConnection connection = Open();
@@ -443,20 +540,99 @@ TEST_F(OperationTest, AnExceptionWhileTheWatchesAreSetLeavesNoReference) {
     }
 }
 
-// Two interfaces, of which the second in the table's order is refused.
-class TwoInterfaces : public sentrel::SR_CommunicationClient {
-public:
-    explicit TwoInterfaces(SR_DBusConnection& connection)
-        : SR_CommunicationClient(connection, "org.x.If", "/x") {}
-};
-
 TEST_F(OperationTest, AProxyWhoseRuleIsRefusedGivesItsHandleBack) {
     SR_DBusConnection connection = Open();
     Fail("dbus_bus_add_match");
-    EXPECT_EQ(kInjected, Thrown([&] { TwoInterfaces client(connection); }));
+    EXPECT_EQ(kInjected, Thrown([&] {
+                  const sentrel::SR_CommunicationClient client(connection, "org.x.If", "/x");
+              }));
     EXPECT_EQ(2, Fake().references);
     EXPECT_EQ("dbus_bus_add_match type='signal',interface='org.x.If',path='/x'", bus.calls.back())
         << "nothing is removed";
+}
+
+// ---- credentials
+
+typedef sentrel::BaseCallback<void, const SR_DBusCredentials*> Answer;
+
+struct CountedAnswer : Answer {
+    void call(const SR_DBusCredentials* credentials) const override {
+        ++(credentials != nullptr ? known : unknown);
+    }
+    mutable int known = 0;
+    mutable int unknown = 0;
+};
+
+class CredentialsFailureTest : public OperationTest {
+protected:
+    CredentialsFailureTest() : connection(Open()), answer(boost::make_shared<CountedAnswer>()) {}
+
+    bool Ask() {
+        return SR_DBusCredentials::Ask(connection, ":1.5",
+                                       sentrel::Slot<void, const SR_DBusCredentials*>(answer));
+    }
+    // Nobody but the test holds the answer, and it was not called.
+    void ExpectReleased() {
+        EXPECT_EQ(1, answer.use_count());
+        EXPECT_EQ(0, answer->known + answer->unknown);
+        EXPECT_TRUE(Fake().filters.empty());
+    }
+
+    SR_DBusConnection connection;
+    boost::shared_ptr<CountedAnswer> answer;
+};
+
+TEST_F(CredentialsFailureTest, AQuestionThatCannotBeSentIsNotAsked) {
+    Fail("dbus_connection_send");
+    EXPECT_FALSE(Ask());
+    ExpectReleased();
+    EXPECT_EQ(0, std::count(bus.calls.begin(), bus.calls.end(), "dbus_connection_add_filter"));
+}
+
+TEST_F(CredentialsFailureTest, AQuestionWhoseAnswerCannotBeAwaitedReleasesTheSlot) {
+    Fail("dbus_connection_add_filter");
+    EXPECT_FALSE(Ask());
+    EXPECT_LE(bus.failAt, 0) << "the failure was met";
+    ExpectReleased();
+}
+
+TEST_F(CredentialsFailureTest, NothingIsAskedOnALostConnection) {
+    Fake().connected = false;
+    EXPECT_FALSE(Ask());
+    ExpectReleased();
+    EXPECT_EQ(Lines(), bus.sent);
+}
+
+TEST_F(CredentialsFailureTest, AQuestionUnderWayIsReleasedWithTheConnection) {
+    {
+        SR_DBusConnection other = Open();
+        EXPECT_TRUE(SR_DBusCredentials::Ask(
+            other, ":1.5", sentrel::Slot<void, const SR_DBusCredentials*>(answer)));
+        EXPECT_EQ(2, answer.use_count());
+    }
+    ExpectReleased();
+}
+
+TEST_F(CredentialsFailureTest, AnAnswerThatIsNoDictionaryIsNone) {
+    ASSERT_TRUE(Ask());
+    ASSERT_EQ(1u, Fake().filters.size());
+    DBusMessage* reply = dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    const char* text = "no dictionary";
+    EXPECT_TRUE(dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID));
+    EXPECT_TRUE(dbus_message_set_sender(reply, DBUS_SERVICE_DBUS));
+    EXPECT_TRUE(dbus_message_set_reply_serial(reply, 4711));
+    const test::FakeFilter filter = Fake().filters.front();
+    EXPECT_EQ(DBUS_HANDLER_RESULT_HANDLED, filter.function(Fake().Get(), reply, filter.data));
+    dbus_message_unref(reply);
+    EXPECT_EQ(1, answer->unknown);
+    EXPECT_EQ(0, answer->known);
+    EXPECT_EQ(1, answer.use_count());
+    EXPECT_TRUE(Fake().filters.empty()) << "asked once, answered once";
+}
+
+TEST_F(CredentialsFailureTest, ABlockingQuestionAnsweredByNoDictionaryThrows) {
+    EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs: type mismatch",
+              Thrown([&] { const SR_DBusCredentials credentials(connection, ":1.5"); }));
 }
 
 // ---- the serving half
@@ -617,9 +793,34 @@ TEST_F(ServingTest, AReplyThatLibdbusCouldNotMakeOrSendIsGivenUp) {
     EXPECT_EQ(Lines(), bus.sent);
 }
 
+TEST_F(ServingTest, AnIntrospectionThatCannotBeFilledInIsAnsweredEmpty) {
+    const Served object(connection);
+    Fail("dbus_message_iter_append_basic");
+    EXPECT_EQ(DBUS_HANDLER_RESULT_HANDLED,
+              Deliver("org.freedesktop.DBus.Introspectable", "Introspect"));
+    EXPECT_LE(bus.failAt, 0) << "the failure was met";
+    EXPECT_EQ((Lines{"2 "}), bus.sent);
+}
+
+TEST_F(ServingTest, AFailedAllocationWhileAnErrorIsAnsweredDoesNotReachLibdbus) {
+    Served object(connection);
+    object.handler = [](const SR_DBusCallMessage&) -> SR_DBusMessage {
+        throw SR_DBusException("org.x.Error.Mine", "mine");
+    };
+    int met = 0;
+    bus.onNewError = [&met] {
+        ++met;
+        throw std::bad_alloc();
+    };
+    EXPECT_EQ(DBUS_HANDLER_RESULT_HANDLED, Deliver("org.x.If", "Call"));
+    EXPECT_EQ(1, met);
+    EXPECT_TRUE(bus.messages.empty());
+    EXPECT_EQ(Lines(), bus.sent);
+}
+
 // ---- the handlers of the exchange
 
-class ExchangeTest : public BusTest {
+class HandlerTest : public BusTest {
 protected:
     // Throws from inside one libdbus call, and returns the lines of the whole call.
     template <typename Thrown>
@@ -640,7 +841,7 @@ const char* const kThrowingCalls[] = {"dbus_bus_get_private", "dbus_connection_s
                                       "dbus_connection_set_timeout_functions", "dbus_bus_add_match",
                                       kBlockingCall};
 
-TEST_F(ExchangeTest, AStandardExceptionIs6) {
+TEST_F(HandlerTest, AStandardExceptionIs6) {
     for (const char* function : kThrowingCalls) {
         const Lines lines = CallThatThrows(function, std::runtime_error("out of order"));
         EXPECT_TRUE(
@@ -652,14 +853,14 @@ TEST_F(ExchangeTest, AStandardExceptionIs6) {
     }
 }
 
-TEST_F(ExchangeTest, AFailedAllocationIs6) {
+TEST_F(HandlerTest, AFailedAllocationIs6) {
     CallThatThrows(kBlockingCall, std::bad_alloc());
     EXPECT_TRUE(
         Logged("E SendMessage sarvice: org.sentrel.sr_agent has exception error: "
                "std::bad_alloc for agent: sr_mount"));
 }
 
-TEST_F(ExchangeTest, AnUnknownExceptionIs6) {
+TEST_F(HandlerTest, AnUnknownExceptionIs6) {
     for (const char* function : kThrowingCalls) {
         const Lines lines = CallThatThrows(function, 42);
         EXPECT_TRUE(
@@ -689,7 +890,7 @@ Lines LinesOfACallThatFailed(const std::string& handlersLine) {
         "D ~SR_DBusDispatcher destroy dispatcher addr: PTR"};
 }
 
-TEST_F(ExchangeTest, AHandlerRunsWhenConnectionAndDispatcherAreGone) {
+TEST_F(HandlerTest, AHandlerRunsWhenConnectionAndDispatcherAreGone) {
     EXPECT_EQ(LinesOfACallThatFailed("E SendMessage sarvice: org.sentrel.sr_agent has exception "
                                      "error: text for agent: sr_mount"),
               CallThatThrows(kBlockingCall, std::runtime_error("text")));
@@ -701,7 +902,7 @@ TEST_F(ExchangeTest, AHandlerRunsWhenConnectionAndDispatcherAreGone) {
               CallThatThrows(kBlockingCall, SR_DBusException("org.x.Error", "text")));
 }
 
-TEST_F(ExchangeTest, AnExceptionWithoutANameEndsTheLineThereAndEscapes) {
+TEST_F(HandlerTest, AnExceptionWithoutANameEndsTheLineThereAndEscapes) {
     bus.onCall = [](const std::string& called) {
         if (called == kBlockingCall) {
             const sentrel::SR_DBusError empty;
@@ -709,8 +910,17 @@ TEST_F(ExchangeTest, AnExceptionWithoutANameEndsTheLineThereAndEscapes) {
         }
     };
     EXPECT_THROW(Call(), std::logic_error);
+    EXPECT_EQ(kPoison, result);
     EXPECT_TRUE(bus.Balanced());
+    Lines expected =
+        LinesOfACallThatFailed("E SendMessage  service: org.sentrel.sr_agent has dbus error: ");
+    expected.erase(expected.end() - 2);  // no status is logged: there is none
+    EXPECT_EQ(expected, test::Brief(test::TakeLog()));
 }
+
+// ---- the reply
+
+class ExchangeTest : public BusTest {};
 
 TEST_F(ExchangeTest, TheReplysTwoNumbersAreStatusAndReturnValue) {
     const int max = 2147483647;
@@ -747,6 +957,19 @@ TEST_F(ExchangeTest, TheReplysTwoNumbersAreStatusAndReturnValue) {
         EXPECT_EQ(row.result, result);
         EXPECT_TRUE(Logged(std::string("D SendMessage responseSerial: ") + row.reply));
     }
+}
+
+TEST_F(ExchangeTest, TheProgramsLocaleDoesNotChangeHowAReplyIsRead) {
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return ','; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale before =
+        std::locale::global(std::locale(std::locale::classic(), new Grouping));
+    bus.reply = "0 1,234";
+    EXPECT_EQ(0, Call());
+    std::locale::global(before);
+    EXPECT_EQ(1, result);
 }
 
 TEST_F(ExchangeTest, TheReturnValueIsStoredWhateverTheStatus) {

@@ -21,6 +21,8 @@ void FakeBus::Reset() {
     reply = "0 0";
     makeReply = nullptr;
     requestNameAnswer = DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+    requestNameError = false;
+    onNewError = nullptr;
     hasOwner = false;
     uniqueName = ":1.7";
     calls.clear();
@@ -34,7 +36,8 @@ void FakeBus::Reset() {
 bool FakeBus::Balanced() const {
     bool balanced = messages.empty();
     for (const FakeConnection& connection : connections) {
-        balanced = balanced && connection.references == 0 && connection.paths.empty();
+        balanced = balanced && connection.references == 0 && connection.paths.empty() &&
+                   connection.filters.empty();
     }
     return balanced;
 }
@@ -46,6 +49,7 @@ namespace {
 using test::bus;
 using test::FakeConnection;
 using test::fakeDepth;
+using test::FakeFilter;
 using test::FakeTimeout;
 using test::FakeWatch;
 
@@ -155,6 +159,15 @@ void Disconnect(FakeConnection& connection) {
     connection.timeouts.clear();
 }
 
+void Drop(std::list<FakeFilter>& filters, std::list<FakeFilter>::iterator entry) {
+    const FakeFilter filter = *entry;
+    filters.erase(entry);
+    if (filter.freeData != nullptr) {
+        const Outside outside;
+        filter.freeData(filter.data);
+    }
+}
+
 }  // namespace
 
 // libdbus's own function of that name. Its calls of its own functions come by here, too: they are
@@ -213,6 +226,9 @@ int dbus_bus_request_name(DBusConnection* connection, const char* name, unsigned
     if (Fails("dbus_bus_request_name", name + std::string(" ") + std::to_string(flags), error)) {
         return -1;
     }
+    if (bus.requestNameError) {
+        dbus_set_error(error, bus.errorName.c_str(), "%s", bus.errorText.c_str());
+    }
     return bus.requestNameAnswer;
 }
 
@@ -243,7 +259,12 @@ DBusConnection* dbus_connection_ref(DBusConnection* connection) {
 }
 
 void dbus_connection_unref(DBusConnection* connection) {
-    --Of(connection).references;
+    FakeConnection& fake = Of(connection);
+    if (--fake.references == 0) {
+        while (!fake.filters.empty()) {
+            Drop(fake.filters, fake.filters.begin());
+        }
+    }
 }
 
 dbus_bool_t dbus_connection_get_is_connected(DBusConnection* connection) {
@@ -362,6 +383,33 @@ dbus_bool_t dbus_connection_unregister_object_path(DBusConnection* connection, c
     return Of(connection).paths.erase(path) != 0;
 }
 
+dbus_bool_t dbus_connection_add_filter(DBusConnection* connection,
+                                       DBusHandleMessageFunction function, void* data,
+                                       DBusFreeFunction freeData) {
+    const Inside inside;
+    FakeConnection& fake = Of(connection);
+    if (Enter("dbus_connection_add_filter")) {
+        return FALSE;
+    }
+    fake.filters.push_back(FakeFilter{function, data, freeData});
+    return TRUE;
+}
+
+void dbus_connection_remove_filter(DBusConnection* connection, DBusHandleMessageFunction function,
+                                   void* data) {
+    const Inside inside;
+    std::list<FakeFilter>& filters = Of(connection).filters;
+    (void)Enter("dbus_connection_remove_filter");
+    for (auto entry = filters.begin(); entry != filters.end(); ++entry) {
+        if (entry->function == function && entry->data == data) {
+            Drop(filters, entry);
+            return;
+        }
+    }
+    std::fputs("a filter is removed that was never added\n", stderr);
+    std::abort();
+}
+
 // ---- watches and timeouts
 
 void dbus_watch_set_data(DBusWatch* watch, void* data, DBusFreeFunction /*freeData*/) {
@@ -433,6 +481,9 @@ DBusMessage* dbus_message_new_error(DBusMessage* replyTo, const char* name, cons
     PASS_ON_OWN_CALLS(dbus_message_new_error, replyTo, name, text);
     if (IsNull(replyTo, "dbus_message_new_error") || MessageCallFails("dbus_message_new_error")) {
         return nullptr;
+    }
+    if (bus.onNewError) {
+        bus.onNewError();
     }
     return Counted(REAL(dbus_message_new_error)(replyTo, name, text));
 }

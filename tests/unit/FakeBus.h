@@ -38,6 +38,12 @@ struct FakeTimeout {
     DBusTimeout* Get() { return reinterpret_cast<DBusTimeout*>(this); }
 };
 
+struct FakeFilter {
+    DBusHandleMessageFunction function;
+    void* data;
+    DBusFreeFunction freeData;
+};
+
 struct FakeConnection {
     int references = 1;
     bool connected = true;
@@ -56,6 +62,7 @@ struct FakeConnection {
     DBusTimeoutToggledFunction toggleTimeout = nullptr;
     void* timeoutData = nullptr;
     std::map<std::string, std::pair<DBusObjectPathVTable, void*> > paths;
+    std::list<FakeFilter> filters;
 
     DBusConnection* Get() { return reinterpret_cast<DBusConnection*>(this); }
 };
@@ -79,6 +86,8 @@ struct FakeBus {
     std::string reply;
     std::function<DBusMessage*()> makeReply;
     int requestNameAnswer;
+    bool requestNameError;             // sets the error beside that answer
+    std::function<void()> onNewError;  // runs in dbus_message_new_error; may throw through it
     bool hasOwner;
     const char* uniqueName;  // may be null
 

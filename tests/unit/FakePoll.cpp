@@ -5,18 +5,22 @@
 
 #include <sys/time.h>
 
+#include <cerrno>
+
 namespace test {
 
 std::function<int(pollfd* slots, nfds_t count, int timeout)> onPoll;
 std::vector<PollCall> polls;
 long long wallClock = 0;
 int clockReadings = 0;
+bool clockFails = false;
 
 void ResetPoll() {
     onPoll = nullptr;
     polls.clear();
     wallClock = 1700000000LL * 1000000;
     clockReadings = 0;
+    clockFails = false;
 }
 
 int Results(pollfd* slots, nfds_t count, const std::vector<int>& results) {
@@ -47,6 +51,10 @@ int __poll_chk(pollfd* slots, nfds_t count, int timeout, std::size_t /*size*/) {
 
 int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
     ++test::clockReadings;
+    if (test::clockFails) {
+        errno = EINVAL;
+        return -1;
+    }
     time->tv_sec = static_cast<time_t>(test::wallClock / 1000000);
     time->tv_usec = static_cast<suseconds_t>(test::wallClock % 1000000);
     return 0;

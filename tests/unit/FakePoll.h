@@ -30,6 +30,8 @@ extern std::vector<PollCall> polls;
 extern long long wallClock;
 // Calls of gettimeofday so far.
 extern int clockReadings;
+// Whether they fail, and tell no time.
+extern bool clockFails;
 
 // Forgets all of the above; the clock then stands at a time of its own.
 void ResetPoll();

@@ -315,7 +315,7 @@ TEST(InterfaceTest, InvokeLeavesAnInterfaceThatIsSet) {
     EXPECT_EQ(HandleOf(call), HandleOf(reply)) << "what the object half returns is passed on";
 }
 
-TEST(InterfaceTest, InterfacesAreMadeOfTheirBasesAsSaid) {
+TEST(InterfaceTest, InterfacesAreMadeOfTheirBases) {
     EXPECT_TRUE(std::is_abstract<SR_DBusBaseProxy>::value);
     EXPECT_TRUE(std::is_abstract<SR_DBusIProxy>::value);
     EXPECT_FALSE(std::is_abstract<SR_DBusIAdaptor>::value);

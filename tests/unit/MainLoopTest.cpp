@@ -181,6 +181,19 @@ TEST_F(MainLoopTest, TheClockIsReadOnceAfterTheWait) {
     EXPECT_EQ((Journal{"a", "b"}), journal) << "the time is that after the wait";
 }
 
+TEST_F(MainLoopTest, AnIterationGoesOnWhenTheClockCannotBeRead) {
+    AddWatch(3, "watch");
+    AddTimer(250, true, "timer");
+    Advance(250);
+    test::clockFails = true;
+    EXPECT_EQ((Journal{"watch"}), TurnAllReady()) << "without a time no timer is due";
+    EXPECT_EQ(1u, test::polls.size());
+    AddTimer(0, false, "made without a clock");
+    EXPECT_EQ((Journal{"made without a clock", "watch"}), TurnAllReady());
+    test::clockFails = false;
+    EXPECT_EQ((Journal{"timer", "made without a clock", "watch"}), TurnAllReady());
+}
+
 // ---- timers
 
 TEST_F(MainLoopTest, ATimeIsMilliseconds) {
@@ -540,14 +553,16 @@ TEST_F(MainLoopTest, AWatchHandlerMayCreateAndDestroyTimers) {
 }
 
 TEST_F(MainLoopTest, AWatchCreatedDuringTheWaitWaitsForTheNextIteration) {
-    AddWatch(3, "old");
+    Watch* old = AddWatch(3, "old");
     test::onPoll = [&](pollfd* slots, nfds_t count, int) {
+        old->Enable(false);
         AddWatch(3, "same descriptor");
         AddWatch(4, "other descriptor");
         return test::Results(slots, count, {POLLIN});
     };
     loop->Dispatch();
-    EXPECT_EQ((Journal{"old"}), journal);
+    EXPECT_EQ(Journal(), journal) << "the result is not for the newcomer";
+    EXPECT_EQ((Journal{"same descriptor", "other descriptor"}), TurnAllReady());
 }
 
 TEST_F(MainLoopTest, AResultNeverReachesAWatchThatReusesTheDescriptor) {
