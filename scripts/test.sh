@@ -4,7 +4,7 @@
 #   scripts/test.sh         everything: under 15 minutes on two cores
 #   scripts/test.sh quick   a debug build with the unit, bus and hygiene tests: under 2 minutes
 # A failing stage does not stop the later ones. The last line is the sum over all stages, in which a
-# static check or a build counts as one; the exit status is non-zero when something failed or, with
+# static check or a build counts as one (tests labelled slow are left out); the exit status is non-zero when something failed or, with
 # SENTREL_MUST_RUN=1, was skipped. Everything is written below build/.
 set -u
 cd "$(dirname "$0")/.." || exit 1
@@ -120,7 +120,7 @@ check_coverage() {
 }
 
 debug_stage() {
-    count "debug build" debug.log configure_and_build debug && run_tests debug -L 'unit|bus|agent'
+    count "debug build" debug.log configure_and_build debug && run_tests debug -L 'unit|bus|agent' -LE slow
 }
 
 format_stage() { count "format" format.log check_format; }
@@ -129,14 +129,14 @@ coverage_stage() {
     # Counts of an earlier run would add up.
     [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
     count "coverage build" coverage.log configure_and_build coverage || return
-    run_tests coverage
+    run_tests coverage -LE slow
     count "95 % of the library's lines are run" gcovr.log check_coverage
     grep '^lines:' "$logs/gcovr.log"
 }
 
 asan_stage() {
     count "address and undefined behaviour sanitizer build" asan.log configure_and_build asan &&
-        UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
+        UBSAN_OPTIONS=print_stacktrace=1 run_tests asan -LE slow
 }
 
 tsan_stage() {
@@ -163,7 +163,7 @@ release_stage() {
 
 common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev
     libgtest-dev dbus-daemon python3 binutils clang"
-full="clang-format clang-tidy cppcheck gcovr util-linux"
+full="clang-format clang-tidy cppcheck gcovr util-linux mount e2fsprogs mandoc man-db doxygen"
 
 mkdir -p "$logs"
 # The package lists are lists of words.

@@ -24,11 +24,6 @@ file(GLOB pages CONFIGURE_DEPENDS ${man}/*.[1-9])
 packaging_test(TheManualPagesAreClean "unit;hygiene" manual_test.py clean ${pages})
 
 if(TARGET sentrel)
-  add_test(NAME Packaging.TheCompletionOffersWhatTheCommandTakes COMMAND
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/completion_test.sh
-    ${root}/packaging/bash-completion/sentrel $<TARGET_FILE:sentrel>)
-  set_tests_properties(Packaging.TheCompletionOffersWhatTheCommandTakes PROPERTIES
-    LABELS "unit;hygiene" TIMEOUT 60)
   packaging_test(EachOptionOfTheCommandHasItsManual "unit;hygiene" manual_test.py options
     ${man}/sentrel.1 $<TARGET_FILE:sentrel> ${root}/cli/main.cpp)
   packaging_test(EachOperationOfTheCommandHasItsManual "unit;hygiene" manual_test.py operations
@@ -38,7 +33,7 @@ endif()
 if(TARGET sentrel-agent)
   set(unit ${CMAKE_BINARY_DIR}/packaging/sentrel-agent.service)
   packaging_test(EachOptionOfTheAgentHasItsManual "unit;hygiene" manual_test.py options
-    ${man}/sentrel-agent.8 $<TARGET_FILE:sentrel-agent> ${root}/agent/main.cpp)
+    ${man}/sentrel-agent.8 $<TARGET_FILE:sentrel-agent> ${root}/agent/Options.cpp)
   packaging_test(TheUnitIsValid "unit;hygiene" unit_test.py valid ${unit}
     $<TARGET_FILE:sentrel-agent>)
   packaging_test(TheUnitLetsMountsBeSeen "unit;hygiene" unit_test.py mounts ${unit})
@@ -60,6 +55,11 @@ if(TARGET sentrel_agent_objects)
   target_link_libraries(split PRIVATE sentrel_agent_objects sentrel_warnings)
   packaging_test(ThePythonModuleCalls bus python_test.py $<TARGET_FILE:sentrel-client>
     $<TARGET_FILE:scripted_agent> $<TARGET_FILE:split> ${root}/service/src/status/SR_Status.h)
+endif()
+if(TARGET sentrel_agent_objects AND EXISTS ${root}/agent/Rules.h)
+  sentrel_test(DocumentedRulesTest packaging/DocumentedRulesTest.cpp LIBRARY LABEL unit
+    LIBS sentrel_agent_objects)
+  target_compile_definitions(DocumentedRulesTest PRIVATE SENTREL_DOCS="${root}/docs")
 endif()
 sentrel_test(HelpersTest packaging/HelpersTest.cpp LIBRARY LABEL bus)
 
@@ -95,4 +95,16 @@ if(SENTREL_DOXYGEN)
       ${CMAKE_BINARY_DIR}/reference ${SENTREL_DOXYGEN})
   set_tests_properties(Packaging.EachPublicMemberIsDescribed PROPERTIES
     LABELS "unit;hygiene" TIMEOUT 120)
+endif()
+
+# The binary interface against that of the last release, stored by `abi.sh store`; before
+# the first there is none. The stored one is of x86-64, by g++, with debugging information.
+set(abi ${root}/packaging/abi/libsentrel-client.abi)
+if(EXISTS ${abi} AND CMAKE_BUILD_TYPE STREQUAL "Debug" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU"
+    AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  add_test(NAME Packaging.TheBinaryInterfaceIsThatOfTheLastRelease COMMAND
+    ${root}/tests/packaging/abi.sh compare $<TARGET_FILE:sentrel-client>
+    ${CMAKE_BINARY_DIR}/include/sentrel ${abi})
+  set_tests_properties(Packaging.TheBinaryInterfaceIsThatOfTheLastRelease PROPERTIES
+    LABELS "unit;hygiene" TIMEOUT 120 SKIP_RETURN_CODE 77)
 endif()

@@ -6,7 +6,9 @@
 #ifndef SENTREL_SR_EXPORT_H
 #define SENTREL_SR_EXPORT_H
 
+/* Visible outside. */
 #define SR_EXPORT __attribute__((visibility("default")))
+/* Not visible outside. */
 #define SR_HIDDEN __attribute__((visibility("hidden")))
 
 #endif

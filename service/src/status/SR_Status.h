@@ -9,6 +9,7 @@
 #ifndef SENTREL_SR_STATUS_H
 #define SENTREL_SR_STATUS_H
 
+/* The status of an operation. */
 enum SR_Status {
     SR_OK = 0,                  /* the agent carried the operation out; see its return value */
     SR_FAIL = 1,                /* agent: refused or failed for a reason without its own code */

@@ -8,9 +8,11 @@
 
 namespace sentrel {
 
+// What can be called with an A and gives an R.
 template <typename R, typename A>
 class BaseCallback {
 public:
+    // Calls it; what that throws is passed on.
     virtual R call(A argument) const = 0;
     virtual ~BaseCallback() {}
 };
@@ -18,8 +20,10 @@ public:
 template <typename C, typename R, typename A>
 class Callback : public BaseCallback<R, A> {
 public:
+    // `target` is not owned.
     Callback(C* target, R (C::*function)(A)) : object(target), method(function) {}
 
+    // Calls the method on the object.
     R call(A argument) const override { return (object->*method)(argument); }
 
 private:
@@ -33,6 +37,7 @@ public:
     // Shares `callable`, which must not be null when the slot is called.
     explicit Slot(boost::shared_ptr<BaseCallback<R, A> > callable) : callback(callable) {}
 
+    // Calls the shared callable.
     R operator()(A argument) const { return callback->call(argument); }
 
 private:

@@ -23,6 +23,7 @@ namespace sentrel {
 // A method return for a received call, without arguments until some are appended.
 class SR_EXPORT SR_DBusReturnMessage : public SR_DBusMessage {
 public:
+    // Addressed to the sender of `replyTo`.
     explicit SR_DBusReturnMessage(const SR_DBusMessage& replyTo);
 };
 

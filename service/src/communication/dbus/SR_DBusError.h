@@ -17,6 +17,7 @@ namespace sentrel {
 
 class SR_EXPORT SR_DBusError {
 public:
+    // libdbus's error record.
     typedef DBusError Internal;
 
     SR_DBusError() { dbus_error_init(&error); }

@@ -25,9 +25,11 @@ class SR_DBusIProxy;
 // What has a D-Bus interface name.
 class SR_EXPORT SR_DBusI {
 public:
+    // `name` is the interface's.
     explicit SR_DBusI(const std::string& name);
     virtual ~SR_DBusI();
 
+    // The interface's name.
     const std::string& GetName() const { return interfaceName; }
 
 private:
@@ -66,6 +68,7 @@ protected:
     void AddMethod(const std::string& member,
                    const Slot<SR_DBusMessage, const SR_DBusCallMessage&>& handler);
 
+    // The handlers by member.
     std::map<std::string, Slot<SR_DBusMessage, const SR_DBusCallMessage&> > methods;
 
 private:
@@ -90,6 +93,7 @@ protected:
 // that is made of these.
 class SR_EXPORT SR_DBusIProxy : public SR_DBusI, public virtual SR_DBusBaseProxy {
 public:
+    // Of two proxies of one object with the same name, the later one is in the table.
     explicit SR_DBusIProxy(const std::string& name);
     ~SR_DBusIProxy() override;
 

@@ -39,6 +39,7 @@ public:
     // An iterator that appends. The message must outlive it.
     SR_DBusMessageIter GetWriter();
 
+    // Whether it is this signal of this interface.
     bool IsSignal(const std::string& interfaceName, const std::string& member) const;
     // False when out of memory, as for every setter here.
     bool SetDestination(const std::string& destination);
@@ -52,6 +53,7 @@ protected:
     // No libdbus message yet: the derived constructor stores one.
     SR_DBusMessage();
 
+    // Shared by copies.
     boost::shared_ptr<Impl> impl;
 };
 
@@ -63,9 +65,11 @@ public:
     // As the base's; the message in `impl` must be a method call.
     SR_DBusCallMessage(Impl* impl, bool addRef);
 
+    // False when out of memory.
     bool SetPath(const std::string& path);
     bool SetMember(const std::string& member);
     bool SetInterface(const std::string& interfaceName);
+    // Null when the field is not set.
     const char* GetPath() const;
     const char* GetMember() const;
     const char* GetInterface() const;
@@ -74,6 +78,7 @@ public:
 // An error reply to a received call, addressed to its sender.
 class SR_EXPORT SR_DBusErrorMessage : public SR_DBusMessage {
 public:
+    // `name` is the error's, `message` a sentence for people.
     SR_DBusErrorMessage(const SR_DBusMessage& replyTo, const std::string& name,
                         const std::string& message);
 };
@@ -81,6 +86,7 @@ public:
 // A position among a message's arguments. Copies are independent positions in the same message.
 class SR_EXPORT SR_DBusMessageIter {
 public:
+    // libdbus's iterator.
     typedef DBusMessageIter Internal;
 
     // Not ready for use: get one from GetReader() or GetWriter().

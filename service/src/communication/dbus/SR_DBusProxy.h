@@ -18,13 +18,14 @@ namespace sentrel {
 
 // The address of a remote object.
 struct SR_EXPORT SR_DBusData {
+    // Takes a handle of its own on the connection.
     SR_DBusData(const SR_DBusConnection& connection, const std::string& path,
                 const std::string& service);
     ~SR_DBusData();
 
-    SR_DBusConnection connection;
-    std::string path;     // object path
-    std::string service;  // bus name
+    SR_DBusConnection connection;  // the way there
+    std::string path;              // object path
+    std::string service;           // bus name
 };
 
 class SR_EXPORT SR_DBusProxy : public virtual SR_DBusBaseProxy {

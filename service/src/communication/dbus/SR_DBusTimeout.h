@@ -15,6 +15,7 @@ class SR_DBusDispatcher;
 
 class SR_EXPORT SR_DBusTimeout : public SR_TimeoutEvent {
 public:
+    // libdbus's timeout.
     typedef DBusTimeout Internal;
 
     // Registers with the dispatcher, armed, and makes itself the user data of `timeout`.

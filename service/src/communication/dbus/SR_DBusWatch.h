@@ -15,6 +15,7 @@ class SR_DBusDispatcher;
 
 class SR_EXPORT SR_DBusWatch : public SR_WatchEvent {
 public:
+    // libdbus's watch.
     typedef DBusWatch Internal;
 
     // Registers with the dispatcher and makes itself the user data of `watch`. Descriptor, mask

@@ -44,7 +44,9 @@ public:
     SR_DBusMutex(const SR_DBusMutex&) = delete;
     SR_DBusMutex& operator=(const SR_DBusMutex&) = delete;
 
+    // Blocks until it is free.
     void Lock() SR_THREAD_ANNOTATION(acquire_capability());
+    // By the thread that holds it.
     void Unlock() SR_THREAD_ANNOTATION(release_capability());
 
 private:
@@ -118,6 +120,7 @@ protected:
     friend class SR_DBusDispatcher;
     friend class SR_MainLoop;
 
+    // Called when the descriptor is ready; a derived class sets it, then `enabled`.
     boost::shared_ptr<BaseCallback<void, SR_WatchEvent&> > callback;
     bool enabled;
     int descriptor;
@@ -150,6 +153,7 @@ protected:
     friend class SR_DBusDispatcher;
     friend class SR_MainLoop;
 
+    // Called when it is due; a derived class sets it, then `enabled`.
     boost::shared_ptr<BaseCallback<void, SR_TimeoutEvent&> > callback;
     bool enabled;
     bool repeat;
