@@ -4,8 +4,9 @@
 #   scripts/test.sh         everything: under 15 minutes on two cores
 #   scripts/test.sh quick   a debug build with the unit, bus and hygiene tests: under 2 minutes
 # A failing stage does not stop the later ones. The last line is the sum over all stages, in which a
-# static check or a build counts as one (tests labelled slow are left out); the exit status is non-zero when something failed or, with
-# SENTREL_MUST_RUN=1, was skipped. Everything is written below build/.
+# static check or a build counts as one; tests labelled slow are left out. The exit status is
+# non-zero when something failed or, with SENTREL_MUST_RUN=1, was skipped. Everything is written
+# below build/.
 set -u
 cd "$(dirname "$0")/.." || exit 1
 . scripts/packages.sh
