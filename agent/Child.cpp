@@ -289,11 +289,12 @@ private:
         if (geteuid() == 0) {
             ready = ready && setgroups(0, nullptr) == 0;
         }
-        LimitTool(plan.agent);
+        // Made before the limits, which are the tool's: nothing here needs memory behind them.
+        const std::vector<char*> argv = Pointers(arguments);
+        const std::vector<char*> envp = Pointers(environment);
         BlockSignals(false);
+        LimitTool(plan.agent);
         if (ready) {
-            const std::vector<char*> argv = Pointers(arguments);
-            const std::vector<char*> envp = Pointers(environment);
             (void)execve(argv[0], argv.data(), envp.data());
         }
         const int error = errno;
