@@ -304,6 +304,7 @@ private:
 
     static std::vector<char*> Pointers(std::vector<std::string>& texts) {
         std::vector<char*> pointers;
+        pointers.reserve(texts.size() + 1);
         for (std::string& text : texts) {
             pointers.push_back(&text[0]);
         }

@@ -51,15 +51,20 @@ void CheckHeader(const sentrel::SR_DBusCallMessage& call) {
 void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& signature,
                    std::string* agent, std::string* text, int* number) {
     sentrel::SR_DBusMessageIter reader = call.GetReader();
-    std::string* const texts[] = {agent, text};
-    std::size_t next = 0;
+    // The first string is the agent's name, the second the text.
+    std::string* next = agent;
+    bool tooLong = false;
     for (const char type : signature) {
         if (reader.GetArgType() != type) {
             throw Turned{kInvalidArgs, "the arguments are not the ones that are expected"};
         }
         if (type == 's') {
-            *texts[next++] = reader.GetString();
-        } else {
+            if (next != nullptr) {
+                *next = reader.GetString();
+                tooLong = tooLong || next->size() > kLongestText;
+            }
+            next = text;
+        } else if (number != nullptr) {
             *number = reader.GetInt32();
         }
         ++reader;
@@ -67,10 +72,8 @@ void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& s
     if (reader.GetArgType() != 0) {
         throw Turned{kInvalidArgs, "there are more arguments than are expected"};
     }
-    for (std::size_t i = 0; i < next; ++i) {
-        if (texts[i]->size() > kLongestText) {
-            throw Turned{kLimitsExceeded, "the argument text is too long"};
-        }
+    if (tooLong) {
+        throw Turned{kLimitsExceeded, "the argument text is too long"};
     }
 }
 

@@ -67,6 +67,7 @@ std::string JsonList(const std::vector<std::string>& values) {
 
 std::string JsonTexts(const std::vector<std::string>& texts) {
     std::vector<std::string> values;
+    values.reserve(texts.size());
     for (const std::string& text : texts) {
         values.push_back(JsonText(text));
     }

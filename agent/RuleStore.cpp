@@ -12,7 +12,8 @@ namespace {
 
 std::string FindTool(const std::string& name, const std::vector<std::string>& directories) {
     for (const std::string& directory : directories) {
-        const std::string path = directory + "/" + name;
+        std::string path = directory;
+        path.append("/").append(name);
         struct stat found = {};
         if (stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode)) {
             return path;

@@ -19,7 +19,7 @@ namespace agent {
 
 namespace {
 
-const off_t kLargestFile = 256 * 1024;
+const off_t kLargestFile = 262144;
 
 class Descriptor {
 public:
@@ -159,13 +159,14 @@ LoadResult LoadRules(const std::vector<std::string>& directories, uid_t owner,
         ListFiles(directory, owner, files, result.errors);
     }
     for (const auto& [name, directory] : files) {
-        const std::string path = directory + "/" + name;
+        std::string path = directory;
+        path.append("/").append(name);
         std::string text;
         std::string why;
         if (ReadFile(path, owner, text, why)) {
             ReadRules(text, path, accounts, rules, result);
         } else {
-            result.errors.push_back(path + ":0: " + why);
+            result.errors.push_back(path.append(":0: ").append(why));
         }
     }
     Finish(std::move(rules), result);

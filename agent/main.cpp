@@ -98,7 +98,7 @@ void Report(const agent::LoadResult& result) {
 }
 
 agent::LoadResult Reload(agent::RuleStore& store) {
-    const agent::LoadResult result = store.Load();
+    agent::LoadResult result = store.Load();
     Report(result);
     Complain(result.errors.empty()
                  ? "rules: " + std::to_string(store.Count()) + " loaded"
