@@ -253,10 +253,9 @@ TEST(AllocationTest, EachFailedAllocationOfACallHasTheOutcomeOfItsPlace) {
     }
     // Each kind of place was met.
     EXPECT_GE(counts[6], 20);
-    EXPECT_GE(counts[kThrown], 4);
-    EXPECT_GE(counts[kEnded], 5);
-    EXPECT_GE(counts[kLineCut], 5);
-    EXPECT_LE(counts[kLineCut], referenceCount) << "one for each line at most";
+    EXPECT_EQ(3, counts[kThrown]) << "the text, its copy in the request, the bus name";
+    EXPECT_EQ(1, counts[kEnded]) << "the rule that the proxy's destructor removes";
+    EXPECT_EQ(1, counts[kLineCut]) << "the first line makes the buffer that all lines share";
     EXPECT_EQ(0, CallInChild(total + 1)) << "no further allocation is made";
 }
 

@@ -5,16 +5,21 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <optional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "LogRecorder.h"
+#include "SR_LogImpl.h"
 
 namespace {
 
 using sentrel::SR_Log;
+using sentrel::SR_LogLoan;
+using sentrel::SR_LogText;
 using test::LogLine;
 using test::TakeLog;
 
@@ -161,7 +166,11 @@ TEST(LogTest, PercentSignsInTheTextAreNotAFormat) {
     EXPECT_EQ("[SR] [f%s(F%n() +1)]%s %d %n", TextOf("f%s", "F%n", 1, "%s %d %n"));
 }
 
-TEST(LogTest, ALongTextIsPassedOnWhole) {
+TEST(LogTest, ATextOfAnyLengthIsPassedOnWhole) {
+    for (std::size_t size = 0; size < 1100; ++size) {
+        const std::string body(size, 'x');
+        ASSERT_EQ("[SR] [f(F() +1)]" + body, TextOf("f", "F", 1, body));
+    }
     const std::string body(100000, 'x');
     EXPECT_EQ("[SR] [f(F() +1)]" + body, TextOf("f", "F", 1, body));
 }
@@ -175,6 +184,70 @@ TEST(LogTest, TheStreamIsLeftAsItWas) {
     EXPECT_EQ(2u, TakeLog().size());
     text << " on";
     EXPECT_EQ("kept on", text.str());
+}
+
+// What the log statements of one thread wrote, bodies only.
+std::vector<std::string> Bodies() {
+    std::vector<std::string> bodies;
+    for (const LogLine& line : TakeLog()) {
+        bodies.push_back(line.Body());
+    }
+    return bodies;
+}
+
+// Logs while it is being streamed.
+struct Chatty {};
+std::ostream& operator<<(std::ostream& out, Chatty) {
+    SR_LOG(DBG, "inner");
+    return out << "chatty";
+}
+
+TEST(LogTest, EachLineOfALoanBeginsWithAnEmptyGoodStream) {
+    TakeLog();
+    const SR_LogLoan loan;
+    const char* missing = nullptr;
+    SR_LOG(DBG, "a longer first line, " << 1);
+    SR_LOG(DBG, "cut at a null: " << missing << " lost");
+    SR_LOG(DBG, "short");
+    SR_LOG(DBG, "");
+    EXPECT_EQ((std::vector<std::string>{"a longer first line, 1", "cut at a null: ", "short", ""}),
+              Bodies());
+}
+
+TEST(LogTest, ALineThatIsLoggedWithinALineLeavesItAlone) {
+    for (const bool lending : {false, true}) {
+        SCOPED_TRACE(lending);
+        TakeLog();
+        std::optional<SR_LogLoan> loan;
+        if (lending) {
+            loan.emplace();
+        }
+        SR_LOG(DBG, "outer, " << Chatty() << ", outer");
+        SR_LOG(DBG, "next");
+        EXPECT_EQ((std::vector<std::string>{"inner", "outer, chatty, outer", "next"}), Bodies());
+    }
+}
+
+TEST(LogTest, ALineThatThrowsGivesTheLentStreamBack) {
+    const SR_LogLoan loan;
+    const auto fail = []() -> int { throw 1; };
+    const void* lent = &SR_LogText().Stream();
+    EXPECT_THROW(SR_LOG(DBG, "never written " << fail()), int);
+    TakeLog();
+    SR_LOG(DBG, "next");
+    EXPECT_EQ((std::vector<std::string>{"next"}), Bodies());
+    EXPECT_EQ(lent, &SR_LogText().Stream());
+}
+
+TEST(LogTest, ALoanIsTheThreadsThatMadeItAndEndsWithIt) {
+    const SR_LogLoan outer;
+    const void* lent = &SR_LogText().Stream();
+    {
+        const SR_LogLoan inner;
+        EXPECT_NE(lent, &SR_LogText().Stream());
+    }
+    EXPECT_EQ(lent, &SR_LogText().Stream());
+    std::thread([lent] { EXPECT_NE(lent, &SR_LogText().Stream()); }).join();
 }
 
 TEST(LogTest, ManyThreadsLogWholeLines) {

@@ -3,16 +3,56 @@
 #ifndef SENTREL_SR_LOGIMPL_H
 #define SENTREL_SR_LOGIMPL_H
 
+#include <optional>
+#include <sstream>
+
 #include "SR_Log.h"
 
-// Writes one line; `expression` is what follows "stream <<". Where the line's number matters, the
-// statement stands on one source line: compilers differ on a macro call that spans several.
+namespace sentrel {
+
+// The string stream of one log line. Constructing one costs more than the rest of the line, so
+// this borrows the stream that the thread's SR_LogLoan holds ready; without one, or while it is
+// taken, it makes its own. Every line begins with an empty, good stream either way.
+// Owned by the log statement it stands in; lives and dies on one thread.
+class SR_LogText {
+public:
+    SR_LogText();
+    ~SR_LogText();
+    SR_LogText(const SR_LogText&) = delete;
+    SR_LogText& operator=(const SR_LogText&) = delete;
+
+    std::stringstream& Stream() { return *stream; }
+
+private:
+    std::optional<std::stringstream> own;
+    std::stringstream* stream;
+};
+
+// Lends one string stream to the log lines of the thread that constructed it, one after another,
+// until it is destroyed on that thread. A loan within a loan stands in for the outer one.
+class SR_LogLoan {
+public:
+    SR_LogLoan();
+    ~SR_LogLoan();
+    SR_LogLoan(const SR_LogLoan&) = delete;
+    SR_LogLoan& operator=(const SR_LogLoan&) = delete;
+
+private:
+    std::stringstream stream;
+    std::stringstream* outer;
+};
+
+}  // namespace sentrel
+
+// Writes one line; `expression` is what follows "stream <<". It sets no format flags: the next line
+// would have them too. Where the line's number matters, the statement stands on one source line:
+// compilers differ on a macro call that spans several.
 #define SR_LOG(level, expression)                                                               \
     do {                                                                                        \
-        std::stringstream srLogText;                                                            \
-        srLogText << expression;                                                                \
+        ::sentrel::SR_LogText srLogText;                                                        \
+        srLogText.Stream() << expression;                                                       \
         ::sentrel::SR_Log::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
-                                        srLogText);                                             \
+                                        srLogText.Stream());                                    \
     } while (false)
 
 // The platform log. A definition found earlier at load time takes the call, so a program may
