@@ -6,7 +6,11 @@ namespace sentrel {
 namespace {
 
 std::string SignalRule(const std::string& interfaceName, const std::string& path) {
-    return "type='signal',interface='" + interfaceName + "',path='" + path + "'";
+    std::string rule;
+    rule.reserve(interfaceName.size() + path.size() + 48);
+    rule.append("type='signal',interface='").append(interfaceName);
+    rule.append("',path='").append(path).append("'");
+    return rule;
 }
 
 }  // namespace
