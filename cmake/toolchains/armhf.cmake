@@ -1,23 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Debian's cross compilers for armhf. SENTREL_SYSROOT is a folder with the libraries of that machine
-# (scripts/cross.sh makes one); without it, the multiarch packages of this system are used. Programs
-# of that machine are run by qemu-user.
-set(CMAKE_SYSTEM_NAME Linux)
+# armhf; see debian.cmake.
 set(CMAKE_SYSTEM_PROCESSOR arm)
-set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
-
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SENTREL_SYSROOT)
-if(SENTREL_SYSROOT)
-  set(CMAKE_SYSROOT ${SENTREL_SYSROOT})
-  list(APPEND CMAKE_CROSSCOMPILING_EMULATOR -L ${SENTREL_SYSROOT})
-  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${SENTREL_SYSROOT})
-endif()
-set(ENV{PKG_CONFIG_LIBDIR}
-  "${SENTREL_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${SENTREL_SYSROOT}/usr/share/pkgconfig")
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(triplet arm-linux-gnueabihf)
+set(emulator qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
