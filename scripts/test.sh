@@ -141,7 +141,7 @@ asan_stage() {
 }
 
 tsan_stage() {
-    count "thread sanitizer build" tsan.log configure_and_build tsan || return
+    count "thread sanitizer build" tsan.log configure_and_build tsan -- threads_tests || return
     # The thread sanitizer cannot place its shadow where the kernel randomises addresses widely.
     if setarch -R true 2>/dev/null; then
         runner=(setarch -R)
@@ -159,7 +159,8 @@ static_stage() {
 
 release_stage() {
     count "release build" release.log configure_and_build release -DSENTREL_TESTS=ON -- \
-        service/all agent/all cli/all && run_tests release -L 'hygiene|install'
+        service/all agent/all cli/all MainLoopRandomTest &&
+        run_tests release -L 'hygiene|install|histories'
 }
 
 common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev

@@ -190,7 +190,7 @@ TEST_F(AgentTest, AToolThatOthersMayWriteIsAnswered9AndNamedAtTheStart) {
                 "permit = true\nuser = \"*\"\n");
     const test::Finished checked =
         test::RunAgent({"--check", "--tool-path", tools.Folder(), rules.Folder()});
-    EXPECT_EQ(0, checked.Exit());
+    EXPECT_EQ(0, checked.exit);
     EXPECT_TRUE(test::Holds(checked.output, "not to be trusted")) << checked.output;
     Serve();
     EXPECT_EQ("9 0", Answer("sr_rmmod", "x"));
@@ -638,7 +638,7 @@ TEST_F(AgentTest, ASecondAgentRefusesToStart) {
     tools.Add("rmmod", "exit 9");
     Serve();
     const test::Finished second = test::RunAgent({"--rules", rules.Folder()});
-    EXPECT_EQ(1, second.Exit());
+    EXPECT_EQ(1, second.exit);
     EXPECT_EQ("sentrel-agent: another process owns org.sentrel.sr_agent; it must end first\n",
               second.errors);
     EXPECT_EQ("0 9", Answer("sr_rmmod", "x"));
@@ -647,7 +647,7 @@ TEST_F(AgentTest, ASecondAgentRefusesToStart) {
 TEST_F(AgentTest, WithoutABusItEndsWith1AndALine) {
     bus.Stop();
     const test::Finished finished = test::RunAgent({"--rules", rules.Folder()});
-    EXPECT_EQ(1, finished.Exit());
+    EXPECT_EQ(1, finished.exit);
     EXPECT_EQ(0U, finished.errors.find("sentrel-agent: the bus: "));
 }
 
@@ -670,11 +670,11 @@ TEST_F(AgentTest, AnOperationHasALineBeforeItAndOneAfterIt) {
 
 TEST_F(AgentTest, OptionsAreExplainedAndWrongOnesRefusedWith2) {
     const test::Finished help = test::RunAgent({"--help"});
-    EXPECT_EQ(0, help.Exit());
+    EXPECT_EQ(0, help.exit);
     EXPECT_TRUE(test::Holds(help.output, "--rules DIR"));
     EXPECT_TRUE(test::Holds(help.output, "--mock FILE"));
     const test::Finished version = test::RunAgent({"--version"});
-    EXPECT_EQ(0, version.Exit());
+    EXPECT_EQ(0, version.exit);
     EXPECT_EQ(0U, version.output.find("sentrel-agent "));
     const std::vector<std::vector<std::string> > wrong = {
         {"--nonsense"},         {"operand"},
@@ -686,7 +686,7 @@ TEST_F(AgentTest, OptionsAreExplainedAndWrongOnesRefusedWith2) {
         {"--tool-path", "/a:"}};
     for (const auto& options : wrong) {
         const test::Finished finished = test::RunAgent(options);
-        EXPECT_EQ(2, finished.Exit()) << options.front();
+        EXPECT_EQ(2, finished.exit) << options.front();
         EXPECT_NE("", finished.errors);
     }
 }

@@ -191,7 +191,7 @@ TEST_F(ControlTest, WrongRulesAtTheStartAreListedAndTheAgentEndsWith1) {
     rules.Write("a.toml", RuleFor("good"));
     rules.Write("b.toml", "[[rule]]\nname = \"x\"\n");
     const test::Finished finished = test::RunAgent({"--rules", rules.Folder()});
-    EXPECT_EQ(1, finished.Exit());
+    EXPECT_EQ(1, finished.exit);
     EXPECT_TRUE(test::Holds(finished.errors, "b.toml:1: ")) << finished.errors;
     EXPECT_TRUE(test::Holds(finished.errors, "the rules are wrong"));
 }
@@ -199,24 +199,24 @@ TEST_F(ControlTest, WrongRulesAtTheStartAreListedAndTheAgentEndsWith1) {
 TEST_F(ControlTest, CheckSaysFileAndLineOfErrorsAndOfRulesThatNeverMatch) {
     rules.Write("a.toml", RuleFor("*") + RuleFor("never"));
     const test::Finished good = test::RunAgent({"--check", rules.Folder()});
-    EXPECT_EQ(0, good.Exit()) << good.output;
+    EXPECT_EQ(0, good.exit) << good.output;
     EXPECT_TRUE(test::Holds(good.output, "a.toml:7: ")) << good.output;
     EXPECT_TRUE(test::Holds(good.output, "2 rules can be used"));
     rules.Write("b.toml", "\n[[rule]]\nname = \"x\"\nagent = \"sr_rmmod\"\nwhat = 1\n");
     const test::Finished bad = test::RunAgent({"--check", "--rules", rules.Folder()});
-    EXPECT_EQ(1, bad.Exit());
+    EXPECT_EQ(1, bad.exit);
     EXPECT_TRUE(test::Holds(bad.output, "b.toml:5: ")) << bad.output;
 }
 
 TEST_F(ControlTest, RulesThatOthersMayWriteAreNotLoaded) {
     rules.Write("a.toml", RuleFor("good"));
     ASSERT_EQ(0, chmod((rules.Folder() + "/a.toml").c_str(), 0666));
-    EXPECT_EQ(1, test::RunAgent({"--check", rules.Folder()}).Exit());
-    EXPECT_EQ(1, test::RunAgent({"--rules", rules.Folder()}).Exit());
+    EXPECT_EQ(1, test::RunAgent({"--check", rules.Folder()}).exit);
+    EXPECT_EQ(1, test::RunAgent({"--rules", rules.Folder()}).exit);
     ASSERT_EQ(0, chmod((rules.Folder() + "/a.toml").c_str(), 0644));
-    EXPECT_EQ(0, test::RunAgent({"--check", rules.Folder()}).Exit());
+    EXPECT_EQ(0, test::RunAgent({"--check", rules.Folder()}).exit);
     ASSERT_EQ(0, chmod(rules.Folder().c_str(), 0777));
-    EXPECT_EQ(1, test::RunAgent({"--check", rules.Folder()}).Exit());
+    EXPECT_EQ(1, test::RunAgent({"--check", rules.Folder()}).exit);
 }
 
 }  // namespace

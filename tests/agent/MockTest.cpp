@@ -85,7 +85,7 @@ TEST_F(MockTest, ATableThatIsWrongIsRefusedWithItsLine) {
         {"[[other]]\n", ": only [[answer]] tables are expected"}};
     for (const auto& entry : wrong) {
         const test::Finished finished = test::RunAgent({"--mock", Table(entry.first)});
-        EXPECT_EQ(1, finished.Exit()) << entry.first;
+        EXPECT_EQ(1, finished.exit) << entry.first;
         EXPECT_TRUE(test::Holds(finished.errors, entry.second)) << finished.errors;
     }
 }

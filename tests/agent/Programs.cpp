@@ -2,9 +2,7 @@
 #include "Programs.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -19,40 +17,16 @@ namespace {
 
 const char kService[] = "org.sentrel.sr_agent";
 
-// Only the three standard descriptors; negative: none there.
-pid_t Start(const std::string& program, const std::vector<std::string>& options, int output,
-            int errors) {
-    (void)PrivateBus::Address();
-    return Fork([&] {
-        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-        for (const std::string& option : options) {
-            argv.push_back(const_cast<char*>(option.c_str()));
-        }
-        argv.push_back(nullptr);
-        if (output >= 0) {
-            (void)dup2(output, STDOUT_FILENO);
-        } else {
-            (void)close(STDOUT_FILENO);
-        }
-        (void)dup2(errors, STDERR_FILENO);
-        (void)execv(program.c_str(), argv.data());
-        return 99;
-    });
+std::vector<std::string> Command(const std::vector<std::string>& options) {
+    std::vector<std::string> words = {SENTREL_AGENT_PROGRAM};
+    words.insert(words.end(), options.begin(), options.end());
+    return words;
 }
 
-// Both outputs are read until they end, then the program is reaped.
-Finished Run(const std::string& program, const std::vector<std::string>& options, bool closed) {
-    Pipe output;
-    Pipe errors;
-    const pid_t pid = Start(program, options, closed ? -1 : output.Writer(), errors.Writer());
-    output.CloseWriter();
-    errors.CloseWriter();
-    Finished finished;
-    // What a program says here fits into a pipe, so one can be read after the other.
-    finished.output = ReadAll(output.Reader());
-    finished.errors = ReadAll(errors.Reader());
-    finished.status = Reap(pid, kLimit);
-    return finished;
+// Its log takes the place of standard error, and what it prints goes where a test's errors go.
+pid_t StartAgent(const std::vector<std::string>& options, int log) {
+    (void)PrivateBus::Address();
+    return Spawn(Command(options), {}, STDERR_FILENO, log);
 }
 
 std::string TextOf(DBusMessage* message) {
@@ -104,7 +78,7 @@ void RuleFolder::Write(const std::string& name, const std::string& text) const {
 }
 
 RunningAgent::RunningAgent(const std::vector<std::string>& options)
-    : pid(Start(SENTREL_AGENT_PROGRAM, options, STDERR_FILENO, log.Writer())) {
+    : pid(StartAgent(options, log.Writer())) {
     log.CloseWriter();
     // The audit of some hundred requests must fit in, so that nobody needs to read meanwhile.
     (void)fcntl(log.Reader(), F_SETPIPE_SZ, 1048576);
@@ -152,48 +126,8 @@ int RunningAgent::WaitForEnd() {
     return status;
 }
 
-int Finished::Exit() const {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 Finished RunAgent(const std::vector<std::string>& options) {
-    return Run(SENTREL_AGENT_PROGRAM, options, false);
-}
-
-Finished RunCommand(const std::vector<std::string>& words, bool closed) {
-    return Run(SENTREL_COMMAND, words, closed);
-}
-
-std::string ReadAll(int descriptor) {
-    std::string all;
-    char buffer[65536];
-    for (;;) {
-        if (!WaitFor(descriptor, POLLIN, kLimit)) {
-            throw std::runtime_error("the output did not end in time");
-        }
-        const ssize_t count = read(descriptor, buffer, sizeof(buffer));
-        if (count <= 0) {
-            return all;
-        }
-        all.append(buffer, static_cast<std::size_t>(count));
-    }
-}
-
-std::string ReadReady(int descriptor) {
-    std::string all;
-    char buffer[65536];
-    while (WaitFor(descriptor, POLLIN, 0)) {
-        const ssize_t count = read(descriptor, buffer, sizeof(buffer));
-        if (count <= 0) {
-            break;
-        }
-        all.append(buffer, static_cast<std::size_t>(count));
-    }
-    return all;
-}
-
-bool Holds(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
+    return RunProgram(Command(options));
 }
 
 DBusMessage* NewCall(const char* agent, const char* text, int descriptor) {

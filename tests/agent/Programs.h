@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The built programs in processes of their own, scripts that stand in for tools, and calls to the
+// The built agent in a process of its own, scripts that stand in for tools, and calls to the
 // agent over plain libdbus. Failures are thrown as std::runtime_error.
 #ifndef SENTREL_TESTS_AGENT_PROGRAMS_H
 #define SENTREL_TESTS_AGENT_PROGRAMS_H
@@ -11,10 +11,9 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "RunProgram.h"
 
 namespace test {
-
-const int kLimit = 30000;  // milliseconds, for whatever must come
 
 // A folder of scripts under the name of tools; lies in the folder of the private bus.
 class FakeTools {
@@ -72,24 +71,8 @@ private:
     pid_t pid;
 };
 
-// What a finished program left. `status` is its wait status.
-struct Finished {
-    int status = -1;
-    std::string output;
-    std::string errors;
-
-    int Exit() const;  // the exit status, -1 after a signal
-};
-
+// Runs it to its end.
 Finished RunAgent(const std::vector<std::string>& options);
-// With `closed`, the command has no standard output.
-Finished RunCommand(const std::vector<std::string>& words, bool closed = false);
-
-// Everything until the end, or for as long as the limit.
-std::string ReadAll(int descriptor);
-// What is there now.
-std::string ReadReady(int descriptor);
-bool Holds(const std::string& text, const std::string& part);
 
 struct Reply {
     std::string error;  // the D-Bus error's name; empty for a return

@@ -58,7 +58,7 @@ TEST_F(RelayTest, WhatIsWrittenArrivesAndIsCounted) {
     relay->Say("a reason");
     relay->CloseInput();
     ASSERT_TRUE(RunToItsEnd(relay));
-    EXPECT_EQ(Drain(pipe.reader.Get()), "a reason\n");
+    EXPECT_EQ(test::ReadReady(pipe.reader.Get()), "a reason\n");
     EXPECT_EQ(relay->Copied(), 15u);
     EXPECT_EQ(relay->Dropped(), 0u);
     EXPECT_EQ(relays->Count(), 0u);

@@ -6,6 +6,7 @@
 
 #include <sentrel/SR_API.h>
 #include "Fixture.h"
+#include "StatusNames.h"
 
 namespace {
 
@@ -226,23 +227,12 @@ TEST_F(ApiTest, ConfigInfoIsTheSameConstantEachTime) {
 }
 
 TEST_F(ApiTest, ErrorToStringKnowsTheWholeTableAndNothingElse) {
-    const char* const names[] = {"OK",
-                                 "FAIL",
-                                 "INVALID_REGEX",
-                                 "COMM_OK",
-                                 "COMM_SERVICE_EXISTS",
-                                 "COMM_NO_SERVICE",
-                                 "COMM_FAILED",
-                                 "RULE_NO_FOUND",
-                                 "WAITPID_FAILED",
-                                 "FORK_FAILED",
-                                 "FEATURE_ISNT_IMPLEMENTED"};
-    for (int code = 0; code <= 10; ++code) {
-        EXPECT_STREQ(names[code], SR_ErrorToString(code));
-        EXPECT_EQ(SR_ErrorToString(code), SR_ErrorToString(code));
+    for (const auto& row : kStatusNames) {
+        EXPECT_STREQ(row.name, SR_ErrorToString(row.value));
+        EXPECT_EQ(SR_ErrorToString(row.value), SR_ErrorToString(row.value));
     }
-    for (const int code : {11, -1, 2147483647, -2147483647 - 1}) {
-        EXPECT_STREQ("Unknown error", SR_ErrorToString(code));
+    for (const int status : kNamelessStatuses) {
+        EXPECT_STREQ("Unknown error", SR_ErrorToString(status)) << status;
     }
 }
 

@@ -10,8 +10,8 @@
 namespace {
 
 using test::AgentProcess;
+using test::kLimit;
 
-const int kLimit = 30000;
 const int kPoison = 0x5EED;
 
 class ForkTest : public test::BusTest {

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
+#include <filesystem>
 #include <thread>
 
 #include "AgentProcess.h"
@@ -16,6 +18,7 @@
 #include "Monitor.h"
 #include "PrivateBus.h"
 #include "Resources.h"
+#include "RunProgram.h"
 
 namespace {
 
@@ -38,6 +41,27 @@ TEST(HarnessTest, ADescriptorClosedTooMuchFailsTheTest) {
     listener.OnTestStart(ThisTest());
     closed.Close();
     EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), "descriptor gone: ");
+}
+
+TEST(HarnessTest, ADescriptorThatHasBecomeAnotherFileFailsTheTest) {
+    const test::Descriptor replaced(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const test::Descriptor other(open("/dev/zero", O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(replaced.Get(), 0);
+    ASSERT_GE(other.Get(), 0);
+    test::NothingLeftBehind listener(50);
+    listener.OnTestStart(ThisTest());
+    ASSERT_EQ(replaced.Get(), dup3(other.Get(), replaced.Get(), O_CLOEXEC));
+    const std::string left = "descriptor left: " + std::to_string(replaced.Get()) + " -> /dev/zero";
+    EXPECT_NONFATAL_FAILURE(listener.OnTestEnd(ThisTest()), left.c_str());
+}
+
+TEST(HarnessTest, ADescriptorWhoseFileHasAnotherPathIsTheSame) {
+    const std::string path = test::PrivateBus::Folder() + "/before";
+    const test::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_GE(file.Get(), 0);
+    const test::Resources before = test::Resources::Now();
+    ASSERT_EQ(0, std::rename(path.c_str(), (test::PrivateBus::Folder() + "/after").c_str()));
+    EXPECT_EQ("", before.Difference(test::Resources::Now()));
 }
 
 TEST(HarnessTest, AThreadLeftRunningFailsTheTest) {
@@ -134,6 +158,29 @@ TEST(HarnessTest, TheBusDiesWithTheProcessThatStartedIt) {
     // The orphan is not ours to reap, but its end can be seen.
     ASSERT_TRUE(test::WaitFor(bus.Get(), POLLIN, 30000));
     EXPECT_THROW(test::PlainConnection late, std::runtime_error);
+}
+
+TEST(HarnessTest, ARunRemovesItsOwnFolderAndThoseOfTheDead) {
+    const std::string base = test::PrivateBus::Folder() + "/tmp";
+    const pid_t dead = test::Fork([] { return 0; });
+    ASSERT_EQ(0, test::Reap(dead, test::kLimit));
+    const std::string living = "sentrel-bus-" + std::to_string(getpid()) + "-x";
+    std::filesystem::create_directories(base + "/sentrel-bus-" + std::to_string(dead) + "-x/rules");
+    std::filesystem::create_directory(base + "/" + living);
+    const test::Finished run =
+        test::RunProgram({"env", "TMPDIR=" + base, std::filesystem::read_symlink("/proc/self/exe"),
+                          "--gtest_filter=HarnessTest.TheBusCanBeStartedAgainAtItsAddress"});
+    EXPECT_EQ(0, run.exit) << run.output << run.errors;
+    EXPECT_TRUE(test::Holds(run.output, "[  PASSED  ] 1 test")) << run.output;
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(base)) {
+        left.push_back(entry.path().filename());
+    }
+    EXPECT_EQ(std::vector<std::string>{living}, left);
+}
+
+TEST(HarnessTest, AProgramThatCannotBeStartedIsSeen) {
+    EXPECT_EQ(99, test::RunProgram({"/no/such/program"}).exit);
 }
 
 TEST(HarnessTest, TheBusCanBeStartedAgainAtItsAddress) {

@@ -16,17 +16,6 @@ using test::Holds;
 using test::ReadJson;
 using test::RunCommand;
 
-const char kPolicy[] =
-    "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-    " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-    "<busconfig><type>system</type><listen>%ADDRESS%</listen><auth>EXTERNAL</auth>\n"
-    "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>\n"
-    "<allow send_type=\"method_call\"/><allow send_type=\"signal\"/>\n"
-    "<allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
-    "<allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
-    "<allow receive_type=\"method_call\"/><allow receive_type=\"method_return\"/>\n"
-    "<allow receive_type=\"error\"/><allow receive_type=\"signal\"/></policy>\n";
-
 const char kDenied[] =
     "<policy context=\"mandatory\"><deny send_destination=\"org.sentrel.sr_agent\"/></policy>\n";
 
@@ -85,7 +74,7 @@ TEST(DoctorTest, WithoutAnAgentItNamesTheUnit) {
 }
 
 TEST(DoctorTest, APolicyThatDeniesIsNamedWithWhatToDo) {
-    test::PrivateBus bus(std::string(kPolicy) + kDenied + "</busconfig>\n");
+    test::PrivateBus bus(test::PrivateBus::Configuration(kDenied));
     test::AgentProcess agent;
     const Finished finished = RunCommand({"--json", "doctor"});
     EXPECT_EQ(126, finished.exit);
@@ -125,11 +114,13 @@ TEST(DoctorTest, AnAgentThatTheBusStartsIsFound) {
     const std::string folder = test::PrivateBus::Folder();
     std::ofstream(folder + "/org.sentrel.sr_agent.service")
         << "[D-BUS Service]\nName=org.sentrel.sr_agent\nUser=root\nExec=" << SENTREL_SCRIPTED_AGENT
-        << " --address " << test::PrivateBus::Address() << " --text {\"rules\":1}\n";
-    test::PrivateBus bus(std::string(kPolicy) + "<servicedir>" + folder +
-                         "</servicedir></busconfig>\n");
+        << " --address " << test::PrivateBus::Address() << " --text '{\"rules\":1}'\n";
+    test::PrivateBus bus(
+        test::PrivateBus::Configuration("<servicedir>" + folder + "</servicedir>\n"));
     const Finished finished = RunCommand({"--json", "doctor"});
-    EXPECT_TRUE(Holds(States(finished.output), "bus=ok name=ok permission=ok")) << finished.output;
+    EXPECT_EQ(0, finished.exit);
+    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=ok'", States(finished.output))
+        << finished.output;
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ find_program(SENTREL_HEADER_CLANG clang)
 function(hygiene_test name script)
   add_test(NAME Hygiene.${name}
     COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/hygiene/${script} ${ARGN})
-  set_tests_properties(Hygiene.${name} PROPERTIES LABELS "unit;hygiene" TIMEOUT 60)
+  set_tests_properties(Hygiene.${name} PROPERTIES LABELS "unit;hygiene" TIMEOUT 120)
 endfunction()
 
 set(root ${CMAKE_SOURCE_DIR})
@@ -61,5 +61,5 @@ execute_process(COMMAND ${Python3_EXECUTABLE} -B ${checkers} --list
   OUTPUT_VARIABLE cases COMMAND_ERROR_IS_FATAL ANY)
 foreach(case IN LISTS cases)
   add_test(NAME HygieneChecker.${case} COMMAND ${Python3_EXECUTABLE} -B ${checkers} ${case})
-  set_tests_properties(HygieneChecker.${case} PROPERTIES LABELS "unit;hygiene" TIMEOUT 60)
+  set_tests_properties(HygieneChecker.${case} PROPERTIES LABELS "unit;hygiene" TIMEOUT 120)
 endforeach()

@@ -5,12 +5,6 @@
 
 namespace test {
 
-namespace {
-
-const int kLimit = 30000;  // milliseconds
-
-}  // namespace
-
 AgentProcess::AgentProcess(const std::vector<std::string>& options) : pid(-1) {
     std::vector<std::string> arguments = {SENTREL_SCRIPTED_AGENT, "--address",
                                           PrivateBus::Address(), "--ready",

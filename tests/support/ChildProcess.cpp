@@ -3,9 +3,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +35,15 @@ void DieWithParent(pid_t parent) {
     }
 }
 
+// `descriptor` takes the place of a standard one; none when it is negative.
+void Place(int descriptor, int standard) {
+    if (descriptor < 0) {
+        close(standard);
+    } else {
+        dup2(descriptor, standard);
+    }
+}
+
 struct Ends {
     Ends() {
         if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -56,6 +67,19 @@ void Descriptor::Close() {
 }
 
 Pipe::Pipe() : Pipe(Ends().ends) {}
+
+Pipe Pipe::Terminal() {
+    termios settings = {};
+    cfmakeraw(&settings);
+    int ends[2];
+    if (openpty(&ends[0], &ends[1], nullptr, &settings, nullptr) != 0) {
+        ThrowErrno("making a terminal");
+    }
+    for (const int end : ends) {
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+    }
+    return Pipe(ends);
+}
 
 std::string Pipe::ReadLine(int limit) {
     const Clock::time_point end = Clock::now() + std::chrono::milliseconds(limit);
@@ -82,8 +106,8 @@ std::string Pipe::ReadLine(int limit) {
     }
 }
 
-pid_t Spawn(const std::vector<std::string>& arguments, const std::vector<int>& kept,
-            int standardOutput) {
+pid_t Spawn(const std::vector<std::string>& arguments, const std::vector<int>& kept, int output,
+            int errors) {
     std::vector<char*> argv;
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -96,14 +120,13 @@ pid_t Spawn(const std::vector<std::string>& arguments, const std::vector<int>& k
     }
     if (pid == 0) {
         DieWithParent(parent);
-        if (standardOutput >= 0) {
-            dup2(standardOutput, STDOUT_FILENO);
-        }
+        Place(output, STDOUT_FILENO);
+        Place(errors, STDERR_FILENO);
         for (const int descriptor : kept) {
             fcntl(descriptor, F_SETFD, 0);
         }
         execvp(argv[0], argv.data());
-        _exit(127);
+        _exit(99);
     }
     return pid;
 }
@@ -123,6 +146,35 @@ bool WaitFor(int descriptor, short events, int limit) {
             return false;
         }
     }
+}
+
+std::string ReadAll(int descriptor) {
+    std::string all;
+    char buffer[65536];
+    for (;;) {
+        if (!WaitFor(descriptor, POLLIN, kLimit)) {
+            throw std::runtime_error("the output did not end in time");
+        }
+        // A terminal ends with an error.
+        const ssize_t count = read(descriptor, buffer, sizeof(buffer));
+        if (count <= 0) {
+            return all;
+        }
+        all.append(buffer, static_cast<std::size_t>(count));
+    }
+}
+
+std::string ReadReady(int descriptor) {
+    std::string all;
+    char buffer[65536];
+    while (WaitFor(descriptor, POLLIN, 0)) {
+        const ssize_t count = read(descriptor, buffer, sizeof(buffer));
+        if (count <= 0) {
+            break;
+        }
+        all.append(buffer, static_cast<std::size_t>(count));
+    }
+    return all;
 }
 
 int Reap(pid_t pid, int limit) {

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pipes and child programs of the tests. Failures are thrown as std::runtime_error.
+// Pipes, terminals and child programs of the tests. Failures are thrown as std::runtime_error.
 #ifndef SENTREL_TESTS_CHILDPROCESS_H
 #define SENTREL_TESTS_CHILDPROCESS_H
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace test {
+
+const int kLimit = 30000;  // milliseconds, for whatever must come
 
 // "WHAT: text of errno"
 [[noreturn]] void ThrowErrno(const std::string& what);
@@ -36,6 +39,9 @@ private:
 class Pipe {
 public:
     Pipe();
+    // A terminal in its place, written to as a program writes to one; it passes bytes on as they
+    // are.
+    static Pipe Terminal();
     int Reader() const { return reader.Get(); }
     int Writer() const { return writer.Get(); }
     void CloseWriter() { writer.Close(); }
@@ -50,13 +56,19 @@ private:
     std::string rest;
 };
 
-// Starts a program found by PATH, in which the listed descriptors stay open. It dies with the
-// thread that started it.
-pid_t Spawn(const std::vector<std::string>& arguments, const std::vector<int>& kept,
-            int standardOutput = -1);
+// Starts a program found by PATH, in which the listed descriptors stay open. `output` and `errors`
+// become its standard ones; negative: it has none. It dies with the thread that started it, and
+// ends with 99 when it cannot be started.
+pid_t Spawn(const std::vector<std::string>& arguments, const std::vector<int>& kept = {},
+            int output = STDOUT_FILENO, int errors = STDERR_FILENO);
 
 // Waits for a descriptor to have `events` of poll(2); false when the limit has passed.
 bool WaitFor(int descriptor, short events, int limit);
+
+// Everything until the end. Throws when kLimit has passed without any.
+std::string ReadAll(int descriptor);
+// What is there now.
+std::string ReadReady(int descriptor);
 
 // Waits for the child's end and reaps it; returns its wait status. Throws when the limit has
 // passed.

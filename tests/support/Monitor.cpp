@@ -4,6 +4,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "ChildProcess.h"
 #include "PrivateBus.h"
 
 namespace test {
@@ -11,8 +12,6 @@ namespace test {
 namespace {
 
 typedef std::chrono::steady_clock Clock;
-
-const int kLimit = 30000;  // milliseconds
 
 std::string Text(const char* value) {
     return value != nullptr ? value : "";

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -15,8 +16,6 @@
 namespace test {
 
 namespace {
-
-const int kStartLimit = 30000;  // milliseconds
 
 const char kHead[] =
     "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
@@ -46,14 +45,33 @@ const char kRaisedLimits[] =
 
 const char kNoRules[] = "  <limit name=\"max_match_rules_per_connection\">0</limit>\n";
 
-const char kTail[] = "</busconfig>\n";
+const char kFolderName[] = "sentrel-bus-";  // then the process's number, a dash, and anything
+
+// Removes the folders of processes that ended without removing them: killed, or by abort().
+void RemoveFoldersOfTheDead(const std::string& base) {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(base, ignored)) {
+        const std::string name = entry.path().filename();
+        const std::size_t start = std::strlen(kFolderName);
+        if (name.compare(0, start, kFolderName) != 0 ||
+            name.find('-', start) == std::string::npos) {
+            continue;
+        }
+        const pid_t pid = std::atoi(name.c_str() + start);
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH) {
+            std::filesystem::remove_all(entry.path(), ignored);
+        }
+    }
+}
 
 // The folder of this process; removed when the process that made it exits.
 class Home {
 public:
     Home() : owner(getpid()) {
-        const char* base = std::getenv("TMPDIR");
-        path = std::string(base != nullptr ? base : "/tmp") + "/sentrel-bus-XXXXXX";
+        const char* chosen = std::getenv("TMPDIR");
+        const std::string base(chosen != nullptr ? chosen : "/tmp");
+        RemoveFoldersOfTheDead(base);
+        path = base + "/" + kFolderName + std::to_string(owner) + "-XXXXXX";
         if (mkdtemp(path.data()) == nullptr || chmod(path.c_str(), 0755) != 0) {
             ThrowErrno("making a folder for the bus");
         }
@@ -81,14 +99,15 @@ const Home& TheHome() {
     return home;
 }
 
-std::string Configuration(PrivateBus::Limits limits) {
-    std::string text(kHead);
-    if (limits == PrivateBus::Limits::kRaised) {
-        text += kRaisedLimits;
-    } else if (limits == PrivateBus::Limits::kNoRules) {
-        text += kNoRules;
+const char* Text(PrivateBus::Limits limits) {
+    switch (limits) {
+        case PrivateBus::Limits::kRaised:
+            return kRaisedLimits;
+        case PrivateBus::Limits::kNoRules:
+            return kNoRules;
+        default:
+            return "";
     }
-    return text + kTail;
 }
 
 // The text as a descriptor that a child can open again.
@@ -104,7 +123,11 @@ Descriptor TextFile(const std::string& text) {
 
 }  // namespace
 
-PrivateBus::PrivateBus(Limits limits) : PrivateBus(Configuration(limits)) {}
+std::string PrivateBus::Configuration(const std::string& more) {
+    return kHead + more + "</busconfig>\n";
+}
+
+PrivateBus::PrivateBus(Limits limits) : PrivateBus(Configuration(Text(limits))) {}
 
 PrivateBus::PrivateBus(const std::string& text) : configuration(text), pid(-1) {
     const std::string mark("%ADDRESS%");
@@ -129,7 +152,7 @@ void PrivateBus::Start() {
                 {config.Get(), announced.Writer()});
     announced.CloseWriter();
     try {
-        const std::string line = announced.ReadLine(kStartLimit);
+        const std::string line = announced.ReadLine(kLimit);
         if (line.compare(0, Address().size(), Address()) != 0) {
             throw std::runtime_error("the bus listens at '" + line + "'");
         }

@@ -23,6 +23,8 @@ public:
     explicit PrivateBus(Limits limits = Limits::kRaised);
     // The same with a whole configuration text, in which %ADDRESS% stands for the address.
     explicit PrivateBus(const std::string& configuration);
+    // The text for kDefault, with more elements at its end.
+    static std::string Configuration(const std::string& more);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -33,7 +35,8 @@ public:
     pid_t Pid() const { return pid; }
 
     // The address of this process's bus, "unix:path=...", running or not. The first call makes the
-    // folder, which is removed at exit, and sets DBUS_SYSTEM_BUS_ADDRESS.
+    // folder, which is removed at exit, and sets DBUS_SYSTEM_BUS_ADDRESS. It also removes those
+    // of processes that have been killed.
     static const std::string& Address();
     // That folder; readable by everybody.
     static const std::string& Folder();

@@ -4,13 +4,16 @@
 #include <dirent.h>
 #include <malloc.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 namespace test {
 
@@ -36,13 +39,21 @@ std::vector<std::string> Entries(const std::string& folder) {
     return result;
 }
 
-std::vector<std::string> Descriptors() {
-    std::vector<std::string> result;
+std::vector<OpenFile> Descriptors() {
+    std::vector<OpenFile> result;
     for (const std::string& name : Entries("/proc/self/fd")) {
-        char target[256];
-        const ssize_t length = readlink(("/proc/self/fd/" + name).c_str(), target, sizeof(target));
-        result.push_back(name + " -> " +
-                         std::string(target, length > 0 ? static_cast<std::size_t>(length) : 0));
+        OpenFile file;
+        file.number = std::stoi(name);
+        struct stat status = {};
+        if (fstat(file.number, &status) != 0) {
+            continue;  // another thread has closed it
+        }
+        file.device = status.st_dev;
+        file.inode = status.st_ino;
+        char path[256];
+        const ssize_t length = readlink(("/proc/self/fd/" + name).c_str(), path, sizeof(path));
+        file.path.assign(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+        result.push_back(file);
     }
     std::sort(result.begin(), result.end());
     return result;
@@ -60,6 +71,17 @@ std::size_t Children() {
     return count;
 }
 
+// Those of `files` that `others` lacks.
+void DescribeFiles(std::ostream& out, const char* what, const std::vector<OpenFile>& files,
+                   const std::vector<OpenFile>& others) {
+    std::vector<OpenFile> found;
+    std::set_difference(files.begin(), files.end(), others.begin(), others.end(),
+                        std::back_inserter(found));
+    for (const OpenFile& file : found) {
+        out << "descriptor " << what << ": " << file.number << " -> " << file.path << "\n";
+    }
+}
+
 void DescribeCount(std::ostream& out, const char* what, std::size_t before, std::size_t after) {
     if (before != after) {
         out << what << ": " << before << " before, " << after << " after\n";
@@ -67,6 +89,11 @@ void DescribeCount(std::ostream& out, const char* what, std::size_t before, std:
 }
 
 }  // namespace
+
+bool operator<(const OpenFile& left, const OpenFile& right) {
+    return std::tie(left.number, left.device, left.inode) <
+           std::tie(right.number, right.device, right.inode);
+}
 
 bool UnderSanitizer() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -92,14 +119,8 @@ Resources Resources::Now() {
 
 std::string Resources::Difference(const Resources& after) const {
     std::ostringstream out;
-    std::vector<std::string> changed;
-    std::set_symmetric_difference(descriptors.begin(), descriptors.end(), after.descriptors.begin(),
-                                  after.descriptors.end(), std::back_inserter(changed));
-    for (const std::string& descriptor : changed) {
-        const bool isNew =
-            std::binary_search(after.descriptors.begin(), after.descriptors.end(), descriptor);
-        out << "descriptor " << (isNew ? "left: " : "gone: ") << descriptor << "\n";
-    }
+    DescribeFiles(out, "gone", descriptors, after.descriptors);
+    DescribeFiles(out, "left", after.descriptors, descriptors);
     DescribeCount(out, "threads", threads, after.threads);
     DescribeCount(out, "children", children, after.children);
     return out.str();

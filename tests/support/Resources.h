@@ -4,6 +4,7 @@
 #define SENTREL_TESTS_RESOURCES_H
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <string>
@@ -14,8 +15,18 @@ namespace test {
 // Whether a sanitizer stands in for the allocator, so that memory figures mean little.
 bool UnderSanitizer();
 
+// A descriptor and the file behind it. The path is for messages alone: in a mount namespace made
+// meanwhile, the same file may show another.
+struct OpenFile {
+    int number = -1;
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::string path;
+};
+bool operator<(const OpenFile& left, const OpenFile& right);
+
 struct Resources {
-    std::vector<std::string> descriptors;  // "NUMBER -> TARGET"
+    std::vector<OpenFile> descriptors;  // sorted
     std::size_t threads = 0;
     std::size_t children = 0;
 

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <memory>
 
+#include "Command.h"
 #include "Monitor.h"
 #include "PrivateBus.h"
 #include "Programs.h"
@@ -210,10 +211,10 @@ TEST_F(OperationsTest, ABusyFileSystemStaysMountedAndSaysSo) {
 
 TEST_F(OperationsTest, TheCommandMountsAndUnmountsToo) {
     const test::Finished mounted = test::RunCommand({"mount", "-t", "tmpfs", "test", place});
-    EXPECT_EQ(0, mounted.Exit()) << mounted.output << mounted.errors;
+    EXPECT_EQ(0, mounted.exit) << mounted.output << mounted.errors;
     EXPECT_EQ(kTmpfs, FileSystemOf(place));
     const test::Finished unmounted = test::RunCommand({"umount", place});
-    EXPECT_EQ(0, unmounted.Exit()) << unmounted.output << unmounted.errors;
+    EXPECT_EQ(0, unmounted.exit) << unmounted.output << unmounted.errors;
 }
 
 TEST_F(OperationsTest, ACallerWithoutRightsGetsTheToolsOutputButNoWayIntoRootsFiles) {

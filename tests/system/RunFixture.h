@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "Executor.h"
 #include "Skip.h"
 
@@ -64,20 +65,6 @@ inline bool WriteFile(const std::string& path, const std::string& text, mode_t m
     return chmod(path.c_str(), mode) == 0;
 }
 
-// What can be read without waiting.
-inline std::string Drain(int fd) {
-    std::string text;
-    char piece[65536];
-    for (;;) {
-        pollfd slot = {fd, POLLIN, 0};
-        const ssize_t count = poll(&slot, 1, 0) > 0 ? read(fd, piece, sizeof piece) : 0;
-        if (count <= 0) {
-            return text;
-        }
-        text.append(piece, static_cast<std::size_t>(count));
-    }
-}
-
 // Waits until `count` lines have come; empty after 20 s.
 inline std::string ReadLines(int fd, int count) {
     std::string text;
@@ -94,8 +81,7 @@ inline std::string ReadLines(int fd, int count) {
 }
 
 inline bool WaitEnd(int pidfd) {
-    pollfd slot = {pidfd, POLLIN, 0};
-    return poll(&slot, 1, 20000) == 1;
+    return test::WaitFor(pidfd, POLLIN, test::kLimit);
 }
 
 class PrivateDirectory {
@@ -191,7 +177,7 @@ protected:
         EXPECT_TRUE(RunUntil([&result] { return result.ends > 0; }));
         EXPECT_EQ(result.answers, 1);
         EXPECT_EQ(result.ends, 1);
-        result.output = Drain(pipe.reader.Get());
+        result.output = test::ReadReady(pipe.reader.Get());
         return result;
     }
 

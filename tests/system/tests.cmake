@@ -9,5 +9,5 @@ if(TARGET sentrel-agent)
 endif()
 if(TARGET sentrel-agent AND TARGET sentrel)
   sentrel_test(OperationsTest system/OperationsTest.cpp bus/Listener.cpp LIBRARY LABEL system
-    LIBS agent_support)
+    LIBS agent_support cli_support)
 endif()

@@ -10,6 +10,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "StatusNames.h"
+
 int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...);
 
 static int logged = 0;
@@ -71,28 +73,17 @@ static void CheckConfigInfo(void) {
 }
 
 static void CheckErrorTexts(void) {
-    static const char* const kTexts[] = {"OK",
-                                         "FAIL",
-                                         "INVALID_REGEX",
-                                         "COMM_OK",
-                                         "COMM_SERVICE_EXISTS",
-                                         "COMM_NO_SERVICE",
-                                         "COMM_FAILED",
-                                         "RULE_NO_FOUND",
-                                         "WAITPID_FAILED",
-                                         "FORK_FAILED",
-                                         "FEATURE_ISNT_IMPLEMENTED"};
-    static const int kOutside[] = {11, -1, INT_MAX, INT_MIN};
-    int code;
     size_t i;
-    for (code = 0; code <= SR_FEATURE_ISNT_IMPLEMENTED; ++code) {
-        Check(strcmp(SR_ErrorToString(code), kTexts[code]) == 0, SR_ErrorToString(code),
-              kTexts[code]);
-        Check(SR_ErrorToString(code) == SR_ErrorToString(code), "the same pointer", kTexts[code]);
+    for (i = 0; i < sizeof(kStatusNames) / sizeof(kStatusNames[0]); ++i) {
+        const char* name = kStatusNames[i].name;
+        const char* text = SR_ErrorToString(kStatusNames[i].value);
+        Check(kStatusNames[i].status == kStatusNames[i].value, "another value", name);
+        Check(strcmp(text, name) == 0, text, name);
+        Check(SR_ErrorToString(kStatusNames[i].value) == text, "the same pointer", name);
     }
-    for (i = 0; i < sizeof(kOutside) / sizeof(kOutside[0]); ++i) {
-        Check(strcmp(SR_ErrorToString(kOutside[i]), "Unknown error") == 0,
-              SR_ErrorToString(kOutside[i]), "outside the table");
+    for (i = 0; i < sizeof(kNamelessStatuses) / sizeof(kNamelessStatuses[0]); ++i) {
+        const char* text = SR_ErrorToString(kNamelessStatuses[i]);
+        Check(strcmp(text, "Unknown error") == 0, text, "outside the table");
     }
 }
 

@@ -17,7 +17,8 @@ sentrel_test(LogDlogTest unit/LogDlogTest.cpp unit/FakeSyslog.cpp
 add_executable(ApiHeaderTest unit/ApiHeaderTest.c)
 set_target_properties(ApiHeaderTest PROPERTIES C_EXTENSIONS OFF)
 target_link_libraries(ApiHeaderTest PRIVATE sentrel::client sentrel_warnings)
-target_include_directories(ApiHeaderTest PRIVATE ${CMAKE_BINARY_DIR}/include/sentrel)
+target_include_directories(ApiHeaderTest PRIVATE ${CMAKE_BINARY_DIR}/include/sentrel
+  ${CMAKE_CURRENT_SOURCE_DIR}/support)
 add_test(NAME ApiHeaderTest.TheHeaderIsC99AndNullArgumentsAreRefused COMMAND ApiHeaderTest)
 set_tests_properties(ApiHeaderTest.TheHeaderIsC99AndNullArgumentsAreRefused PROPERTIES
   LABELS unit TIMEOUT 60)
@@ -26,7 +27,8 @@ set_tests_properties(ApiHeaderTest.TheHeaderIsC99AndNullArgumentsAreRefused PROP
 sentrel_test(MainLoopTest unit/MainLoopTest.cpp unit/FakePoll.cpp LABEL unit-threads)
 # Not under the thread sanitizer: its handlers take the loop's two locks in either order, which one
 # thread may, and the sanitizer cannot tell that there is only one.
-sentrel_test(MainLoopRandomTest unit/MainLoopRandomTest.cpp unit/FakePoll.cpp LABEL unit)
+sentrel_test(MainLoopRandomTest unit/MainLoopRandomTest.cpp unit/FakePoll.cpp
+  LABEL unit-histories)
 
 sentrel_test(DBusMessageTest unit/DBusMessageTest.cpp LABEL unit-threads)
 sentrel_test(InterfaceTest unit/InterfaceTest.cpp LABEL unit)
