@@ -73,7 +73,7 @@ std::vector<std::string> PermissionAdvice(const Person& person) {
         if (!person.groupExists) {
             advice.push_back("groupadd --system " + std::string(kGroup));
         }
-        advice.push_back("usermod -aG " + std::string(kGroup) + " " + Quote(person.name));
+        advice.push_back("usermod -aG " + std::string(kGroup) + " " + JoinQuoted({person.name}));
         advice.emplace_back("log out and in again");
         return advice;
     }

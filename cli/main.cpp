@@ -2,10 +2,12 @@
 // sentrel: the command. Asks the agent to carry an operation out and ends as the tool ended, or
 // asks it about itself. Here the words of the command line are told apart.
 #include <getopt.h>
+#include <sentrel/Arguments.h>
 #include <sentrel/SR_API.h>
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 
 #include "Ask.h"
 #include "Doctor.h"
@@ -87,9 +89,9 @@ typedef int (*Use)(const cli::Operation&, const std::string&, const cli::Options
 // The text is used once it is sure that the bus will carry it.
 int Send(const cli::Operation& operation, const std::string& text, Use use,
          const cli::Options& options) {
-    if (text.size() > cli::kMostBytes) {
+    if (text.size() > sentrel::Arguments::kMostBytes) {
         return UsageError(std::string(operation.name) + ": the words make more than " +
-                          std::to_string(cli::kMostBytes) + " bytes of text");
+                          std::to_string(sentrel::Arguments::kMostBytes) + " bytes of text");
     }
     return use(operation, text, options);
 }
@@ -158,10 +160,10 @@ const Command* FindCommand(const std::string& name) {
     return nullptr;
 }
 
-enum class Go { kOn, kPrintHelp, kPrintVersion, kWrong };
-
-// Reads options up to the first word that is none.
-Go ReadOptions(int argc, char** argv, cli::Options& read) {
+// Reads options up to the first word that is none. An exit status when there is nothing more to do;
+// `place` begins the message about a wrong one.
+std::optional<int> ReadOptions(int argc, char** argv, const std::string& place,
+                               cli::Options& read) {
     enum { kJson = 1, kRaw, kTrace, kHelpAsked, kVersion };
     const option options[] = {{"json", no_argument, nullptr, kJson},
                               {"raw", no_argument, nullptr, kRaw},
@@ -186,51 +188,38 @@ Go ReadOptions(int argc, char** argv, cli::Options& read) {
                 cli::SetTrace(true);
                 break;
             case kHelpAsked:
-                return Go::kPrintHelp;
+                return PrintHelp();
             case kVersion:
-                return Go::kPrintVersion;
+                return PrintVersion(read);
             default:
-                return Go::kWrong;
+                return UsageError(place + "wrong option");
         }
     }
-    return Go::kOn;
+    return std::nullopt;
 }
 
 // `argv` is what follows the options, the command's name first.
 int RunCommand(const Command& command, int argc, char** argv, cli::Options& options) {
     // Options may also follow a command of our own.
     optind = 1;
-    switch (ReadOptions(argc, argv, options)) {
-        case Go::kOn:
-            break;
-        case Go::kPrintHelp:
-            return PrintHelp();
-        case Go::kPrintVersion:
-            return PrintVersion(options);
-        case Go::kWrong:
-            return UsageError(std::string(command.name) + ": wrong option");
+    const std::string place = std::string(command.name) + ": ";
+    if (const std::optional<int> ended = ReadOptions(argc, argv, place, options)) {
+        return *ended;
     }
     const std::vector<std::string> words(argv + optind, argv + argc);
     if (command.withWords != nullptr) {
         return command.withWords(words, options);
     }
     if (!words.empty()) {
-        return UsageError(std::string(command.name) + ": no word is expected");
+        return UsageError(place + "no word is expected");
     }
     return command.alone(options);
 }
 
 int Run(int argc, char** argv) {
     cli::Options options;
-    switch (ReadOptions(argc, argv, options)) {
-        case Go::kOn:
-            break;
-        case Go::kPrintHelp:
-            return PrintHelp();
-        case Go::kPrintVersion:
-            return PrintVersion(options);
-        case Go::kWrong:
-            return UsageError("wrong option");
+    if (const std::optional<int> ended = ReadOptions(argc, argv, "", options)) {
+        return *ended;
     }
     argc -= optind;
     argv += optind;

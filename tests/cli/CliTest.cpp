@@ -119,7 +119,7 @@ TEST_F(CliTest, EachOperationReachesItsAgentWithItsQuotedWords) {
         {"rmmod", "sr_rmmod"},           {"systemctl", "sr_systemctl"}};
     for (const auto& entry : expected) {
         EXPECT_EQ(0, RunCommand({entry.first, "--json", "it's", "a b", "", "\xc3\xa4"}).exit);
-        EXPECT_EQ(std::string(entry.second) + " --json 'it'\\''s' 'a b' '' \xc3\xa4",
+        EXPECT_EQ(std::string(entry.second) + " --json 'it'\\''s' 'a b' '' '\xc3\xa4'",
                   agent.NextReport());
         EXPECT_EQ(0, RunCommand({"raw", entry.first, "-x 'a b"}).exit);
         EXPECT_EQ(std::string(entry.second) + " -x 'a b", agent.NextReport());

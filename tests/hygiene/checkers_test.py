@@ -94,7 +94,8 @@ def AnAgentThatReachesIntoTheLibraryIsRefused(root):
 
 
 def ACommandThatReachesPastTheCInterfaceIsRefused(root):
-    write(root, {"cli/main.cpp": "#include <sentrel/SR_API.h>\n#include <sentrel/SR_Status.h>\n"})
+    write(root, {"cli/main.cpp": "#include <sentrel/SR_API.h>\n#include <sentrel/SR_Status.h>\n"
+                                 "#include <sentrel/Arguments.h>\n"})
     expect(0, "1 files read", "includes.py", "cli", root / "cli")
     write(root, {"cli/main.cpp": "#include <sentrel/SR_DBusProxy.h>\n"})
     expect(1, "main.cpp:1", "includes.py", "cli", root / "cli")

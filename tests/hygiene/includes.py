@@ -4,8 +4,9 @@
 
 includes.py library DIR INSTALLED...   DIR is service/src; INSTALLED are the installed headers
 includes.py agent DIR                  only <sentrel/...> and its own files
-includes.py cli DIR                    only <sentrel/SR_API.h>, <sentrel/SR_Status.h> and its own,
-                                       and <sentrel/sentrel.h> in Control.cpp alone
+includes.py cli DIR                    only <sentrel/SR_API.h>, <sentrel/SR_Status.h>,
+                                       <sentrel/Arguments.h> and its own, and <sentrel/sentrel.h>
+                                       in Control.cpp alone
 
 Prints each include that is not allowed and ends with 1 when there is one.
 """
@@ -25,7 +26,8 @@ ALLOWED = {
     "status": set(),
 }
 UMBRELLA = "sentrel.h"  # exists to include every installed header, so it may reach every folder
-CLI_HEADERS = {"sentrel/SR_API.h", "sentrel/SR_Status.h"}
+# Arguments.h is header-only and stands on SR_API.h: with it, the command quotes words as any caller.
+CLI_HEADERS = {"sentrel/SR_API.h", "sentrel/SR_Status.h", "sentrel/Arguments.h"}
 CLI_BUS_FILE, CLI_BUS_HEADER = "Control.cpp", "sentrel/sentrel.h"
 
 

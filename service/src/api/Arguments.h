@@ -65,7 +65,8 @@ public:
         return true;
     }
 
-private:
+    // One word as the agent reads it back, the word itself where nothing needs quoting. Unlike
+    // Add(), this refuses nothing.
     static std::string Quote(const std::string& word) {
         static const char kPlain[] =
             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=.,:/@%";
@@ -83,6 +84,7 @@ private:
         return quoted + "'";
     }
 
+private:
     static unsigned long Byte(const std::string& bytes, std::size_t at) {
         return static_cast<unsigned char>(bytes[at]);
     }
