@@ -135,11 +135,17 @@ TEST(ArgumentsTest, AsManyWordsAsTheAgentTakes) {
 
 TEST(ArgumentsTest, AsManyBytesAsTheAgentTakes) {
     Arguments arguments;
-    EXPECT_THROW(arguments.Add(std::string(Arguments::kMostBytes, 'x')), std::length_error);
-    arguments.Add(std::string(Arguments::kMostBytes - 1, 'x'));
+    EXPECT_THROW(arguments.Add(std::string(Arguments::kMostBytes + 1, 'x')), std::length_error);
+    arguments.Add(std::string(Arguments::kMostBytes, 'x'));
+    EXPECT_THROW(arguments.Add("x"), std::length_error);
     List found;
     EXPECT_TRUE(Split(arguments.Text(), found));
-    EXPECT_FALSE(Split(arguments.Text() + "xx", found));
+    EXPECT_FALSE(Split(arguments.Text() + "x", found));
+
+    Arguments two({"x"});
+    EXPECT_THROW(two.Add(std::string(Arguments::kMostBytes - 1, 'x')), std::length_error);
+    two.Add(std::string(Arguments::kMostBytes - 2, 'x'));
+    EXPECT_EQ(Arguments::kMostBytes, two.Text().size());
 }
 
 }  // namespace

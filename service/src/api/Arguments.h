@@ -40,11 +40,11 @@ public:
         if (!IsText(word)) {
             throw std::invalid_argument("a word is not UTF-8 or holds a control character");
         }
-        const std::string quoted = Quote(word);
-        if (count == kMostWords || text.size() + 1 + quoted.size() > kMostBytes) {
+        const std::string piece = (count == 0 ? "" : " ") + Quote(word);
+        if (count == kMostWords || text.size() + piece.size() > kMostBytes) {
             throw std::length_error("there are too many words");
         }
-        text += (count == 0 ? "" : " ") + quoted;
+        text += piece;
         ++count;
         return *this;
     }
