@@ -10,13 +10,12 @@ cd "$(dirname "$0")/.."
 out=${1:-build/packages}
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
-# Empty cells are profiles, versions and architectures, which are left out of the names.
-needed=$(sed -n '/^Build-Depends:/,/^[A-Z][a-z-]*:/p' debian/control | tr ',' '\n' |
-    sed -n 's/^\(Build-Depends:\)\{0,1\} *\([a-z][a-z0-9.+-]*\).*/\2/p' |
-    sed -e 's/^debhelper-compat$/debhelper/' -e '/^dh-sequence-installsysusers$/d' \
-        -e 's/^dh-sequence-python3$/dh-python/' -e 's/^python3$/python3/')
-# shellcheck disable=SC2086
-need_packages $needed build-essential fakeroot lintian
+need_packages build-essential fakeroot lintian
+if ! dpkg-checkbuilddeps 2>/dev/null; then
+    as_root apt-get update -q
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get build-dep -q -y --no-install-recommends ./
+fi
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
