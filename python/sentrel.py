@@ -60,6 +60,7 @@ class Outcome(NamedTuple):
 class Error(Exception):
     """The operation was refused, failed, or did not reach the agent.
 
+    `operation` is the name of the function that was called, such as "mount_cifs".
     `status` is a Status, or an int when the agent answered with a value that is none. `reason` is
     the agent's own line about it, when there is one.
     """
@@ -161,7 +162,7 @@ def _call(operation: str, words: tuple[str, ...], descriptor: Optional[int]) -> 
         if collector:
             output = collector.finish()
     if status != Status.OK:
-        raise Error(operation, status, output.decode("utf-8", "replace").strip())
+        raise Error(operation.lower(), status, output.decode("utf-8", "replace").strip())
     return Outcome(result.value, output)
 
 

@@ -67,7 +67,8 @@ class PythonModule(unittest.TestCase):
             with self.answering("--text", f"{status} 0"):
                 with self.assertRaises(sentrel.Error) as caught:
                     sentrel.rmmod("x")
-            self.assertEqual(status, caught.exception.status)
+            self.assertEqual(("rmmod", status),
+                             (caught.exception.operation, caught.exception.status))
             self.assertIsInstance(caught.exception.status, sentrel.Status)
             self.assertIn(sentrel.Status(status).name, str(caught.exception))
 
