@@ -56,6 +56,9 @@ Step NameStep(const Findings& findings) {
     if (findings.owned) {
         return Good("name", "org.sentrel.sr_agent is owned");
     }
+    if (IsError(findings.probe, "AccessDenied")) {
+        return Unknown("name", "nobody owns it; the bus starts the agent for those who may send");
+    }
     const std::string why = findings.probe.error.empty() ? "" : ": " + findings.probe.text;
     return Step{"name",
                 State::kFailed,
@@ -80,7 +83,9 @@ std::vector<std::string> PermissionAdvice(const Person& person) {
     const std::string policy =
         person.root ? "<policy user=\"root\"><allow send_destination=\"org.sentrel.sr_agent\"/>"
                     : "<policy group=\"sentrel\"><allow send_destination=\"org.sentrel.sr_agent\" "
-                      "send_interface=\"org.sentrel.sr_agent\"/>";
+                      "send_interface=\"org.sentrel.sr_agent\"/><allow "
+                      "send_destination=\"org.sentrel.sr_agent\" "
+                      "send_interface=\"org.sentrel.sr_agent.Control1\"/>";
     return {std::string("add within <busconfig> of ") + kPolicyFile + ": " + policy + "</policy>",
             "systemctl reload dbus"};
 }

@@ -83,10 +83,10 @@ TEST(DiagnosisTest, ANameThatNobodyOwnsAsksForTheUnit) {
     EXPECT_EQ(127, steps[1].exit);
 }
 
-TEST(DiagnosisTest, AnActivationThatIsDeniedShowsBoth) {
+TEST(DiagnosisTest, AnActivationThatIsDeniedIsAMatterOfThePermission) {
     Findings findings;
     findings.probe = {Error("AccessDenied"), "rejected"};
-    EXPECT_EQ("gffuu", States(Diagnose(findings, Ann(), "")));
+    EXPECT_EQ("gufuu", States(Diagnose(findings, Ann(), "")));
 }
 
 TEST(DiagnosisTest, WhoIsNotInTheGroupIsToldToJoinIt) {
@@ -117,7 +117,9 @@ TEST(DiagnosisTest, AMemberIsShownThePolicysLine) {
     person.member = true;
     EXPECT_EQ(Lines({"add within <busconfig> of /etc/dbus-1/system.d/org.sentrel.sr_agent.conf: "
                      "<policy group=\"sentrel\"><allow send_destination=\"org.sentrel.sr_agent\" "
-                     "send_interface=\"org.sentrel.sr_agent\"/></policy>",
+                     "send_interface=\"org.sentrel.sr_agent\"/>"
+                     "<allow send_destination=\"org.sentrel.sr_agent\" "
+                     "send_interface=\"org.sentrel.sr_agent.Control1\"/></policy>",
                      "systemctl reload dbus"}),
               AdviceWhenDenied(person));
 }
