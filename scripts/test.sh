@@ -165,7 +165,8 @@ release_stage() {
 
 common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev
     libgtest-dev dbus-daemon python3 binutils clang"
-full="clang-format clang-tidy cppcheck gcovr util-linux mount e2fsprogs mandoc man-db doxygen"
+full="clang-format clang-tidy cppcheck gcovr util-linux mount e2fsprogs mandoc man-db doxygen
+    abigail-tools systemd"
 
 mkdir -p "$logs"
 # The package lists are lists of words.
