@@ -13,63 +13,23 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+
+#include "MountTable.h"
 
 namespace agent {
 
 namespace {
 
-struct Mount {
-    std::uint64_t id = 0;
-    std::uint64_t parent = 0;
-    std::string point;
-    std::string options;
-};
-
-// mountinfo writes blanks, tabs, newlines and backslashes as \ooo.
-std::string Unescape(const std::string& text) {
-    std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size()) {
-            plain += static_cast<char>(((text[i + 1] - '0') << 6) | ((text[i + 2] - '0') << 3) |
-                                       (text[i + 3] - '0'));
-            i += 3;
-        } else {
-            plain += text[i];
-        }
-    }
-    return plain;
-}
-
-bool MountId(int fd, std::uint64_t& id) {
-    struct statx found = {};
-    if (statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &found) != 0 ||
-        (found.stx_mask & STATX_MNT_ID) == 0) {
-        return false;
-    }
-    id = found.stx_mnt_id;
-    return true;
-}
-
 // The mount that stands on the pinned directory, else (after a remount) the one whose root it is.
 // Found by the ids of mounts: a path could lead elsewhere by now.
-bool FindMount(int directory, Mount& found, bool& isNew) {
+bool FindMount(int directory, MountEntry& found, bool& isNew) {
     std::uint64_t id = 0;
     const std::string path = PathOf(directory);
     if (path.empty() || !MountId(directory, id)) {
         return false;
     }
     bool any = false;
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        Mount entry;
-        std::string device;
-        std::string root;
-        fields >> entry.id >> entry.parent >> device >> root >> entry.point >> entry.options;
-        entry.point = Unescape(entry.point);
+    for (const MountEntry& entry : ReadMounts()) {
         if (entry.point != path || (entry.parent != id && entry.id != id)) {
             continue;
         }
@@ -100,7 +60,7 @@ std::uint64_t Attribute(const std::string& flag) {
 }
 
 // The flags first, for those who stand in it already: an unmounting does not reach them.
-bool Unmount(const Mount& mount, const std::vector<std::string>& flags) {
+bool TakeBack(const MountEntry& mount, const std::vector<std::string>& flags) {
     const std::size_t slash = mount.point.rfind('/');
     const std::string name = mount.point.substr(slash + 1);
     bool closed = true;
@@ -145,7 +105,7 @@ bool IsDescribed(const struct stat& node, const std::vector<std::string>& argv, 
 
 bool CheckMount(const PinnedPath& pinned, const std::vector<std::string>& flags, bool toolSucceeded,
                 std::string& reason) {
-    Mount mount;
+    MountEntry mount;
     bool isNew = false;
     const bool found = FindMount(pinned.object.Get(), mount, isNew);
     if (!toolSucceeded && (!found || !isNew)) {
@@ -163,7 +123,7 @@ bool CheckMount(const PinnedPath& pinned, const std::vector<std::string>& flags,
     }
     reason =
         pinned.pin.path + ": was mounted without " + *missing +
-        (Unmount(mount, flags) ? "; it is unmounted again" : "; it could not be unmounted again");
+        (TakeBack(mount, flags) ? "; it is unmounted again" : "; it could not be unmounted again");
     return false;
 }
 

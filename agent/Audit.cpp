@@ -149,6 +149,12 @@ std::string Audit::Redact(const std::string& word, bool split) {
     return split ? word.substr(0, from + 1) + "***" : "***";
 }
 
+bool Audit::HidesSome(const AuditRequest& request) {
+    return std::any_of(
+        request.arguments.begin(), request.arguments.end(),
+        [&request](const std::string& word) { return Redact(word, request.split) != word; });
+}
+
 void Audit::Write(const std::string& line) {
     if (out != nullptr) {
         *out << "sentrel-agent: " << line << std::endl;

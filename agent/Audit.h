@@ -53,6 +53,8 @@ public:
     static std::string Quote(const std::string& text, std::size_t cap);
     // The word with what follows the name of a password replaced by "***".
     static std::string Redact(const std::string& word, bool split);
+    // Whether a request's arguments hold what a line does not show.
+    static bool HidesSome(const AuditRequest& request);
 
 private:
     void Write(const std::string& line);

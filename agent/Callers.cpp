@@ -1,93 +1,116 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Callers.h"
 
-#include <limits.h>
 #include <sentrel/SR_DBusCredentials.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cstdint>
+#include <list>
 #include <map>
+#include <vector>
 
 namespace agent {
 
-namespace {
-
-std::string ExecutableOf(pid_t pid) {
-    char path[PATH_MAX];
-    const ssize_t length =
-        readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), path, sizeof path);
-    return length > 0 && length < static_cast<ssize_t>(sizeof path)
-               ? std::string(path, static_cast<std::size_t>(length))
-               : std::string();
-}
-
-}  // namespace
-
 struct Callers::Table {
-    struct Entry {
-        std::string sender;
+    typedef std::chrono::steady_clock Clock;
+
+    struct Waiter {
         Known known;
+        Unknown unknown;
+    };
+    struct Question {
+        std::uint64_t id = 0;
+        std::vector<Waiter> waiters;
+    };
+    struct Answer {
+        Caller caller;
+        Clock::time_point until;
     };
 
     explicit Table(const CallerLimits& callerLimits) : limits(callerLimits) {}
 
-    void Erase(std::uint64_t id) {
-        const auto entry = entries.find(id);
-        if (entry == entries.end()) {
-            return;
+    // Who waited for this question; it is over. None when it was over before.
+    std::vector<Waiter> Close(const std::string& sender, std::uint64_t id) {
+        const auto question = questions.find(sender);
+        if (question == questions.end() || question->second.id != id) {
+            return {};
         }
-        const auto count = counts.find(entry->second.sender);
-        if (--count->second == 0) {
-            counts.erase(count);
+        std::vector<Waiter> waiters = std::move(question->second.waiters);
+        waiting -= waiters.size();
+        questions.erase(question);
+        return waiters;
+    }
+
+    // Null when nothing is known, or not lately.
+    const Caller* Find(const std::string& sender) {
+        const Clock::time_point now = Clock::now();
+        answers.remove_if([now](const Answer& answer) { return answer.until <= now; });
+        const auto found = std::find_if(
+            answers.begin(), answers.end(),
+            [&sender](const Answer& answer) { return answer.caller.busName == sender; });
+        if (found == answers.end()) {
+            return nullptr;
         }
-        const Entry kept = std::move(entry->second);
-        entries.erase(entry);
+        answers.splice(answers.begin(), answers, found);
+        return &answers.front().caller;
+    }
+
+    void Keep(const Caller& caller) {
+        answers.push_front(Answer{caller, Clock::now() + limits.keep});
+        if (answers.size() > limits.kept) {
+            answers.pop_back();
+        }
     }
 
     CallerLimits limits;
     std::uint64_t lastId = 0;
-    std::map<std::uint64_t, Entry> entries;
-    std::map<std::string, std::size_t> counts;
+    std::size_t waiting = 0;
+    std::map<std::string, Question> questions;
+    std::list<Answer> answers;  // the last used first
 };
 
 // Lives in libdbus until the bus has answered; the table may be gone by then.
 class Callers::Reply : public sentrel::BaseCallback<void, const sentrel::SR_DBusCredentials*> {
 public:
-    Reply(const std::shared_ptr<Table>& callers, std::uint64_t number)
-        : table(callers), id(number) {}
+    Reply(const std::shared_ptr<Table>& callers, const std::string& busName, std::uint64_t number)
+        : table(callers), sender(busName), id(number) {}
     Reply(const Reply&) = delete;
     Reply& operator=(const Reply&) = delete;
     ~Reply() override {
         if (const std::shared_ptr<Table> kept = table.lock()) {
-            kept->Erase(id);
+            (void)kept->Close(sender, id);
         }
     }
 
     void call(const sentrel::SR_DBusCredentials* credentials) const override {
         const std::shared_ptr<Table> kept = table.lock();
-        if (!kept || credentials == nullptr) {
+        if (!kept) {
             return;
         }
-        const auto entry = kept->entries.find(id);
-        if (entry == kept->entries.end()) {
+        const std::vector<Table::Waiter> waiters = kept->Close(sender, id);
+        if (credentials == nullptr) {
+            for (const Table::Waiter& waiter : waiters) {
+                waiter.unknown("the bus does not know the caller");
+            }
             return;
         }
         Caller caller;
-        caller.busName = entry->second.sender;
+        caller.busName = sender;
         caller.groups = credentials->GetGroups();
         (void)credentials->GetUid(caller.uid);
         if (!credentials->GetPid(caller.pid) || caller.pid < 0) {
             caller.pid = 0;
         }
-        caller.executable = caller.pid > 0 ? ExecutableOf(caller.pid) : "";
-        const Known known = entry->second.known;
-        kept->Erase(id);
-        known(caller);
+        kept->Keep(caller);
+        for (const Table::Waiter& waiter : waiters) {
+            waiter.known(caller);
+        }
     }
 
 private:
     std::weak_ptr<Table> table;
+    std::string sender;
     std::uint64_t id;
 };
 
@@ -96,19 +119,32 @@ Callers::Callers(sentrel::SR_DBusConnection& bus, const CallerLimits& limits)
 
 Callers::~Callers() {}
 
-bool Callers::Ask(const std::string& sender, const Known& known) {
-    const auto count = table->counts.find(sender);
-    if (table->entries.size() >= table->limits.all ||
-        (count != table->counts.end() && count->second >= table->limits.ofOne)) {
-        return false;
+void Callers::Ask(const std::string& sender, const Known& known, const Unknown& unknown) {
+    const CallerLimits& limits = table->limits;
+    if (const Caller* lately = table->Find(sender)) {
+        known(Caller(*lately));
+        return;
+    }
+    const auto open = table->questions.find(sender);
+    const bool asked = open != table->questions.end();
+    if (table->waiting >= limits.waiting || (!asked && table->questions.size() >= limits.all) ||
+        (asked && open->second.waiters.size() >= limits.ofOne)) {
+        unknown("too many callers wait to be known");
+        return;
+    }
+    ++table->waiting;
+    if (asked) {
+        open->second.waiters.push_back({known, unknown});
+        return;
     }
     const std::uint64_t id = ++table->lastId;
-    table->entries[id] = Table::Entry{sender, known};
-    ++table->counts[sender];
-    // On failure the slot goes, and the entry with it.
-    return sentrel::SR_DBusCredentials::Ask(connection, sender,
-                                            sentrel::Slot<void, const sentrel::SR_DBusCredentials*>(
-                                                boost::make_shared<Reply>(table, id)));
+    table->questions[sender] = Table::Question{id, {{known, unknown}}};
+    const sentrel::Slot<void, const sentrel::SR_DBusCredentials*> reply(
+        boost::make_shared<Reply>(table, sender, id));
+    if (!sentrel::SR_DBusCredentials::Ask(connection, sender, reply)) {
+        (void)table->Close(sender, id);
+        unknown("the bus cannot be asked about the caller");
+    }
 }
 
 }  // namespace agent

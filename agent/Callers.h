@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who stands behind a bus name, asked of the bus without waiting, and only so many at a time.
+// Who stands behind a bus name, asked of the bus without waiting. Every question that is open makes
+// the reading of each message slower, so there is only one for a name, only so many for all, and
+// the bus's last answers are kept for a moment: a name belongs to one connection for ever, and what
+// the bus says of it does not change.
 //
 // Ownership: what is to be called is kept here until the bus has answered; the destructor calls
 // nothing. The connection is not owned and must outlive the object.
@@ -9,6 +12,7 @@
 
 #include <sentrel/SR_DBusConnection.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,22 +22,26 @@
 namespace agent {
 
 struct CallerLimits {
-    std::size_t ofOne = 64;  // questions about one name that wait for the bus
-    std::size_t all = 2048;
+    std::size_t ofOne = 64;      // who wait for the answer about one name
+    std::size_t waiting = 2048;  // who wait for any
+    std::size_t all = 256;       // open questions to the bus
+    std::size_t kept = 64;       // answers; the ones not used longest go first
+    std::chrono::milliseconds keep{5000};
 };
 
 class Callers {
 public:
     typedef std::function<void(const Caller&)> Known;
+    typedef std::function<void(const std::string& reason)> Unknown;
 
     explicit Callers(sentrel::SR_DBusConnection& bus, const CallerLimits& limits = CallerLimits());
     ~Callers();
     Callers(const Callers&) = delete;
     Callers& operator=(const Callers&) = delete;
 
-    // Calls `known` later, once, unless the bus does not say: then it is dropped. False, and it is
-    // dropped at once, when too many wait.
-    bool Ask(const std::string& sender, const Known& known);
+    // Calls one of the two once, at once or later; neither when the connection goes first. The
+    // caller's executable is left empty.
+    void Ask(const std::string& sender, const Known& known, const Unknown& unknown);
 
 private:
     class Reply;

@@ -23,10 +23,12 @@
 #include <vector>
 
 #include "Aftercheck.h"
+#include "Credentials.h"
 #include "OwnedFd.h"
 #include "Pidfd.h"
 #include "Pinning.h"
 #include "Signals.h"
+#include "Unmount.h"
 
 namespace agent {
 
@@ -183,10 +185,17 @@ private:
 
     bool OpenSecret(ChildReport& report, std::string& reason) {
         std::string text = plan.secret;
-        if (!plan.secretFile.empty() && !ReadSecretFile(text)) {
+        if (!plan.secretFile.empty()) {
+            std::string content;
+            Credentials credentials;
             report.status = SR_RULE_NO_FOUND;
             reason = "the file with the secret cannot be read as the caller's own";
-            return false;
+            if (!ReadSecretFile(content) || !ReadCredentials(content, credentials, reason)) {
+                return false;
+            }
+            AddOption("user", credentials.user);
+            AddOption("domain", credentials.domain);
+            text = credentials.password;
         }
         if (text.empty()) {
             return true;
@@ -200,6 +209,23 @@ private:
         secret.Reset(ends[0]);
         const OwnedFd writer(ends[1]);
         return write(writer.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    }
+
+    // Before all other options, so that what is forced stays the last word; not where it is given.
+    void AddOption(const std::string& key, const std::string& value) {
+        const auto end = std::find(arguments.begin(), arguments.end(), "--");
+        auto list = std::find(arguments.begin(), end, "-o");
+        if (value.empty()) {
+            return;
+        }
+        if (list == end || list + 1 == end) {
+            arguments.insert(arguments.begin() + 1, {"-o", key + "=" + value});
+            return;
+        }
+        ++list;
+        if (("," + *list).find("," + key + "=") == std::string::npos) {
+            *list = key + "=" + value + "," + *list;
+        }
     }
 
     // With the caller's file-system ids and groups for the time of the opening.
@@ -236,7 +262,7 @@ private:
             found.st_uid != caller.uid) {
             return false;
         }
-        char content[kLongestSecret];
+        char content[kLargestCredentials + 1];  // one more than may be there
         const ssize_t count = read(file.Get(), content, sizeof content);
         if (count <= 0) {
             return false;
@@ -293,6 +319,11 @@ private:
         const std::vector<char*> argv = Pointers(arguments);
         const std::vector<char*> envp = Pointers(environment);
         BlockSignals(false);
+        const PinnedPath* mounted = MountPoint();
+        if (ready && mounted != nullptr) {
+            (void)close(failure);  // as an exec would
+            _exit(Unmount(*mounted, plan.argv));
+        }
         LimitTool(plan.agent);
         if (ready) {
             (void)execve(argv[0], argv.data(), envp.data());
@@ -300,6 +331,14 @@ private:
         const int error = errno;
         (void)!write(failure, &error, sizeof error);
         _exit(127);
+    }
+
+    // What is to be unmounted, which no tool is trusted with; null when nothing is.
+    const PinnedPath* MountPoint() const {
+        const auto found = std::find_if(pinned.begin(), pinned.end(), [](const PinnedPath& path) {
+            return path.pin.kind == Pin::kMountPoint;
+        });
+        return found == pinned.end() ? nullptr : &*found;
     }
 
     static std::vector<char*> Pointers(std::vector<std::string>& texts) {

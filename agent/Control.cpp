@@ -14,18 +14,22 @@ Control::Control(Requests& agentRequests, const RuleStore& ruleStore, const Relo
       reload(reloader),
       started(std::chrono::steady_clock::now()) {}
 
-void Control::Answer(const Question& question, const Caller& caller, TextReply& reply) {
+void Control::Answer(const Question& question, const Caller& caller,
+                     const std::shared_ptr<TextReply>& reply) {
     if (question.member == "Test") {
-        reply.Set(Test(question, caller));
+        // Rules may ask for the executable.
+        requests.FindExecutable(caller, [this, question, reply](const Caller& whole) {
+            reply->Set(Test(question, whole));
+        });
     } else if (question.member == "Status") {
-        reply.Set(Status());
+        reply->Set(Status());
     } else if (question.member == "Mounts") {
-        reply.Set(Mounts());
+        reply->Set(Mounts());
     } else if (caller.uid == 0 || caller.uid == geteuid()) {
-        reply.Set(Reload());
+        reply->Set(Reload());
     } else {
-        reply.SetError("org.freedesktop.DBus.Error.AccessDenied",
-                       "only root may have the rules loaded again");
+        reply->SetError("org.freedesktop.DBus.Error.AccessDenied",
+                        "only root may have the rules loaded again");
     }
 }
 
@@ -35,8 +39,10 @@ std::string Control::Test(const Question& question, const Caller& caller) const 
     JsonObject answer;
     const Parsed parsed = Parse(question.agent, question.text);
     if (parsed.status != kOk) {
+        AuditRequest described;
+        DescribeArguments(question.text, false, described);
         answer.Add("decision", "error").Add("status", parsed.status).Add("rule", "");
-        return answer.Add("reason", parsed.error).Text();
+        return answer.Add("reason", ReasonOf(parsed, described)).Text();
     }
     const Decision decision = store.Decide(caller, parsed.request);
     const bool denied = decision.status == kRuleNotFound;

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "Gate.h"
@@ -22,7 +23,9 @@ public:
 
     Control(Requests& agentRequests, const RuleStore& ruleStore, const Reloader& reloader);
 
-    void Answer(const Question& question, const Caller& caller, TextReply& reply);
+    // The reply is kept until the answer is known.
+    void Answer(const Question& question, const Caller& caller,
+                const std::shared_ptr<TextReply>& reply);
 
 private:
     std::string Test(const Question& question, const Caller& caller) const;

@@ -73,12 +73,17 @@ private:
         };
         for (const Field& field : kFields) {
             const Patterns& patterns = rule.*field.patterns;
-            if (patterns.given && !Fits(patterns, request.*field.text)) {
+            if (patterns.given && !Fits(patterns, request.*field.text) && !MayBeAnyType(patterns)) {
                 return Miss(field.name);
             }
             ++score;
         }
         return true;
+    }
+
+    // Where the kernel looks for the type, it may find the one that the rule denies.
+    bool MayBeAnyType(const Patterns& patterns) const {
+        return &patterns == &rule.type && !rule.permit && request.type == "auto";
     }
 
     bool MatchNode() {
@@ -209,11 +214,8 @@ Decision Decider::Decide(const RuleSet& set, const Caller& caller, const Request
         return Refusal(kRuleNotFound, "the caller is not known", "the bus names no user");
     }
     Variables variables;
-    gid_t group = 0;
     variables.uid = std::to_string(caller.uid);
-    if (accounts.FindPrimaryGroup(caller.uid, group)) {
-        variables.gid = std::to_string(group);
-    }
+    bool asked = false;
     std::string nearest;
     int best = 0;
     for (const Rule& rule : set.rules) {
@@ -221,6 +223,12 @@ Decision Decider::Decide(const RuleSet& set, const Caller& caller, const Request
         if (rule.agent != request.agent) {
             continue;
         }
+        // Once, and only where it is needed: the account may be in a database far away.
+        gid_t group = 0;
+        if (rule.usesGroup && !asked && accounts.FindPrimaryGroup(caller.uid, group)) {
+            variables.gid = std::to_string(group);
+        }
+        asked = asked || rule.usesGroup;
         if (matching.Run()) {
             return Apply(rule, request, variables);
         }

@@ -8,6 +8,7 @@
 #include "Descriptor.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/capability.h>
 #include <linux/magic.h>
 #include <sys/fsuid.h>
@@ -18,6 +19,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 
@@ -145,17 +147,17 @@ bool IsStreamSocket(int fd) {
 
 // File systems in which writing is a command to the kernel.
 bool IsControlFileSystem(int fd) {
-    static const long kMagic[] = {PROC_SUPER_MAGIC,    SYSFS_MAGIC,      DEBUGFS_MAGIC,
-                                  TRACEFS_MAGIC,       SECURITYFS_MAGIC, CGROUP_SUPER_MAGIC,
-                                  CGROUP2_SUPER_MAGIC, SELINUX_MAGIC,    SMACK_MAGIC,
-                                  EFIVARFS_MAGIC,      BPF_FS_MAGIC,     0x62656570 /* configfs */,
-                                  BINFMTFS_MAGIC};
+    static const std::uint32_t kMagic[] = {
+        PROC_SUPER_MAGIC, SYSFS_MAGIC,        DEBUGFS_MAGIC,       TRACEFS_MAGIC,
+        SECURITYFS_MAGIC, CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, SELINUX_MAGIC,
+        SMACK_MAGIC,      EFIVARFS_MAGIC,     BPF_FS_MAGIC,        0x62656570 /* configfs */,
+        BINFMTFS_MAGIC};
     struct statfs system = {};
     if (fstatfs(fd, &system) != 0) {
         return true;
     }
-    return std::find(std::begin(kMagic), std::end(kMagic), static_cast<long>(system.f_type)) !=
-           std::end(kMagic);
+    return std::find(std::begin(kMagic), std::end(kMagic),
+                     static_cast<std::uint32_t>(system.f_type)) != std::end(kMagic);
 }
 
 // Empty when it is of a kind that output may go to.
@@ -187,6 +189,15 @@ Descriptor Refused(const char* reason) {
 }
 
 }  // namespace
+
+std::string ExecutableOf(pid_t pid) {
+    char path[PATH_MAX];
+    const ssize_t length =
+        readlink(("/proc/" + std::to_string(pid) + "/exe").c_str(), path, sizeof path);
+    return length > 0 && length < static_cast<ssize_t>(sizeof path)
+               ? std::string(path, static_cast<std::size_t>(length))
+               : std::string();
+}
 
 Descriptor TakeDescriptor(const Caller& caller, int number) {
     if (number <= 0) {

@@ -59,7 +59,7 @@ Executor::~Executor() {
         if (!operation.ended) {
             (void)SignalProcess(operation.pidfd.Get(), SIGKILL);
             operation.end.reset();
-            Reap(operation.pidfd.Get());
+            (void)Reap(operation.pidfd.Get(), WNOHANG);  // it may be one that does not die
         }
         if (operation.output) {
             operation.output->OnEnd(nullptr);

@@ -2,9 +2,9 @@
 // Runs what a permit allows, each request in a process of its own, and tells how it ended.
 //
 // Ownership: an operation lives here from Start() until its process has ended, also when its answer
-// was given long before. The destructor kills the processes that are left and calls nothing. The
-// loop and the relays must outlive the executor.
-// Threads: the one that runs the loop, the only one of the program: processes are made by fork.
+// was given long before. The destructor kills the processes that are left, waits for none and calls
+// nothing. The loop and the relays must outlive the executor. Threads: the one that runs the loop,
+// the only one of the program: processes are made by fork.
 #ifndef SENTREL_AGENT_EXECUTOR_H
 #define SENTREL_AGENT_EXECUTOR_H
 

@@ -113,26 +113,47 @@ bool StoreSource(Request& request, const std::string& value, std::string& error)
     return StoreOnce(request.source, value, "the source", error);
 }
 
-// A comma in the share would end in the middle of the file system's own option text.
+// Letters, digits and little else, so that nothing on the way (the file system's own option text,
+// a script that reads the table of mounts) takes a part of the name for something of its own.
+bool CheckShareName(const std::string& path, std::string& error) {
+    const std::size_t bad = path.find_first_not_of((std::string(kAlnum) + "._-$/").c_str());
+    if (bad != std::string::npos) {
+        return Refuse(error, "the share's name holds " + Quote(path.substr(bad, 1)) +
+                                 ", which is not available");
+    }
+    for (const std::string& part : Split(path, '/')) {
+        const std::size_t dollar = part.find('$');
+        if (dollar != std::string::npos && (dollar == 0 || dollar + 1 != part.size())) {
+            return Refuse(error, "a '$' can only be the end of a share's name");
+        }
+    }
+    return true;
+}
+
 bool StoreShare(Request& request, const std::string& value, std::string& error) {
-    const std::vector<std::string> parts = Split(value, '/');
-    if (parts.size() < 4 || !parts[0].empty() || !parts[1].empty() || parts[3].empty()) {
-        return Refuse(error, "the source is not of the form //HOST/SHARE");
-    }
-    const bool hostPlain = IsMadeOf(parts[2], (std::string(kAlnum) + ".-_").c_str());
-    if (!hostPlain || parts[2][0] == '-' || parts[2][0] == '.') {
-        return Refuse(error, "the source's host is malformed");
-    }
-    if (value.find_first_of(",\"\\%") != std::string::npos || value.size() > kLongestPath) {
-        return Refuse(error, "the share's name is malformed");
-    }
-    if (std::count(parts.begin() + 2, parts.end(), "") != 0) {
-        return Refuse(error, "the share's path has an empty part");
-    }
-    return CheckComponents(parts, error) && StoreOnce(request.source, value, "the source", error);
+    return CheckShare(value, error) && StoreOnce(request.source, value, "the source", error);
 }
 
 // ---- types and options
+
+// An option's value may hold paths, several between colons; none may lead out of what a rule names.
+bool Climbs(const std::string& value) {
+    for (const std::string& path : Split(value, ':')) {
+        const std::vector<std::string> parts = Split(path, '/');
+        if (std::count(parts.begin(), parts.end(), "..") != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A directory of an overlay is exactly what the rule's pattern was held against.
+bool CheckOverlay(const std::string& key, const std::string& value, std::string& error) {
+    std::string path;
+    const bool clean = CleanPath(value, path, error) && path == value;
+    return (clean && value.find(':') == std::string::npos) ||
+           Refuse(error, "the option " + Quote(key) + " takes one clean absolute path");
+}
 
 bool StoreType(Request& request, const std::string& value, std::string& error) {
     return CheckType(value, error) && StoreOnce(request.type, value, "the type", error);
@@ -691,6 +712,25 @@ bool CheckType(const std::string& type, std::string& error) {
     return true;
 }
 
+bool CheckShare(const std::string& source, std::string& error) {
+    const std::vector<std::string> parts = Split(source, '/');
+    if (parts.size() < 4 || !parts[0].empty() || !parts[1].empty() || parts[3].empty()) {
+        return Refuse(error, "the source is not of the form //HOST/SHARE");
+    }
+    const bool hostPlain = IsMadeOf(parts[2], (std::string(kAlnum) + ".-_").c_str());
+    if (!hostPlain || parts[2][0] == '-' || parts[2][0] == '.') {
+        return Refuse(error, "the source's host is malformed");
+    }
+    if (source.size() > kLongestPath) {
+        return Refuse(error, "the share's name is too long");
+    }
+    if (std::count(parts.begin() + 2, parts.end(), "") != 0) {
+        return Refuse(error, "the share's path has an empty part");
+    }
+    return CheckComponents(parts, error) &&
+           CheckShareName(source.substr(2 + parts[2].size()), error);
+}
+
 // mount(8) takes quotes and backslashes in options for its own: with one of them the caller could
 // swallow the flags that are put behind.
 bool CheckOption(const std::string& option, std::string& error) {
@@ -711,7 +751,11 @@ bool CheckOption(const std::string& option, std::string& error) {
         (!bare && IsOneOf(key, {"bind", "loop", "suid", "dev"}))) {
         return Refuse(error, "the option " + Quote(key) + " is not available");
     }
-    return true;
+    const std::string value = bare ? "" : option.substr(key.size() + 1);
+    if (IsOneOf(key, {"lowerdir", "upperdir", "workdir"})) {
+        return CheckOverlay(key, value, error);
+    }
+    return !Climbs(value) || Refuse(error, "the value of the option " + Quote(key) + " holds '..'");
 }
 
 // No "/" (a path would be linked in) and no "*" or "[" (systemctl expands them itself).

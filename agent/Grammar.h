@@ -62,6 +62,7 @@ std::string ShownText(const std::string& text);
 // The checks that the grammar makes, for those who check what rules say. False fills `error`.
 bool CleanPath(const std::string& text, std::string& path, std::string& error);
 bool CheckType(const std::string& type, std::string& error);
+bool CheckShare(const std::string& source, std::string& error);
 bool CheckOption(const std::string& option, std::string& error);
 bool CheckUnit(const std::string& unit, std::string& error);
 bool IsVerb(const std::string& verb);

@@ -156,28 +156,44 @@ void Mock::Due(std::uint64_t id) {
 // The output is on its way before the answer is; that it has arrived is the caller's to see.
 void Mock::Give(const Arrival& arrival, const MockRow& row) {
     ++served;
-    Descriptor taken = TakeDescriptor(arrival.caller, arrival.call.descriptor);
-    if (!taken.refusal.empty()) {
-        arrival.answer->Set(SR_FAIL, 0);
-        return;
-    }
-    if (!taken.fd || row.output.empty()) {
+    const Caller caller = arrival.caller;
+    const int descriptor = arrival.call.descriptor;
+    if (descriptor <= 0) {
         arrival.answer->Set(row.status, row.value);
         return;
     }
-    const std::shared_ptr<Relay> relay = relays.Start(std::move(taken.fd), arrival.caller);
-    if (!relay) {
+    std::string reason;
+    if (!relays.HasRoom(caller.uid, reason)) {
+        arrival.answer->Set(SR_FAIL, 0);
+        return;
+    }
+    RelayTask task;
+    task.output = [caller, descriptor] { return TakeDescriptor(caller, descriptor); };
+    const std::uint64_t id = ++lastId;
+    if (!relays.Start(task, caller, [this, id](const Look& look) { Looked(id, look); })) {
         arrival.answer->Set(SR_FORK_FAILED, 0);
         return;
     }
-    arrival.answer->Set(row.status, row.value);
-    const SharedAnswer kept = arrival.answer;  // goes when the output has arrived
-    relay->OnEnd([kept] {});
-    std::istringstream lines(row.output);
-    for (std::string line; std::getline(lines, line);) {
-        relay->Say(line);
+    looking[id] = Looking{arrival.answer, row};
+}
+
+void Mock::Looked(std::uint64_t id, const Look& look) {
+    const Looking entry = std::move(looking.at(id));
+    looking.erase(id);
+    if (!look.output) {
+        entry.answer->Set(SR_FAIL, 0);
+        return;
     }
-    relay->Abandon();
+    entry.answer->Set(entry.row.status, entry.row.value);
+    if (!entry.row.output.empty()) {
+        const SharedAnswer kept = entry.answer;  // goes when the output has arrived
+        look.output->OnEnd([kept] {});
+    }
+    std::istringstream lines(entry.row.output);
+    for (std::string line; std::getline(lines, line);) {
+        look.output->Say(line);
+    }
+    look.output->Abandon();
 }
 
 void Mock::Answer(const Question& question, const Caller& /*caller*/, TextReply& reply) const {

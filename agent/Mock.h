@@ -50,6 +50,8 @@ public:
     void Answer(const Question& question, const Caller& caller, TextReply& reply) const;
     // What is delayed is answered now.
     void EndAll();
+    // Whether every answer has been given.
+    bool Settled() const { return looking.empty(); }
 
 private:
     struct Delayed {
@@ -58,13 +60,20 @@ private:
         std::unique_ptr<Timer> timer;
     };
 
+    struct Looking {
+        SharedAnswer answer;
+        MockRow row;
+    };
+
     void Give(const Arrival& arrival, const MockRow& row);
+    void Looked(std::uint64_t id, const Look& look);
     void Due(std::uint64_t id);
 
     sentrel::SR_MainLoop& loop;
     std::vector<MockRow> rows;
     Relays relays;
     std::map<std::uint64_t, Delayed> delayed;
+    std::map<std::uint64_t, Looking> looking;  // at the caller's descriptor
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
 };

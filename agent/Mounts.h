@@ -22,9 +22,6 @@ struct MountRecord {
 
 class Mounts {
 public:
-    // `table` is the kernel's list of mounts; a test gives another.
-    explicit Mounts(const std::string& table = "/proc/self/mountinfo") : file(table) {}
-
     // `since` is filled in here.
     void Add(MountRecord record);
     // The newest one on `target` was unmounted.
@@ -35,7 +32,6 @@ public:
 private:
     void DropGone();
 
-    std::string file;
     std::vector<MountRecord> records;
 };
 

@@ -30,11 +30,12 @@ struct Caller {
 // against. The argument is replaced by a path under which the pinned file is reached.
 struct Pin {
     enum Kind {
-        kDirectory,  // an existing directory (mount point)
-        kFile,       // an existing file of any other type (block device, image, module)
-        kAny,        // an existing file or directory (what is bound to another place)
-        kParent,     // the path need not exist; its directory is pinned (a node to be made)
-        kMountPoint  // to unmount: the parent is pinned, the last component is taken as it is
+        kDirectory,   // an existing directory (mount point)
+        kFile,        // an existing file of any other type (block device, image)
+        kAny,         // an existing file or directory (what is bound to another place)
+        kParent,      // the path need not exist; its directory is pinned (a node to be made)
+        kMountPoint,  // to unmount: the parent is pinned, the last component is taken as it is
+        kModule       // an existing regular file that only root can write, wherever it lies
     };
     std::size_t argument = 0;  // index in Plan::argv
     Kind kind = kDirectory;
@@ -49,7 +50,8 @@ struct Plan {
     // A text that must reach the tool but must not be seen: written to a pipe whose number the tool
     // finds in the environment variable PASSWD_FD. Empty: none.
     std::string secret;
-    // A file with a secret, opened as the caller; its content travels as `secret` does.
+    // A file of credentials, opened as the caller: its password travels as `secret` does, its user
+    // and domain join the options where those name none.
     std::string secretFile;
     std::chrono::milliseconds deadline{20000};
     // After a mount: flags that mountinfo must show on the pinned mount point ("nosuid", "nodev"),

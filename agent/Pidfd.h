@@ -33,10 +33,11 @@ inline bool IsAlive(int pidfd) {
     return poll(&slot, 1, 0) == 0;
 }
 
-// Waits for the end of a child and takes its remains away.
-inline siginfo_t Reap(int pidfd) {
+// Waits for the end of a child and takes its remains away; with WNOHANG it does not wait.
+inline siginfo_t Reap(int pidfd, int options = 0) {
     siginfo_t end = {};
-    while (waitid(P_PIDFD, static_cast<id_t>(pidfd), &end, WEXITED) != 0 && errno == EINTR) {
+    while (waitid(P_PIDFD, static_cast<id_t>(pidfd), &end, WEXITED | options) != 0 &&
+           errno == EINTR) {
     }
     return end;
 }

@@ -7,7 +7,9 @@
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -34,11 +36,36 @@ bool IsPlainPath(const std::string& path) {
     return true;
 }
 
-// Only its owner, who is root (or the agent itself on a desk), may change what it lists.
-bool IsClosed(int directory) {
+// Owners and modes are there what a server or another user's process says they are. That of "/" is
+// the system's own, whatever it is.
+bool IsServedByOthers(int fd, dev_t device) {
+    static const unsigned long kServed[] = {
+        0x6969,      // NFS
+        0xff534d42,  // CIFS
+        0xfe534d42,  // SMB 2 and 3
+        0x517b,      // SMB
+        0x65735546,  // FUSE
+        0x01021997,  // 9p
+        0x00c36400,  // Ceph
+        0x5346414f,  // AFS
+        0x6b414653,  // AFS of the kernel's own
+        0x73757245,  // Coda
+    };
+    struct stat root = {};
+    struct statfs found = {};
+    if (stat("/", &root) == 0 && root.st_dev == device) {
+        return false;
+    }
+    return fstatfs(fd, &found) != 0 ||
+           std::count(std::begin(kServed), std::end(kServed),
+                      static_cast<unsigned long>(found.f_type) & 0xffffffff) != 0;
+}
+
+// Only its owner, who is root (or the agent itself on a desk), may change what it holds.
+bool IsClosed(int fd) {
     struct stat found = {};
-    return fstat(directory, &found) == 0 && (found.st_uid == 0 || found.st_uid == geteuid()) &&
-           (found.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return fstat(fd, &found) == 0 && (found.st_uid == 0 || found.st_uid == geteuid()) &&
+           (found.st_mode & (S_IWGRP | S_IWOTH)) == 0 && !IsServedByOthers(fd, found.st_dev);
 }
 
 bool Refuse(const std::string& path, const std::string& why, std::string& reason) {
@@ -52,11 +79,26 @@ bool RefuseErrno(const std::string& path, std::string& reason) {
                   reason);
 }
 
-bool IsMountRoot(int fd) {
-    struct statx found = {};
-    return statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE, &found) == 0 &&
-           (found.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0 &&
-           (found.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+// By the kernel's table, not by looking at it: the root of a mount whose server is gone hangs, and
+// a descriptor of it would keep the mount busy.
+bool FindMountPoint(PinnedPath& pinned) {
+    std::uint64_t below = 0;
+    if (!MountId(pinned.parent.Get(), below)) {
+        return false;
+    }
+    bool found = false;
+    const std::vector<MountEntry> mounts = ReadMounts();
+    for (auto next = mounts.begin(); next != mounts.end();) {
+        next = std::find_if(mounts.begin(), mounts.end(), [&](const MountEntry& entry) {
+            return entry.parent == below && entry.point == pinned.pin.path;
+        });
+        if (next != mounts.end()) {
+            found = true;
+            pinned.mount = *next;
+            below = next->id;  // what is mounted on top of it
+        }
+    }
+    return found;
 }
 
 bool PinObject(const std::string& path, PinnedPath& pinned, std::string& reason) {
@@ -74,9 +116,10 @@ bool PinObject(const std::string& path, PinnedPath& pinned, std::string& reason)
         return Refuse(path, "is not what the rule was checked against", reason);
     }
     if (kind == Pin::kMountPoint) {
-        // A directory entry that something is mounted on can neither be renamed nor replaced; the
-        // descriptor must go, it would keep the mount busy.
-        return IsMountRoot(object.Get()) || Refuse(path, "nothing is mounted there", reason);
+        return Refuse(path, "nothing is mounted there", reason);
+    }
+    if (kind == Pin::kModule && !(S_ISREG(found.st_mode) && IsClosed(object.Get()))) {
+        return Refuse(path, "is not a file that only root can write", reason);
     }
     pinned.blockDevice = S_ISBLK(found.st_mode);
     pinned.object = std::move(object);
@@ -147,9 +190,10 @@ bool PinPath(const Pin& pin, PinnedPath& pinned, std::string& reason) {
         return RefuseErrno(pin.path, reason);
     }
     if (pin.rootOwnedChain && !pinned.closedChain) {
-        return Refuse(pin.path, "a directory above it is open to others", reason);
+        return Refuse(pin.path, "a directory above it is open to others, or others serve it",
+                      reason);
     }
-    if (pin.kind != Pin::kParent) {
+    if (pin.kind != Pin::kParent && !(pin.kind == Pin::kMountPoint && FindMountPoint(pinned))) {
         return PinObject(pin.path, pinned, reason);
     }
     return PathOf(pinned.parent.Get()) == directory ||

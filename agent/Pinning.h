@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "MountTable.h"
 #include "OwnedFd.h"
 #include "Permit.h"
 
@@ -26,13 +27,15 @@ struct PinnedPath {
 
     bool closedChain = false;  // all directories above are root's and closed to others
     bool blockDevice = false;
+    MountEntry mount;  // for kMountPoint: the topmost one there
 };
 
 // False with a plain reason when it is not, to the letter, the path of the pin.
 bool PinPath(const Pin& pin, PinnedPath& pinned, std::string& reason);
 
 // Opens the directory with openat2, without any symbolic link in its path. None: errno tells.
-// `closedChain` is cleared when one of the directories, this included, is open to others.
+// `closedChain` is cleared when one of the directories, this included, is open to others, or lies
+// on a file system that others serve.
 OwnedFd OpenDirectory(const std::string& path, bool& closedChain);
 
 // One component below `directory`, not followed when it is a symbolic link.

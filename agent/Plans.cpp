@@ -133,6 +133,7 @@ void SayFlags(const Build& build) {
     }
 }
 
+// Nothing but the operation itself is umount(8)'s here: see Unmount.h.
 bool BuildUmount(const Build& build) {
     build.Say("-i");
     build.Say("--no-canonicalize");
@@ -163,7 +164,7 @@ bool BuildMknod(const Build& build) {
 
 bool BuildInsmod(const Build& build) {
     build.Say("--");
-    build.SayPinned(build.request.path, Pin::kFile, true);
+    build.SayPinned(build.request.path, Pin::kModule, true);
     for (const std::string& parameter : build.request.parameters) {
         build.Say(parameter);
     }

@@ -7,22 +7,51 @@ namespace agent {
 
 Quota::Quota(const QuotaLimits& quotaLimits) : limits(quotaLimits) {}
 
-void Quota::Refill(User& user, TimePoint now) const {
-    const double burst = static_cast<double>(limits.perMinute);
-    const std::chrono::duration<double> passed = now - user.counted;
-    user.tokens = std::min(burst, user.tokens + passed.count() * burst / 60.0);
-    user.counted = now;
+void Quota::Bucket::Refill(TimePoint now) {
+    const std::chrono::duration<double> passed = now - counted;
+    tokens = std::min(burst, tokens + passed.count() * perMinute / 60.0);
+    counted = now;
 }
 
 // A uid is remembered while it has requests or owes time.
-void Quota::ForgetIdle(TimePoint now) {
+Quota::User& Quota::Find(uid_t uid, TimePoint now) {
     for (auto entry = users.begin(); entry != users.end();) {
         User& user = entry->second;
-        Refill(user, now);
+        user.calls.Refill(now);
+        user.requests.Refill(now);
         const bool idle = user.running.empty() && user.waiting.empty() &&
-                          user.tokens >= static_cast<double>(limits.perMinute);
+                          user.requests.tokens >= user.requests.burst &&
+                          user.calls.tokens >= user.calls.burst;
         entry = idle ? users.erase(entry) : std::next(entry);
     }
+    const auto entry = users.find(uid);
+    if (entry != users.end()) {
+        return entry->second;
+    }
+    const double requests = static_cast<double>(limits.perMinute);
+    const double calls = 5 * requests;
+    User& user = users[uid];
+    user.requests = {requests, requests, requests, now};
+    user.calls = {calls / 3, calls / 3, calls, now};
+    return user;
+}
+
+Quota::Turn Quota::Call(uid_t uid, TimePoint now) {
+    if (uid == 0) {
+        return Turn::kTaken;
+    }
+    Bucket& calls = Find(uid, now).calls;
+    if (calls.tokens >= 1) {
+        calls.tokens -= 1;
+        return Turn::kTaken;
+    }
+    return ++away[uid] == 1 ? Turn::kFirstAway : Turn::kAway;
+}
+
+std::map<uid_t, std::uint64_t> Quota::TakeTurnedAway() {
+    std::map<uid_t, std::uint64_t> taken;
+    taken.swap(away);
+    return taken;
 }
 
 bool Quota::HasRoom(const User& user) const {
@@ -30,15 +59,8 @@ bool Quota::HasRoom(const User& user) const {
 }
 
 Quota::Entry Quota::Enter(uid_t uid, std::uint64_t id, TimePoint now, std::string& reason) {
-    ForgetIdle(now);
-    auto entry = users.find(uid);
-    if (entry == users.end()) {
-        entry = users.emplace(uid, User()).first;
-        entry->second.tokens = static_cast<double>(limits.perMinute);
-        entry->second.counted = now;
-    }
-    User& user = entry->second;
-    if (user.tokens < 1) {
+    User& user = Find(uid, now);
+    if (user.requests.tokens < 1) {
         reason = "too many requests in a minute";
         return Entry::kRefused;
     }
@@ -48,7 +70,7 @@ Quota::Entry Quota::Enter(uid_t uid, std::uint64_t id, TimePoint now, std::strin
         reason = "too many requests are waiting";
         return Entry::kRefused;
     }
-    user.tokens -= 1;
+    user.requests.tokens -= 1;
     if (run) {
         user.running.push_back(id);
         ++total;

@@ -6,29 +6,26 @@ namespace agent {
 namespace {
 
 const std::size_t kMostOfOne = 8;
-const std::size_t kMostRelays = 128;
+const std::size_t kMost = 128;
 
 }  // namespace
 
-Refusals::Refusals(Relays& agentRelays) : relays(agentRelays), counts(std::make_shared<Counts>()) {}
-
-void Refusals::Say(const Caller& caller, OwnedFd&& output, const std::string& reason) {
-    OwnedFd destination(std::move(output));
-    const auto count = counts->find(caller.uid);
-    if (!destination || relays.Count() >= kMostRelays ||
-        (count != counts->end() && count->second >= kMostOfOne)) {
+void Refusals::Say(uid_t uid, const std::shared_ptr<Relay>& relay, const std::string& reason) {
+    if (!relay || relay->Ended()) {
         return;
     }
-    const std::shared_ptr<Relay> relay = relays.Start(std::move(destination), caller);
-    if (!relay) {
+    const auto own = open->of.find(uid);
+    if (open->all >= kMost || (own != open->of.end() && own->second >= kMostOfOne)) {
+        relay->Kill();
         return;
     }
-    ++(*counts)[caller.uid];
-    const std::shared_ptr<Counts> kept = counts;
-    const uid_t uid = caller.uid;
+    ++open->of[uid];
+    ++open->all;
+    const std::shared_ptr<Lines> kept = open;
     relay->OnEnd([kept, uid] {
-        if (--(*kept)[uid] == 0) {
-            kept->erase(uid);
+        --kept->all;
+        if (--kept->of[uid] == 0) {
+            kept->of.erase(uid);
         }
     });
     relay->Say("sentrel-agent: " + reason);

@@ -4,8 +4,9 @@
 #include <fcntl.h>
 #include <signal.h>
 
+#include <algorithm>
+
 #include "Pidfd.h"
-#include "RelayChild.h"
 
 namespace agent {
 
@@ -26,20 +27,37 @@ struct Pipe {
     }
 };
 
+std::chrono::steady_clock::time_point Now() {
+    return std::chrono::steady_clock::now();
+}
+
+// The kernel may not let it end now, or ever, so it is not waited for.
+void KillProcess(pid_t pid) {
+    (void)kill(pid, SIGKILL);
+    (void)waitpid(pid, nullptr, WNOHANG);
+}
+
 }  // namespace
 
-Relay::Relay(Relays& owner, pid_t child, OwnedFd&& childPidfd, OwnedFd&& writer, OwnedFd&& results)
+Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, bool outputWanted,
+             const Known& whenKnown)
     : relays(owner),
-      pid(child),
-      pidfd(std::move(childPidfd)),
-      input(std::move(writer)),
-      report(std::move(results)),
-      watch(owner.loop, pidfd.Get(), [this] { ChildEnded(); }) {}
+      pid(started.pid),
+      pidfd(std::move(started.pidfd)),
+      input(std::move(started.input)),
+      report(std::move(started.report)),
+      uid(callersUid),
+      wanted(outputWanted),
+      known(whenKnown),
+      end(owner.loop, pidfd.Get(), [this] { ChildEnded(); }),
+      reports(std::make_unique<Watch>(owner.loop, report.Get(), [this] { ReadLook(); })),
+      limit(std::make_unique<Timer>(owner.loop, Now() + owner.limits.look,
+                                    [this] { LookTooLong(); })) {}
 
 Relay::~Relay() {
     if (!ended) {
         (void)SignalProcess(pidfd.Get(), SIGKILL);
-        Reap(pidfd.Get());
+        (void)Reap(pidfd.Get(), WNOHANG);
     }
 }
 
@@ -52,29 +70,90 @@ void Relay::Say(const std::string& line) {
 
 void Relay::Abandon() {
     CloseInput();
-    if (ended || bound) {
+    // One that has nothing to copy ends within the limit for its look.
+    if (ended || abandoned || found.state != LookReport::kTaken) {
         return;
     }
-    const auto kill = [this] { (void)SignalProcess(pidfd.Get(), SIGKILL); };
+    abandoned = true;
     try {
-        bound = std::make_unique<Timer>(
-            relays.loop, std::chrono::steady_clock::now() + relays.limits.bound, kill);
+        limit =
+            std::make_unique<Timer>(relays.loop, Now() + relays.limits.bound, [this] { Kill(); });
     } catch (const std::system_error&) {
-        kill();  // one that cannot be bounded is not left alone
+        Kill();  // one that cannot be bounded is not left alone
+    }
+}
+
+void Relay::Kill() {
+    CloseInput();
+    if (!ended && !killed) {
+        killed = true;
+        killedAt = Now();
+        (void)SignalProcess(pidfd.Get(), SIGKILL);
+    }
+}
+
+bool Relay::Hangs() const {
+    return killed && !ended && Now() - killedAt > relays.limits.dying;
+}
+
+void Relay::ReadLook() {
+    LookReport next;
+    ssize_t count = 0;
+    while (known &&
+           (count = read(report.Get(), &next, sizeof next)) == static_cast<ssize_t>(sizeof next)) {
+        found = next;
+        if (found.state != LookReport::kLooking) {
+            LookEnds(found.refusal);
+            return;
+        }
+    }
+    if (count == 0) {
+        reports.reset();  // its end is near, and tells the rest
+    }
+}
+
+void Relay::LookEnds(const std::string& refusal) {
+    reports.reset();
+    Look look;
+    look.executable = found.executable;
+    if (found.state == LookReport::kTaken) {
+        look.output = shared_from_this();
+        limit.reset();
+    } else {
+        // A refusal always has a reason: without one the request would go on.
+        look.refusal = refusal.empty() ? "the output descriptor cannot be taken" : refusal;
+        CloseInput();
+    }
+    if (!wanted) {
+        look.refusal.clear();
+    }
+    const Known function = std::move(known);
+    known = nullptr;
+    function(look);
+}
+
+void Relay::LookTooLong() {
+    Kill();
+    if (known) {
+        LookEnds("the output descriptor does not answer");
     }
 }
 
 void Relay::ChildEnded() {
+    const std::shared_ptr<Relay> kept = relays.Take(this);
+    ReadLook();
+    if (known) {
+        LookEnds("the output descriptor cannot be looked at");
+    }
     RelayReport result;
     if (read(report.Get(), &result, sizeof result) == static_cast<ssize_t>(sizeof result)) {
         copied = result.copied;
         dropped = result.dropped;
     }
-    Reap(pidfd.Get());
+    (void)Reap(pidfd.Get());
     ended = true;
-    watch.Disable();
-    bound.reset();
-    const std::shared_ptr<Relay> kept = relays.Take(this);
+    end.Disable();
+    limit.reset();
     const std::function<void()> function = onEnd;
     if (function) {
         function();
@@ -86,36 +165,74 @@ Relays::Relays(sentrel::SR_MainLoop& mainLoop, const RelayLimits& relayLimits)
 
 Relays::~Relays() {}
 
-std::shared_ptr<Relay> Relays::Start(OwnedFd&& destination, const Caller& caller) {
-    const OwnedFd target(std::move(destination));
+bool Relays::HasRoom(uid_t uid, std::string& reason) const {
+    std::size_t sound = 0;
+    std::size_t own = 0;
+    std::size_t ownHung = 0;
+    for (const std::shared_ptr<Relay>& relay : running) {
+        const bool hangs = relay->Hangs();
+        const bool callers = relay->uid == uid;
+        sound += hangs ? 0 : 1;
+        own += callers ? 1 : 0;
+        ownHung += callers && hangs ? 1 : 0;
+    }
+    if (ownHung >= limits.hung) {
+        reason = "too many processes hang over files of this user's";
+    } else if (own >= limits.ofOne || sound >= limits.all) {
+        reason = "too many requests at once";
+    }
+    return ownHung < limits.hung && own < limits.ofOne && sound < limits.all;
+}
+
+std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller,
+                                     const Relay::Known& known, OwnedFd&& atHand) {
+    const OwnedFd given(std::move(atHand));
     Pipe output;
     Pipe report;
-    if (!output.Open() || !report.Open()) {
+    if (!output.Open() || !report.Open() || fcntl(report.reader.Get(), F_SETFL, O_NONBLOCK) != 0) {
         return nullptr;
     }
     RelayChildSetup setup;
     setup.input = output.reader.Get();
-    setup.destination = target.Get();
+    setup.atHand = given.Get();
     setup.report = report.writer.Get();
     setup.cap = limits.cap;
     setup.parent = getpid();
-    const pid_t child = fork();
-    if (child < 0) {
+    Relay::Child child;
+    child.pid = fork();
+    if (child.pid < 0) {
         return nullptr;
     }
-    if (child == 0) {
-        RunRelayChild(setup, caller);
+    if (child.pid == 0) {
+        RunRelayChild(setup, task, caller);
     }
-    OwnedFd pidfd(OpenProcess(child));
-    if (!pidfd) {
-        (void)kill(child, SIGKILL);
-        (void)waitpid(child, nullptr, 0);
+    // Leaves room for the two descriptors that are still needed: a child that cannot be watched
+    // would be killed, and might hang unseen.
+    output.reader.Reset();
+    report.writer.Reset();
+    child.pidfd.Reset(OpenProcess(child.pid));
+    if (!child.pidfd) {
+        KillProcess(child.pid);
         return nullptr;
     }
-    std::shared_ptr<Relay> relay(new Relay(*this, child, std::move(pidfd), std::move(output.writer),
-                                           std::move(report.reader)));
-    running.push_back(relay);
-    return relay;
+    child.input = std::move(output.writer);
+    child.report = std::move(report.reader);
+    const pid_t pid = child.pid;
+    try {
+        const std::shared_ptr<Relay> relay(
+            new Relay(*this, std::move(child), caller.uid, static_cast<bool>(task.output), known));
+        running.push_back(relay);
+        return relay;
+    } catch (const std::system_error&) {
+        KillProcess(pid);
+        return nullptr;
+    }
+}
+
+std::size_t Relays::Hung() const {
+    return static_cast<std::size_t>(
+        std::count_if(running.begin(), running.end(),
+                      [](const std::shared_ptr<Relay>& relay) { return relay->Hangs(); }));
 }
 
 std::shared_ptr<Relay> Relays::Take(const Relay* relay) {

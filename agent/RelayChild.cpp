@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "Signals.h"
 
@@ -100,9 +101,11 @@ bool BecomeCaller(const Caller& caller) {
     return syscall(SYS_capset, &header, none) == 0;
 }
 
-// The pipe's end, the caller's descriptor and the report become 0, 1 and 2; all else is closed.
+// The pipe's end, what is at hand and the report become 0, 1 and 2; all else is closed. With
+// nothing at hand, 1 is taken by the pipe's end as well until the output is known.
 bool KeepOnly(const RelayChildSetup& setup) {
-    const int wanted[] = {setup.input, setup.destination, setup.report};
+    const int wanted[] = {setup.input, setup.atHand >= 0 ? setup.atHand : setup.input,
+                          setup.report};
     int high[3];
     for (int i = 0; i < 3; ++i) {
         high[i] = fcntl(wanted[i], F_DUPFD, 3);
@@ -199,19 +202,68 @@ private:
     bool gone = false;
 };
 
+// A text that does not fit is left out.
+template <std::size_t size>
+void Put(char (&field)[size], const std::string& text) {
+    if (text.size() < size) {
+        std::memcpy(field, text.c_str(), text.size() + 1);
+    }
+}
+
+bool Send(const LookReport& report) {
+    return write(kReport, &report, sizeof report) == static_cast<ssize_t>(sizeof report);
+}
+
+// Makes the caller's descriptor number 1 and leaves no copy of it. The first close tells whether
+// the file's system answers: better now than when the tool has run.
+bool PlaceOutput(OwnedFd&& taken) {
+    OwnedFd output(std::move(taken));
+    if (output.Get() == kOutput) {
+        return output.Release() == kOutput;
+    }
+    return dup2(output.Get(), kOutput) == kOutput;
+}
+
+// Whether there is something to copy to.
+bool TakeLook(const RelayTask& task) {
+    LookReport report;
+    Put(report.executable, task.executable ? task.executable() : "");
+    if (!Send(report)) {
+        return false;
+    }
+    report.state = LookReport::kNoOutput;
+    if (task.output) {
+        Descriptor output = task.output();
+        Put(report.refusal, output.refusal);
+        if (output.fd && PlaceOutput(std::move(output.fd))) {
+            report.state = LookReport::kTaken;
+        } else if (output.fd || !output.refusal.empty()) {
+            report.state = LookReport::kRefused;
+        }
+    }
+    return Send(report) && report.state == LookReport::kTaken;
+}
+
 }  // namespace
 
-[[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const Caller& caller) {
+[[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const RelayTask& task,
+                                const Caller& caller) {
     SetRelaysSignals();
     (void)setsid();
     const rlimit none = {0, 0};
     (void)setrlimit(RLIMIT_CORE, &none);
-    void* memory = mmap(nullptr, setup.cap + kTail, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED || !KeepOnly(setup) || !BecomeCaller(caller)) {
+    if (!KeepOnly(setup) || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != setup.parent) {
         _exit(1);
     }
-    // After the change of ids, which takes the death signal back. Not to be looked into by the
+    if (!TakeLook(task)) {
+        _exit(0);
+    }
+    void* memory = mmap(nullptr, setup.cap + kTail, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED || !BecomeCaller(caller)) {
+        _exit(1);
+    }
+    // After the changes of ids, which take the death signal back. Not to be looked into by the
     // caller's other processes: this is a copy of the agent's memory.
     if (prctl(PR_SET_DUMPABLE, 0) != 0 || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 ||
         getppid() != setup.parent || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||

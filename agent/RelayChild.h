@@ -1,31 +1,56 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the relay's process does.
+// What the relay's process does: first, with the agent's rights, it looks at the caller's process;
+// then, with the caller's and no other, it copies.
 #ifndef SENTREL_AGENT_RELAYCHILD_H
 #define SENTREL_AGENT_RELAYCHILD_H
 
+#include <limits.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <string>
 
+#include "Descriptor.h"
 #include "Permit.h"
 
 namespace agent {
 
+// What is to be found out. The functions run in the child, which has closed every descriptor but
+// its own three: 0 and 2 are not theirs to use, 1 is what was at hand, if anything.
+struct RelayTask {
+    std::function<std::string()> executable;  // empty: not asked for
+    std::function<Descriptor()> output;       // empty: none is wanted
+};
+
+// Written once when the executable is known and once at the look's end, each in one piece.
+struct LookReport {
+    enum State { kLooking, kNoOutput, kTaken, kRefused };
+    State state = kLooking;
+    char executable[3584] = {};  // empty: unknown, or longer
+    char refusal[256] = {};
+};
+static_assert(sizeof(LookReport) <= PIPE_BUF, "it must arrive in one piece");
+
+// Written at the end of the copying.
 struct RelayReport {
     std::uint64_t copied = 0;
     std::uint64_t dropped = 0;
 };
 
 struct RelayChildSetup {
-    int input = -1;        // the pipe's reading end
-    int destination = -1;  // the caller's descriptor
-    int report = -1;       // one RelayReport is written here at the end
+    int input = -1;   // the pipe's reading end
+    int atHand = -1;  // becomes descriptor 1; -1: nothing
+    int report = -1;  // for the reports
     std::size_t cap = 0;
     pid_t parent = 0;
 };
 
-// Runs in a new process. Gives up every right but the caller's ids and the four system calls that
-// copying takes, then copies until the pipe's writers are gone.
-[[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const Caller& caller);
+// Runs in a new process. After the look, and when there is an output, it gives up every right but
+// the caller's ids and the four system calls that copying takes, then copies until the pipe's
+// writers are gone.
+[[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const RelayTask& task,
+                                const Caller& caller);
 
 }  // namespace agent
 

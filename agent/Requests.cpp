@@ -8,7 +8,6 @@
 #include <system_error>
 
 #include "Descriptor.h"
-#include "Grammar.h"
 #include "Words.h"
 
 namespace agent {
@@ -16,15 +15,35 @@ namespace agent {
 struct Requests::Job {
     std::uint64_t id = 0;
     Arrival arrival;
-    Request request;
+    Parsed parsed;
+    std::optional<Look> look;
     std::optional<Permit> permit;
-    OwnedFd output;
+    std::shared_ptr<Relay> relay;  // none: no output
     AuditRequest audit;
     std::unique_ptr<Timer> wait;  // while it waits for a place
     bool launched = false;
 };
 
 namespace {
+
+// No fewer than the quota lets run and wait, each of which keeps its relay.
+RelayLimits LimitsFor(const QuotaLimits& quota) {
+    RelayLimits limits;
+    limits.ofOne = std::max(limits.ofOne, quota.running + quota.waiting);
+    limits.all = std::max(limits.all, limits.ofOne);
+    return limits;
+}
+
+RelayTask TaskFor(const Caller& caller, int descriptor) {
+    RelayTask task;
+    task.executable = [caller] { return caller.pid > 0 ? ExecutableOf(caller.pid) : ""; };
+    if (descriptor > 0) {
+        task.output = [caller, descriptor] { return TakeDescriptor(caller, descriptor); };
+    }
+    return task;
+}
+
+}  // namespace
 
 // A word behind one that holds a password may be a piece of it when the text makes no sense.
 void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit) {
@@ -41,45 +60,156 @@ void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit
     }
 }
 
-}  // namespace
+std::string ReasonOf(const Parsed& parsed, const AuditRequest& described) {
+    return Audit::HidesSome(described) ? "the arguments cannot be read" : parsed.error;
+}
 
 Requests::Requests(sentrel::SR_MainLoop& mainLoop, const RuleStore& ruleStore, Audit& requestAudit,
                    const QuotaLimits& limits)
     : loop(mainLoop),
       store(ruleStore),
       audit(requestAudit),
-      relays(mainLoop, RelayLimits()),
-      refusals(relays),
+      relays(mainLoop, LimitsFor(limits)),
+      strangers(mainLoop, requestAudit),
       quota(limits),
       executor(mainLoop, ExecutorLimits()) {}
 
-Requests::~Requests() {}
+Requests::~Requests() {
+    RecordTurnedAway();
+}
 
 void Requests::Take(const Arrival& arrival) {
+    const Quota::Turn turn = quota.Call(arrival.caller.uid, std::chrono::steady_clock::now());
+    if (turn != Quota::Turn::kTaken) {
+        return TurnAway(arrival, turn == Quota::Turn::kFirstAway);
+    }
     const std::shared_ptr<Job> job = std::make_shared<Job>();
     job->id = ++lastId;
     job->arrival = arrival;
     job->audit.id = job->id;
     job->audit.uid = arrival.caller.uid;
     job->audit.pid = arrival.caller.pid;
-    job->audit.executable = arrival.caller.executable;
     job->audit.agent = arrival.call.agent;
-    Descriptor taken = TakeDescriptor(arrival.caller, arrival.call.descriptor);
-    job->output = std::move(taken.fd);
-
-    const Parsed parsed = Parse(arrival.call.agent, arrival.call.text);
-    DescribeArguments(arrival.call.text, parsed.status == kOk, job->audit);
-    if (parsed.status != kOk) {
-        return Refuse(*job, parsed.status, parsed.error, parsed.error);
+    job->parsed = Parse(arrival.call.agent, arrival.call.text);
+    DescribeArguments(arrival.call.text, job->parsed.status == kOk, job->audit);
+    std::string reason = "the agent is ending";
+    if (ending || !relays.HasRoom(arrival.caller.uid, reason)) {
+        return Refuse(*job, SR_FAIL, reason, reason);
     }
-    job->request = parsed.request;
-    Decision decision = store.Decide(arrival.caller, parsed.request);
+    const std::uint64_t id = job->id;
+    if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor), arrival.caller,
+                      [this, id](const Look& look) { Looked(id, look); })) {
+        reason = "the process for it cannot be started";
+        return Refuse(*job, SR_FORK_FAILED, reason, reason);
+    }
+    looking[id] = job;
+}
+
+// Costs next to nothing: the first of a second is told why, and the audit gets one line with the
+// number of all.
+void Requests::TurnAway(const Arrival& arrival, bool first) {
+    ++refused;
+    arrival.answer->Set(SR_FAIL, 0);
+    const Caller& caller = arrival.caller;
+    std::string reason;
+    if (first && arrival.call.descriptor > 0 && !ending && relays.HasRoom(caller.uid, reason)) {
+        // The answer goes with the last copy of this: not before the reason was said.
+        const auto say = [this, uid = caller.uid, answer = arrival.answer](const Look& look) {
+            refusals.Say(uid, look.output, "too many calls in a minute");
+        };
+        (void)relays.Start(TaskFor(caller, arrival.call.descriptor), caller, say);
+    }
+    if (turnedAway) {
+        return;
+    }
+    try {
+        turnedAway = std::make_unique<Timer>(
+            loop, std::chrono::steady_clock::now() + std::chrono::seconds(1),
+            [this] { RecordTurnedAway(); });
+    } catch (const std::system_error&) {
+        RecordTurnedAway();
+    }
+}
+
+void Requests::RecordTurnedAway() {
+    turnedAway.reset();
+    for (const auto& user : quota.TakeTurnedAway()) {
+        AuditRequest request;
+        request.id = ++lastId;
+        request.uid = user.first;
+        audit.Denied(
+            request, SR_FAIL,
+            "too many calls in a minute: " + std::to_string(user.second) + " turned away unread");
+    }
+}
+
+void Requests::TakeUnknown(const Call& call, const std::string& reason) {
+    ++refused;
+    AuditRequest request;
+    request.id = ++lastId;
+    request.agent = call.agent;
+    DescribeArguments(call.text, false, request);
+    strangers.Refused(request, SR_FAIL, reason + ": " + call.sender);
+}
+
+void Requests::FindExecutable(const Caller& caller,
+                              const std::function<void(const Caller&)>& known) {
+    std::string reason;
+    const auto found = [caller, known](const Look& look) {
+        Caller whole = caller;
+        whole.executable = look.executable;
+        known(whole);
+    };
+    const Quota::Turn turn = quota.Call(caller.uid, std::chrono::steady_clock::now());
+    if (turn != Quota::Turn::kTaken || !relays.HasRoom(caller.uid, reason) ||
+        !relays.Start(TaskFor(caller, 0), caller, found)) {
+        found(Look());
+    }
+}
+
+// A look may take longer than the next one; what came over one connection keeps its order.
+void Requests::Looked(std::uint64_t id, const Look& look) {
+    const auto entry = looking.find(id);
+    if (entry == looking.end()) {
+        if (look.output) {
+            look.output->Kill();  // refused in the meantime
+        }
+        return;
+    }
+    entry->second->look = look;
+    entry->second->relay = look.output;
+    const std::string sender = entry->second->arrival.call.sender;
+    std::vector<std::shared_ptr<Job> > ready;
+    for (auto next = looking.begin(); next != looking.end();) {
+        if (next->second->arrival.call.sender != sender) {
+            ++next;
+        } else if (next->second->look) {
+            ready.push_back(next->second);
+            next = looking.erase(next);
+        } else {
+            break;
+        }
+    }
+    for (const std::shared_ptr<Job>& job : ready) {
+        Decide(job);
+    }
+}
+
+void Requests::Decide(const std::shared_ptr<Job>& job) {
+    Caller& caller = job->arrival.caller;
+    caller.executable = job->look->executable;
+    job->audit.executable = caller.executable;
+    if (job->parsed.status != kOk) {
+        const std::string reason = ReasonOf(job->parsed, job->audit);
+        return Refuse(*job, job->parsed.status, reason, reason);
+    }
+    Decision decision = store.Decide(caller, job->parsed.request);
     job->audit.rule = decision.rule;
     if (!decision.permit) {
         return Refuse(*job, decision.status, decision.reason, decision.detail);
     }
-    if (!taken.refusal.empty()) {
-        return Refuse(*job, SR_FAIL, taken.refusal, taken.refusal);
+    if (!job->look->refusal.empty()) {
+        return Refuse(*job, SR_FAIL, job->look->refusal, job->look->refusal);
     }
     job->permit.emplace(std::move(*decision.permit));
     Admit(job);
@@ -120,7 +250,8 @@ void Requests::WaitedTooLong(std::uint64_t id) {
 void Requests::Refuse(Job& job, int status, const std::string& reason, const std::string& detail) {
     ++refused;
     audit.Denied(job.audit, status, detail);
-    refusals.Say(job.arrival.caller, std::move(job.output), reason);
+    refusals.Say(job.arrival.caller.uid, job.relay, reason);
+    job.relay.reset();
     job.arrival.answer->Set(status, 0);
     job.arrival.answer.reset();
 }
@@ -131,18 +262,7 @@ void Requests::Launch(Job& job) {
     audit.Before(job.audit);
     ++served;
     const std::uint64_t id = job.id;
-    std::shared_ptr<Relay> relay;
-    if (job.output) {
-        relay = relays.Start(std::move(job.output), job.arrival.caller);
-        if (!relay) {
-            Outcome failed;
-            failed.status = SR_FORK_FAILED;
-            failed.reason = "the output's process cannot be started";
-            Done(id, failed);
-            Leave(id);
-            return;
-        }
-    }
+    const std::shared_ptr<Relay> relay = std::move(job.relay);
     executor.Start(
         std::move(*job.permit), job.arrival.caller, relay, job.arrival.received,
         [this, id](const Outcome& outcome) { Done(id, outcome); }, [this, id] { Leave(id); });
@@ -167,7 +287,7 @@ void Requests::Done(std::uint64_t id, const Outcome& outcome) {
 }
 
 void Requests::Record(const Job& job) {
-    const Request& request = job.request;
+    const Request& request = job.parsed.request;
     if (request.agent == "sr_umount" || request.agent == "sr_umount_cifs") {
         mounts.Remove(request.target);
     } else if (request.agent == "sr_mount" || request.agent == "sr_mount_cifs") {
@@ -202,7 +322,12 @@ void Requests::EndAll() {
         return;
     }
     ending = true;
+    RecordTurnedAway();
     std::vector<std::shared_ptr<Job> > waiting;
+    for (const auto& entry : looking) {
+        waiting.push_back(entry.second);
+    }
+    looking.clear();
     for (auto entry = jobs.begin(); entry != jobs.end();) {
         if (entry->second->launched) {
             if (entry->second->arrival.answer) {
@@ -230,7 +355,7 @@ Figures Requests::GetFigures() const {
     Figures figures;
     figures.running = executor.Running();
     figures.waiting = quota.Waiting();
-    figures.abandoned = executor.Abandoned();
+    figures.abandoned = executor.Abandoned() + relays.Hung();
     figures.served = served;
     figures.refused = refused;
     return figures;

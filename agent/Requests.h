@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Leads each request through the rooms behind the gate: parse, decide, run, answer. Every request
-// gets its one answer and its lines in the audit.
+// Leads each request through the rooms behind the gate: parse, look at the caller, decide, run,
+// answer. Every request gets its one answer and its lines in the audit. The look happens in another
+// process (Relay.h), so one that hangs holds up nobody but its own connection, and that not long.
 //
 // Ownership: holds each answer until it is given, and each request until its process has ended.
 // Store, audit and loop are not owned and must outlive it. Threads: the one that runs the loop.
@@ -16,19 +17,21 @@
 
 #include "Audit.h"
 #include "Executor.h"
+#include "Grammar.h"
 #include "Mounts.h"
 #include "Quota.h"
 #include "Refusals.h"
 #include "Relay.h"
 #include "RuleStore.h"
 #include "Service.h"
+#include "Strangers.h"
 
 namespace agent {
 
 struct Figures {
     std::size_t running = 0;
     std::size_t waiting = 0;
-    std::size_t abandoned = 0;
+    std::size_t abandoned = 0;  // processes that do not end; answered long ago
     std::uint64_t served = 0;   // a tool was run
     std::uint64_t refused = 0;  // none was
 };
@@ -42,6 +45,10 @@ public:
     Requests& operator=(const Requests&) = delete;
 
     void Take(const Arrival& arrival);
+    // A call whose caller is not known; its answer is not given here.
+    void TakeUnknown(const Call& call, const std::string& reason);
+    // Calls `known` once, with the caller's executable or, when that does not come, without.
+    void FindExecutable(const Caller& caller, const std::function<void(const Caller&)>& known);
     // Nothing new is taken on, what waits is refused and what runs is asked to end.
     void EndAll();
     // Whether every answer has been given.
@@ -53,6 +60,10 @@ public:
 private:
     struct Job;
 
+    void TurnAway(const Arrival& arrival, bool first);
+    void RecordTurnedAway();
+    void Looked(std::uint64_t id, const Look& look);
+    void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
     void Refuse(Job& job, int status, const std::string& reason, const std::string& detail);
     void Launch(Job& job);
@@ -66,15 +77,24 @@ private:
     Audit& audit;
     Relays relays;
     Refusals refusals;
+    Strangers strangers;
     Quota quota;
+    std::unique_ptr<Timer> turnedAway;  // until their number goes into the audit
     Mounts mounts;
-    Executor executor;  // goes before the relays
+    Executor executor;                                       // goes before the relays
+    std::map<std::uint64_t, std::shared_ptr<Job> > looking;  // in the order of arrival
     std::map<std::uint64_t, std::shared_ptr<Job> > jobs;
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
     std::uint64_t refused = 0;
     bool ending = false;
 };
+
+// Why a text cannot be read. The parser's own words may quote the text, so where that mentions a
+// password they are not for a log nor for another's eyes.
+std::string ReasonOf(const Parsed& parsed, const AuditRequest& described);
+// Fills in the arguments as the audit shows them.
+void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit);
 
 }  // namespace agent
 

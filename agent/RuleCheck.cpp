@@ -143,7 +143,11 @@ std::string BadPath(const Pattern& pattern) {
 }
 
 std::string BadShare(const Pattern& pattern) {
-    return StartsWith(pattern.GetText(), "//") ? "" : "a share is written //HOST/SHARE";
+    std::string why;
+    if (!StartsWith(pattern.GetText(), "//")) {
+        return "a share is written //HOST/SHARE";
+    }
+    return pattern.IsLiteral() && !CheckShare(pattern.GetText(), why) ? why : "";
 }
 
 std::string BadSource(const Pattern& pattern) {

@@ -46,6 +46,10 @@ unsigned AgentBit(const std::string& agent) {
     return 0;
 }
 
+bool NamesGroup(Pattern::Kind kind, const std::string& text) {
+    return kind == Pattern::kGlob && text.find("%gid") != std::string::npos;
+}
+
 class RuleReader {
 public:
     RuleReader(const std::string& name, const Accounts& users, LoadResult& out)
@@ -222,6 +226,7 @@ void RuleReader::ReadPattern(const toml::node& node, Patterns& patterns, Rule& r
         Error(*from, "%uid and %gid are for plain patterns only");
         return;
     }
+    rule.usesGroup = rule.usesGroup || NamesGroup(kind, text);
     patterns.list.emplace_back(kind, text);
     const std::string& why = patterns.list.back().GetError();
     if (!why.empty()) {
@@ -378,6 +383,7 @@ void RuleReader::ReadAlways(const toml::node& node, Rule& rule) {
         std::string option;
         if (ReadText(*element, option)) {
             CheckAlways(*element, option, rule);
+            rule.usesGroup = rule.usesGroup || NamesGroup(Pattern::kGlob, option);
             rule.always.push_back(option);
         }
     }
@@ -438,7 +444,9 @@ void RuleReader::ReadHelpers(const toml::node& node, Rule& rule) {
     }
 }
 
-// The callers give up after 25 s; an answer must have gone out before.
+// The callers give up after 25 s, and the answer may come 3 s after the deadline.
+const std::int64_t kLongestDeadline = 21000;
+
 void RuleReader::ReadDeadline(const toml::node& node, Rule& rule) {
     std::int64_t milliseconds = 0;
     if (const toml::value<std::int64_t>* seconds = node.as_integer()) {
@@ -451,8 +459,8 @@ void RuleReader::ReadDeadline(const toml::node& node, Rule& rule) {
             milliseconds = std::strtol(number.c_str(), nullptr, 10) * (name == "s" ? 1000 : 1);
         }
     }
-    if (milliseconds <= 0 || milliseconds >= 25000) {
-        Error(node, "a deadline is a time such as \"15s\" or \"500ms\", below 25 s");
+    if (milliseconds <= 0 || milliseconds > kLongestDeadline) {
+        Error(node, "a deadline is a time such as \"15s\" or \"500ms\", at most 21 s");
         return;
     }
     rule.deadline = std::chrono::milliseconds(milliseconds);

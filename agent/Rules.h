@@ -61,6 +61,7 @@ struct Rule {
     std::vector<std::string> helpers;  // types whose mount helper may run
     bool suid = false;                 // consent to leave out nosuid
     bool dev = false;                  // consent to leave out nodev
+    bool usesGroup = false;            // %gid stands somewhere in it
     bool openParents = false;          // directories above a path may belong to others than root
     std::vector<int> modes;            // of a node; the first is for callers who name none
     uid_t owner = static_cast<uid_t>(-1);

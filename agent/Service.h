@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The agent's front: the gate, and behind it the question to the bus who is calling. What comes out
-// is a call with its caller.
+// is a call with its caller, whose executable nobody knows yet.
 //
 // What was passed in to Serve() is called on the loop's thread. The connection must outlive the
 // object; whoever holds answers must let go of them first.
@@ -30,13 +30,18 @@ struct Arrival {
 class Service {
 public:
     typedef std::function<void(const Arrival&)> OnRequest;
-    typedef std::function<void(const Question&, const Caller&, TextReply&)> OnQuestion;
+    // Whoever cannot answer at once keeps the reply.
+    typedef std::function<void(const Question&, const Caller&, const std::shared_ptr<TextReply>&)>
+        OnQuestion;
+    // A call whose caller is not known, and why; it has failed.
+    typedef std::function<void(const Call&, const std::string&)> OnUnknown;
 
     // Registers the object; the name is to be requested later. Throws SR_DBusException.
     explicit Service(sentrel::SR_DBusConnection& bus);
 
     // Who takes what comes; until then every call fails.
-    void Serve(const OnRequest& onRequest, const OnQuestion& onQuestion);
+    void Serve(const OnRequest& onRequest, const OnQuestion& onQuestion,
+               const OnUnknown& onUnknown = OnUnknown());
     // Whether the bus is still there.
     bool Connected() const { return gate.Connected(); }
 
@@ -46,6 +51,7 @@ private:
 
     OnRequest requests;
     OnQuestion questions;
+    OnUnknown unknown;
     Gate gate;
     Callers callers;  // goes first: holds answers that are sent through the gate
 };

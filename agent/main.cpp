@@ -12,6 +12,7 @@
 // the name cannot be had, or when the bus is lost; 2 for wrong options.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sentrel/SR_DBusConnection.h>
 #include <sentrel/SR_DBusDispatcher.h>
 #include <sentrel/SR_DBusError.h>
@@ -22,6 +23,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -152,6 +154,30 @@ struct Handlers {
     std::function<bool()> settled;
 };
 
+// libdbus watches its one descriptor twice, for reading and for writing. While its output is stuck,
+// because somebody does not take answers, the loop hands what is there to read to the wrong one of
+// the two: a turn comes back at once, has done nothing, and so do all that follow. After many such
+// turns in a row each one waits a little, until one takes its time again.
+class Pace {
+public:
+    void BeforeTurn() {
+        if (quick >= kManyInVain) {
+            (void)poll(nullptr, 0, 1);
+        }
+        start = std::chrono::steady_clock::now();
+    }
+    void AfterTurn() {
+        const bool atOnce =
+            std::chrono::steady_clock::now() - start < std::chrono::microseconds(100);
+        quick = atOnce ? std::min(quick + 1, kManyInVain) : 0;
+    }
+
+private:
+    static constexpr int kManyInVain = 100;
+    int quick = 0;
+    std::chrono::steady_clock::time_point start;
+};
+
 // Runs the loop until the end. After SIGTERM, and when the bus is lost, what is under way gets a
 // few seconds.
 int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
@@ -170,7 +196,9 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
         }
     });
     std::unique_ptr<agent::Timer> limit;
+    Pace pace;
     for (;;) {
+        pace.BeforeTurn();
         dispatcher.DispatchPending();
         if (!limit && (stop || !service.Connected())) {
             if (!service.Connected()) {
@@ -184,6 +212,7 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
             return service.Connected() ? 0 : 1;
         }
         dispatcher.Dispatch();
+        pace.AfterTurn();
     }
 }
 
@@ -203,7 +232,12 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::Control control(requests, store, [&store] { return Reload(store); });
     service.Serve([&](const agent::Arrival& arrival) { requests.Take(arrival); },
                   [&](const agent::Question& question, const agent::Caller& caller,
-                      agent::TextReply& reply) { control.Answer(question, caller, reply); });
+                      const std::shared_ptr<agent::TextReply>& reply) {
+                      control.Answer(question, caller, reply);
+                  },
+                  [&](const agent::Call& call, const std::string& reason) {
+                      requests.TakeUnknown(call, reason);
+                  });
     if (!TakeName(connection)) {
         return 1;
     }
@@ -231,7 +265,9 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::Mock mock(dispatcher, rows);
     service.Serve([&mock](const agent::Arrival& arrival) { mock.Take(arrival); },
                   [&mock](const agent::Question& question, const agent::Caller& caller,
-                          agent::TextReply& reply) { mock.Answer(question, caller, reply); });
+                          const std::shared_ptr<agent::TextReply>& reply) {
+                      mock.Answer(question, caller, *reply);
+                  });
     if (!TakeName(connection)) {
         return 1;
     }
@@ -240,7 +276,7 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
     Handlers handlers;
     handlers.onHangUp = [] { Complain("a table is read at the start only"); };
     handlers.endAll = [&mock] { mock.EndAll(); };
-    handlers.settled = [] { return true; };
+    handlers.settled = [&mock] { return mock.Settled(); };
     return Run(dispatcher, service, signals, handlers);
 }
 

@@ -167,6 +167,50 @@ TEST_F(AgentTest, MalformedArgumentsAreAnswered1WithAReason) {
     EXPECT_FALSE(Exists(tools.File("ran")));
 }
 
+// Behind a password's name nothing is quoted: the parser may have taken a piece of it for an
+// option.
+TEST_F(AgentTest, APieceOfAPasswordThatLooksLikeAnOptionIsShownNowhere) {
+    Serve();
+    for (const char* text :
+         {"-o user=a,pass=my --hunter2 //nas/s /media/m",
+          "-o pass=my '--hunter2=x' //nas/s /media/m", "-o pass=my --hunter2 \"//nas/s"}) {
+        test::Pipe output;
+        EXPECT_EQ("1 0", Answer("sr_mount_cifs", text, output.Writer())) << text;
+        EXPECT_EQ("sentrel-agent: the arguments cannot be read", output.ReadLine(test::kLimit));
+        const std::string line = agent->NextLineWith("status=1");
+        EXPECT_TRUE(test::Holds(line, "reason=\"the arguments cannot be read\"")) << line;
+        EXPECT_FALSE(test::Holds(line, "hunter2")) << line;
+    }
+    test::Pipe output;
+    EXPECT_EQ("1 0", Answer("sr_mount_cifs", "-o user=a --hunter2 //nas/s /m", output.Writer()));
+    EXPECT_TRUE(test::Holds(output.ReadLine(test::kLimit), "hunter2"));  // where none is, it helps
+}
+
+TEST_F(AgentTest, ACallWhoseCallerHasGoneBeforeItIsKnownIsALineInTheAudit) {
+    tools.Add("rmmod", ": > \"$DIR/ran\"");
+    Serve();
+    int status = 0;
+    agent->Signal(SIGSTOP);
+    ASSERT_EQ(agent->Pid(), waitpid(agent->Pid(), &status, WUNTRACED));
+    ASSERT_TRUE(WIFSTOPPED(status));
+    std::string name;
+    {
+        const test::PlainConnection gone;
+        name = gone.UniqueName();
+        test::Calls calls(gone.Get());
+        calls.Add("sr_rmmod", "x");
+    }
+    const Clock::time_point start = Clock::now();
+    while (dbus_bus_name_has_owner(connection->Get(), name.c_str(), nullptr) &&
+           Seconds(start) < 20) {
+    }
+    agent->Signal(SIGCONT);
+    const std::string line = agent->NextLineWith("decision=deny");
+    EXPECT_TRUE(test::Holds(line, "agent=\"sr_rmmod\" args=\"x\"")) << line;
+    EXPECT_TRUE(test::Holds(line, "reason=\"the bus does not know the caller: " + name)) << line;
+    EXPECT_FALSE(Exists(tools.File("ran")));
+}
+
 TEST_F(AgentTest, AnUnknownAgentNameIsAnswered10) {
     Serve();
     EXPECT_EQ("10 0", Answer("sr_format", "x"));

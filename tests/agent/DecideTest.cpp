@@ -52,7 +52,8 @@ std::string Command(const Plan& plan) {
 }
 
 std::string Pins(const Plan& plan) {
-    static const char* const kKinds[] = {"directory", "file", "any", "parent", "mountpoint"};
+    static const char* const kKinds[] = {"directory", "file",       "any",
+                                         "parent",    "mountpoint", "module"};
     std::string line;
     for (const Pin& pin : plan.pins) {
         line += std::to_string(pin.argument) + " " + kKinds[pin.kind] + " " + pin.path +
@@ -221,7 +222,7 @@ TEST(Decide, AModulesFileNeedsAClosedChainWhateverTheRuleSays) {
     const std::string rule = "path = \"/m/*.ko\"\nmodule = \"snd_*\"\nparameters = \"index=?\"\n";
     const Plan plan = PlanOf("sr_insmod", rule, "/m/snd-x.ko index=1");
     EXPECT_EQ(Command(plan), "/usr/sbin/insmod -- /m/snd-x.ko index=1");
-    EXPECT_EQ(Pins(plan), "2 file /m/snd-x.ko closed;");
+    EXPECT_EQ(Pins(plan), "2 module /m/snd-x.ko closed;");
     EXPECT_EQ(Command(PlanOf("sr_insmod", rule, "/m/snd-x.ko index=12")), "");
     EXPECT_EQ(Command(PlanOf("sr_insmod", rule, "/m/usb-x.ko")), "");
     EXPECT_EQ(Command(PlanOf("sr_insmod", "path = \"/m/*.ko\"\n", "/m/x.ko a=1")), "");
@@ -338,6 +339,26 @@ TEST(Decide, ADenyingRuleLooksPastOptions) {
     EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l -f /n").status, agent::kOk);
 }
 
+// The kernel may find any type where none is named.
+TEST(Decide, ADenyingRuleForATypeIsNotEvadedByLeavingTheTypeAway) {
+    const auto set = MakeRules(
+        "[[rule]]\nname = \"no\"\nagent = \"sr_mount\"\npermit = false\ntype = [\"ntfs\", "
+        "\"ext?\"]\n" +
+        std::string(kWideRules));
+    for (const char* denied : {"-t ntfs /a /m", "-t ext4 /a /m", "/a /m", "-t auto /a /m"}) {
+        EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mount", denied).rule, "test.toml:1") << denied;
+    }
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mount", "-t vfat /a /m").status, agent::kOk);
+    // A binding has no type to be looked for; the rules behind decide.
+    EXPECT_NE(Decide(*set, MakeCaller(1), "sr_mount", "--bind /a /m").rule, "test.toml:1");
+}
+
+TEST(Decide, APermittingRuleForATypeDoesNotPermitAnyType) {
+    const std::string rule = "source = \"/**\"\ntarget = \"/**\"\ntype = \"vfat\"\n";
+    EXPECT_EQ(Command(PlanOf("sr_mount", rule, "/a /m")), "");
+    EXPECT_EQ(Command(PlanOf("sr_mount", rule, "-t auto /a /m")), "");
+}
+
 TEST(Decide, ADenyingRuleWithoutNumbersMeansAllNodes) {
     const auto set =
         MakeRules("[[rule]]\nname = \"no\"\nagent = \"sr_mknod\"\npermit = false\nkind = \"b\"\n" +
@@ -406,6 +427,39 @@ TEST(Decide, AToolThatIsNotThereIsNotImplementedOnlyForThoseWhoMay) {
     const Decision moved = Decide(*set, MakeCaller(1000), "sr_umount", "/media/usb", tools);
     ASSERT_TRUE(moved.permit);
     EXPECT_EQ(moved.permit->GetPlan().argv[0], "/opt/bin/umount");
+}
+
+// The account database may be on a network.
+TEST(Decide, AnAccountIsLookedUpOnlyForARuleOfTheOperationThatNamesItsGroup) {
+    class CountingAccounts : public FixedAccounts {
+    public:
+        bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override {
+            ++asked;
+            return FixedAccounts::FindPrimaryGroup(uid, gid);
+        }
+        mutable int asked = 0;
+    };
+    const auto asked = [](const std::string& rules, const char* agentName, const char* text) {
+        const CountingAccounts accounts;
+        const agent::Decision decision =
+            agent::Decider(agent::Tools(), accounts)
+                .Decide(*MakeRules(rules), MakeCaller(1000), agent::Parse(agentName, text).request);
+        EXPECT_EQ(decision.status, agent::kOk) << text;
+        return accounts.asked;
+    };
+    const std::string off = Rmmod("off", true, "user = 1000\nmodule = \"m\"\n");
+    const std::string start =
+        "[[rule]]\nname = \"r\"\nagent = \"sr_mount\"\npermit = true\nuser = 1000\n" +
+        std::string(kMountRule);
+    const std::string allow = start + "options.allow = [\"uid=%uid\", \"gid=%gid\"]\n";
+    const std::string always = start + "options.always = \"gid=%gid\"\n";
+    const std::string exact = start + "options.allow = { exact = \"gid=1\" }\n";
+    EXPECT_EQ(asked(off, "sr_rmmod", "m"), 0);
+    EXPECT_EQ(asked(allow + off, "sr_rmmod", "m"), 0);
+    EXPECT_EQ(asked(exact, "sr_mount", "-t vfat /a /m"), 0);
+    EXPECT_EQ(asked(allow, "sr_mount", "-t vfat -o gid=1100 /a /m"), 1);
+    EXPECT_EQ(asked(always + allow, "sr_mount", "-t vfat /a /m"), 1);
+    EXPECT_EQ(asked(off + allow + always, "sr_mount", "-t vfat -o gid=1100 /a /m"), 1);
 }
 
 TEST(Decide, AnAdditionThatNeedsAnUnknownGroupIsRefused) {

@@ -197,6 +197,36 @@ TEST(Grammar, MountRefusesOptionsThatChangeOtherMountsOrTheProtection) {
     EXPECT_EQ(Of("sr_mount", "-o bind etc /b"), "1 the source must be an absolute path");
 }
 
+TEST(Grammar, MountRefusesAPathInAnOptionThatClimbs) {
+    for (const char* value : {"..", "/srv/../etc", "../x", "x/..", "/a:..", "/a:../b", "..:/a",
+                              "/srv/layers/x:etc:..", "/a=../b:/.."}) {
+        EXPECT_EQ(Of("sr_mount", std::string("-t ext4 -o data=") + value + " /a /m"),
+                  "1 the value of the option 'data' holds '..'")
+            << value;
+    }
+    for (const char* value : {"...", "/a/..x", "/a/x..", "a..b", "1.2", "/a:/b", ":", "/"}) {
+        EXPECT_EQ(Parse("sr_mount", std::string("-t ext4 -o data=") + value + " /a /m").status,
+                  agent::kOk)
+            << value;
+    }
+    EXPECT_EQ(Of("sr_mount_cifs", "-o iocharset=/a/../b //nas/x /m"),
+              "1 the value of the option 'iocharset' holds '..'");
+}
+
+TEST(Grammar, EachDirectoryOfAnOverlayIsOneCleanPath) {
+    for (const char* key : {"lowerdir", "upperdir", "workdir"}) {
+        const std::string start = std::string("-t overlay -o ") + key;
+        EXPECT_EQ(Parse("sr_mount", start + "=/srv/layers/x none /m").status, agent::kOk) << key;
+        for (const char* rest : {"", "=", "=srv", "=/", "=/srv/", "=//srv", "=/srv//x", "=/srv/./x",
+                                 "=/srv/../x", "=/srv:/etc", "=/srv::/etc", "=:/srv", "=/srv:"}) {
+            EXPECT_EQ(Parse("sr_mount", start + rest + " none /m").status, agent::kFail)
+                << key << rest;
+        }
+        EXPECT_EQ(Of("sr_mount", start + "=/srv:/etc none /m"),
+                  "1 the option '" + std::string(key) + "' takes one clean absolute path");
+    }
+}
+
 TEST(Grammar, PathsAreMadeNormalOrRefused) {
     Expect("sr_umount", {{"/m/x", "sr_umount target='/m/x'"},
                          {"/m//x///", "sr_umount target='/m/x'"},
@@ -347,7 +377,8 @@ TEST(Grammar, AShareRefusesOptionsThatNameAnotherShareOrFile) {
 }
 
 TEST(Grammar, ASharesSourceIsAHostAndAShare) {
-    for (const char* source : {"//nas/music", "//nas.local/music/a b", "//10.0.0.1/x$"}) {
+    for (const char* source : {"//nas/music", "//nas.local/music/a-b_c.d", "//10.0.0.1/x$",
+                               "//nas/x$/y", "//nas_1/A/b.c/D"}) {
         const std::string text = std::string("'") + source + "' /m";
         EXPECT_EQ(Parse("sr_mount_cifs", text).request.source, source);
     }
@@ -356,6 +387,25 @@ TEST(Grammar, ASharesSourceIsAHostAndAShare) {
           "//nas/music/..", "//nas/a//b", "//nas/music/", "//nas/a,b", "//n%s/a",
           "'\\\\nas\\music'", "nas:/music", "music", "//nas/a\\\"b", "//n s/x", "//user@nas/x"}) {
         EXPECT_EQ(Parse("sr_mount_cifs", std::string(source) + " /m").status, agent::kFail)
+            << source;
+    }
+}
+
+TEST(Grammar, ASharesNameHoldsNothingThatAProgramCouldTakeForMore) {
+    const std::string bad = " !\"#%&'()*+,:;<=>?@[\\]^`{|}~\xc3";
+    for (const char letter : bad) {
+        const std::string at(1, letter);
+        const std::string word = letter == '\'' ? "\"//nas/a'b\"" : "'//nas/a" + at + "b'";
+        EXPECT_EQ(Of("sr_mount_cifs", word + " /m"),
+                  letter == '\xc3' ? "1 the share's name holds '\\xc3', which is not available"
+                  : letter == '\'' ? "1 the share's name holds '\\x27', which is not available"
+                  : letter == '\\'
+                      ? "1 the share's name holds '\\x5c', which is not available"
+                      : "1 the share's name holds '" + at + "', which is not available");
+    }
+    for (const char* source : {"//nas/$", "//nas/$a", "//nas/a$b", "//nas/a$$", "//nas/a/$/b"}) {
+        EXPECT_EQ(Of("sr_mount_cifs", std::string(source) + " /m"),
+                  "1 a '$' can only be the end of a share's name")
             << source;
     }
 }

@@ -33,6 +33,14 @@ bool Contains(const Words& list, const std::string& text) {
     return std::find(list.begin(), list.end(), text) != list.end();
 }
 
+// ".." stands between the beginning of the value, '/', ':' and the end.
+bool Climbs(const std::string& option) {
+    std::string value =
+        ":" + option.substr(std::min(option.find('='), option.size() - 1) + 1) + ":";
+    std::replace(value.begin(), value.end(), ':', '/');
+    return value.find("/../") != std::string::npos;
+}
+
 class Judge {
 public:
     Judge(const agent::Rule& theRule, const agent::Caller& caller, const agent::Tools& theTools,
@@ -79,7 +87,7 @@ private:
 
     void CheckWords() {
         const auto milliseconds = plan.deadline.count();
-        Demand(milliseconds > 0 && milliseconds < 25000, "the deadline is out of bounds");
+        Demand(milliseconds > 0 && milliseconds <= 21000, "the deadline is out of bounds");
         for (const std::string& operand : operands) {
             Demand(!operand.empty() && operand[0] != '-', "an operand is empty or begins with '-'");
         }
@@ -181,6 +189,12 @@ private:
             Demand(forced || Allowed(rule.options, option), "the option " + option);
             Demand(option.find_first_of("\"'\\") == std::string::npos, "a quote is in an option");
             const std::string key = option.substr(0, option.find('='));
+            Demand(!Climbs(option), "a path climbs in the option " + option);
+            if (key == "lowerdir" || key == "upperdir" || key == "workdir") {
+                Demand(option.compare(key.size(), 2, "=/") == 0 &&
+                           option.find(':') == std::string::npos,
+                       "more than one directory in the option " + option);
+            }
             for (const char* never : {"remount", "move", "rbind", "source", "helper", "uhelper",
                                       "users", "owner", "group", "pass", "password"}) {
                 Demand(key != never, "the option " + option);
@@ -246,7 +260,7 @@ private:
     void CheckModule() {
         Demand(plan.argv[0] == tools.insmod, "the tool is not insmod");
         Demand(front.empty() && !operands.empty() && Allowed(rule.path, operands[0]) &&
-                   HasPin(0, Pin::kFile) && plan.pins[0].rootOwnedChain,
+                   HasPin(0, Pin::kModule) && plan.pins[0].rootOwnedChain,
                "the module is not allowed");
         for (std::size_t i = 1; i < operands.size(); ++i) {
             Demand(Allowed(rule.parameters, operands[i]), "the parameter " + operands[i]);

@@ -127,3 +127,60 @@ TEST_F(QuotaTest, RefusedRequestsCostNoTokensAndKeepNoPlace) {
     EXPECT_EQ(quota.Leave(1, 1), Ids({3}));
     EXPECT_EQ(Enter(quota, 1, 400), Quota::Entry::kWait);
 }
+
+TEST_F(QuotaTest, CallsThatAreRefusedLaterAreCountedTooAndABurstFillsAgainWithTime) {
+    Quota quota(Small());  // 300 calls a minute, 100 of them at once
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(quota.Call(1, now), Quota::Turn::kTaken);
+    }
+    EXPECT_EQ(quota.Call(1, now), Quota::Turn::kFirstAway);
+    EXPECT_EQ(quota.Call(2, now), Quota::Turn::kTaken);  // another uid is not concerned
+    now += std::chrono::milliseconds(199);
+    EXPECT_EQ(quota.Call(1, now), Quota::Turn::kAway);
+    now += std::chrono::milliseconds(2);
+    EXPECT_EQ(quota.Call(1, now), Quota::Turn::kTaken);
+    EXPECT_EQ(quota.Call(1, now), Quota::Turn::kAway);
+}
+
+TEST_F(QuotaTest, CallsOfAFullMinuteComeThroughAndNoMore) {
+    Quota quota(Small());
+    const Quota::TimePoint start = now;
+    int taken = 0;
+    for (; now < start + std::chrono::minutes(2); now += std::chrono::milliseconds(10)) {
+        taken += quota.Call(1, now) == Quota::Turn::kTaken ? 1 : 0;
+    }
+    EXPECT_GE(taken, 699);  // the burst and two minutes' worth
+    EXPECT_LE(taken, 701);
+}
+
+TEST_F(QuotaTest, CallsThatWereTurnedAwayAreHandedOverOnceAsOneNumberForEachUid) {
+    Quota quota(Small());
+    for (int i = 0; i < 130; ++i) {
+        (void)quota.Call(1, now);
+    }
+    for (int i = 0; i < 101; ++i) {
+        (void)quota.Call(2, now);
+    }
+    const std::map<uid_t, std::uint64_t> expected = {{1, 30}, {2, 1}};
+    EXPECT_EQ(quota.TakeTurnedAway(), expected);
+    EXPECT_TRUE(quota.TakeTurnedAway().empty());
+    EXPECT_EQ(quota.Call(1, now), Quota::Turn::kFirstAway);
+}
+
+TEST_F(QuotaTest, RootsCallsAreNotCounted) {
+    Quota quota(Small());
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(quota.Call(0, now), Quota::Turn::kTaken);
+    }
+    EXPECT_TRUE(quota.TakeTurnedAway().empty());
+}
+
+TEST_F(QuotaTest, CallsThatWereTurnedAwayTakeNoRequestsPlace) {
+    Quota quota(Small());
+    for (int i = 0; i < 300; ++i) {
+        (void)quota.Call(1, now);
+    }
+    EXPECT_EQ(Enter(quota, 1, 1), Quota::Entry::kRun);
+    EXPECT_EQ(quota.Waiting(), 0u);
+    EXPECT_EQ(quota.Running(), 1u);
+}

@@ -168,7 +168,7 @@ TEST(RandomDecide, TheSecondOpinionObjectsToEveryTamperedMount) {
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.requiredMountFlags.clear(); }));
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.argv.push_back("/x"); }));
     EXPECT_TRUE(
-        IsObjectedTo(kMount, [](Plan& plan) { plan.deadline = std::chrono::milliseconds(25000); }));
+        IsObjectedTo(kMount, [](Plan& plan) { plan.deadline = std::chrono::milliseconds(21001); }));
     for (const char* options :
          {"ro,nosuid", "ro,nodev,nosuid,suid", "nosuid,nodev,noexec,ro",
           "ro,noexec,exec,nosuid,nodev", "ro,x=\",noexec,nosuid,nodev", "ro,nosuid,nodev"}) {

@@ -200,3 +200,142 @@ TEST_F(RelayTest, TheEndOfAllRelaysKillsThoseThatRun) {
     relays.reset();
     EXPECT_TRUE(WaitEnd(pidfd.Get()));
 }
+
+TEST_F(RelayTest, WhatTheLookFindsIsToldOnceAndAnOutputIsCopiedTo) {
+    TestPipe pipe;
+    int told = 0;
+    agent::Look found;
+    agent::RelayTask task;
+    task.executable = [] { return std::string("/usr/bin/some"); };
+    task.output = [] {
+        agent::Descriptor given;
+        given.fd.Reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
+        return given;
+    };
+    const auto known = [&](const agent::Look& look) {
+        ++told;
+        found = look;
+    };
+    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known, std::move(pipe.writer));
+    ASSERT_TRUE(relay);
+    EXPECT_EQ(told, 0);  // never before Start() has returned
+    ASSERT_TRUE(RunUntil([&told] { return told > 0; }));
+    EXPECT_EQ(found.executable, "/usr/bin/some");
+    EXPECT_EQ(found.output, relay);
+    relay->Say("a line");
+    relay->CloseInput();
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(ReadLines(pipe.reader.Get(), 1), "a line\n");
+    EXPECT_EQ(told, 1);
+}
+
+TEST_F(RelayTest, ALookWithoutAnOutputTellsTheExecutableAndEnds) {
+    agent::Look found;
+    bool told = false;
+    agent::RelayTask task;
+    task.executable = [] { return std::string(4000, 'x'); };  // more than there is room for
+    const auto known = [&](const agent::Look& look) {
+        told = true;
+        found = look;
+    };
+    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known);
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_TRUE(told);
+    EXPECT_EQ(found.executable, "");
+    EXPECT_FALSE(found.output);
+    EXPECT_EQ(found.refusal, "");
+    EXPECT_EQ(relays->Count(), 0u);
+}
+
+TEST_F(RelayTest, ARefusedOutputIsToldWithItsReason) {
+    agent::Look found;
+    agent::RelayTask task;
+    task.output = [] {
+        agent::Descriptor refused;
+        refused.refusal = "not this one";
+        return refused;
+    };
+    const std::shared_ptr<Relay> relay =
+        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_FALSE(found.output);
+    EXPECT_EQ(found.refusal, "not this one");
+    task.output = [] { return agent::Descriptor(); };  // neither one nor a reason
+    const std::shared_ptr<Relay> other =
+        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+    ASSERT_TRUE(RunToItsEnd(other));
+    EXPECT_FALSE(found.output);
+    EXPECT_EQ(found.refusal, "the output descriptor cannot be taken");
+}
+
+TEST_F(RelayTest, ALookThatTakesTooLongIsGivenUpWithWhatItFoundSoFar) {
+    agent::RelayLimits limits;
+    limits.look = milliseconds(200);
+    Restart(agent::ExecutorLimits(), limits);
+    agent::Look found;
+    agent::RelayTask task;
+    task.executable = [] { return std::string("/usr/bin/some"); };
+    task.output = []() -> agent::Descriptor {
+        for (;;) {
+            pause();
+        }
+    };
+    const std::shared_ptr<Relay> relay =
+        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(found.executable, "/usr/bin/some");
+    EXPECT_FALSE(found.output);
+    EXPECT_EQ(found.refusal, "the output descriptor does not answer");
+    EXPECT_EQ(relays->Count(), 0u);
+    EXPECT_EQ(relays->Hung(), 0u);
+}
+
+TEST_F(RelayTest, ALookThatDiesIsToldToo) {
+    agent::Look found;
+    int told = 0;
+    agent::RelayTask task;
+    task.output = []() -> agent::Descriptor { _exit(3); };
+    const auto known = [&](const agent::Look& look) {
+        ++told;
+        found = look;
+    };
+    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known);
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(found.refusal, "the output descriptor cannot be looked at");
+    task.output = nullptr;
+    task.executable = []() -> std::string { _exit(3); };
+    const std::shared_ptr<Relay> other = relays->Start(task, caller, known);
+    ASSERT_TRUE(RunToItsEnd(other));
+    EXPECT_EQ(told, 2);
+    EXPECT_EQ(found.refusal, "");  // none was wanted
+}
+
+TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
+    agent::RelayLimits limits;
+    limits.ofOne = 2;
+    limits.all = 3;
+    Restart(agent::ExecutorLimits(), limits);
+    std::string reason;
+    agent::Caller other = caller;
+    other.uid = caller.uid + 1;
+    agent::RelayTask task;
+    task.executable = []() -> std::string {
+        for (;;) {
+            pause();
+        }
+    };
+    const auto known = [](const agent::Look&) {};
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_TRUE(relays->HasRoom(caller.uid, reason));
+        ASSERT_TRUE(relays->Start(task, caller, known));
+    }
+    EXPECT_FALSE(relays->HasRoom(caller.uid, reason));
+    EXPECT_EQ(reason, "too many requests at once");
+    EXPECT_TRUE(relays->HasRoom(other.uid, reason));
+    const std::shared_ptr<Relay> third = relays->Start(task, other, known);
+    EXPECT_FALSE(relays->HasRoom(other.uid + 1, reason));
+    third->Kill();
+    ASSERT_TRUE(RunToItsEnd(third));
+    EXPECT_TRUE(relays->HasRoom(other.uid, reason));
+}

@@ -107,6 +107,9 @@ TEST(RuleCheck, FindsPatternsThatNoRequestCanHave) {
     };
     EXPECT_EQ(finding("sr_umount", "target = \"media\"\n"),
               "the target 'media' can never match: no path begins like this");
+    EXPECT_EQ(finding("sr_mount_cifs", "target = \"/m\"\nsource = \"//nas/my music\"\n"),
+              "the source '//nas/my music' can never match: the share's name holds ' ', which is "
+              "not available");
     EXPECT_EQ(finding("sr_umount", "target = \"*\"\n"),
               "the target '*' can never match: a wildcard does not match the '/' at the beginning "
               "of a path");

@@ -2,7 +2,7 @@
 # The serving program: its rooms in the process, the descriptor and the relay as processes, then the
 # program itself on a private bus.
 if(TARGET sentrel-agent)
-  add_library(agent_rules_support STATIC agent/Oracle.cpp agent/RuleTexts.cpp)
+  add_library(agent_rules_support STATIC agent/Denials.cpp agent/Oracle.cpp agent/RuleTexts.cpp)
   target_include_directories(agent_rules_support PUBLIC agent)
   target_link_libraries(agent_rules_support PUBLIC sentrel_agent_rules PRIVATE sentrel_warnings)
   foreach(name DecideTest DenialMatrixTest ExamplesTest GrammarTest PatternTest RandomDecideTest
@@ -24,15 +24,20 @@ if(TARGET sentrel-agent)
     add_dependencies(${name} stand_in_tool)
   endforeach()
 
-  add_library(agent_support STATIC agent/Programs.cpp)
+  sentrel_test(CallersTest agent/CallersTest.cpp LIBRARY LABEL agent LIBS sentrel_agent_objects)
+
+  add_library(agent_support STATIC agent/OtherUsers.cpp agent/Programs.cpp)
   target_include_directories(agent_support PUBLIC agent)
   target_compile_definitions(agent_support PRIVATE
     "SENTREL_AGENT_PROGRAM=\"$<TARGET_FILE:sentrel-agent>\"")
   target_link_libraries(agent_support PUBLIC test_support PRIVATE sentrel_warnings)
   add_dependencies(agent_support sentrel-agent)
-  foreach(name AgentTest ControlTest HostileTest MockTest)
+  foreach(name AgentTest ControlTest FloodTest HostileTest MockTest)
     sentrel_test(${name} agent/${name}.cpp bus/Listener.cpp LIBRARY LABEL agent LIBS agent_support)
   endforeach()
+
+  sentrel_test(DenialAuditTest agent/DenialAuditTest.cpp bus/Listener.cpp LIBRARY LABEL agent
+    LIBS agent_support agent_rules_support)
 
   if(SENTREL_FUZZ AND CMAKE_CXX_COMPILER_ID MATCHES Clang)
     include(fuzz/fuzz.cmake)

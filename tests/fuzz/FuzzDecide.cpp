@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Fuzz target: any text, as any of four callers to any operation, against narrow and wide rules.
-// It stops at the first permit that the second opinion objects to.
+// It stops at the first permit that the second opinion objects to. The first byte chooses caller
+// and operation: 'h' to 'o' are the user of the narrow rules and each operation in turn.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

@@ -6,6 +6,7 @@
 
 #include <set>
 
+#include "Credentials.h"
 #include "Pidfd.h"
 #include "Quota.h"
 #include "RunFixture.h"
@@ -166,13 +167,75 @@ TEST_F(ExecutorTest, AFileOfTheCallersOwnMayHoldTheSecret) {
     ASSERT_EQ(chown(path.c_str(), caller.uid, caller.groups[0]), 0);
     Plan plan = ToolPlan({"secret"});
     plan.secretFile = path;
-    EXPECT_EQ(Run(plan).output.find("secret [password=from-a-file] 20\n"), 0u);
+    const std::string output = Run(plan).output;
+    const std::string first = "secret [from-a-file] 11\n";
+    EXPECT_EQ(output.find(first), 0u) << output;
+    EXPECT_EQ(output.find("from-a-file", first.size()), std::string::npos) << output;
+}
+
+TEST_F(ExecutorTest, TheUserAndTheDomainOfACredentialsFileBecomeOptions) {
+    const std::string path = directory / "credentials";
+    ASSERT_TRUE(WriteFile(path, "username=me\npassword=x\ndomain=HOME\n", 0600));
+    ASSERT_EQ(chown(path.c_str(), caller.uid, caller.groups[0]), 0);
+    const auto arguments = [&](const std::vector<std::string>& words) {
+        Plan plan = ToolPlan(words);
+        plan.secretFile = path;
+        return Run(plan).output.substr(tool.size() + 1);
+    };
+    EXPECT_EQ(arguments({"args", "-o", "ro,nosuid", "--", "//nas/x"}),
+              "args\n-o\ndomain=HOME,user=me,ro,nosuid\n--\n//nas/x\n");
+    EXPECT_EQ(arguments({"args", "-o", "user=you,nosuid", "--", "//nas/x"}),
+              "args\n-o\ndomain=HOME,user=you,nosuid\n--\n//nas/x\n");
+    EXPECT_EQ(arguments({"args", "-o", "ro,domain=W,user=you", "--", "//nas/x"}),
+              "args\n-o\nro,domain=W,user=you\n--\n//nas/x\n");
+    EXPECT_EQ(arguments({"args", "-o", "cruser=a", "--", "-o"}),
+              "args\n-o\ndomain=HOME,user=me,cruser=a\n--\n-o\n");
+}
+
+TEST_F(ExecutorTest, ACredentialsFileThatIsNoneIsRefusedWithItsReason) {
+    const std::string path = directory / "credentials";
+    const auto refused = [&](const std::string& content, const std::string& reason) {
+        ASSERT_TRUE(WriteFile(path, content, 0600));
+        ASSERT_EQ(chown(path.c_str(), caller.uid, caller.groups[0]), 0);
+        Plan plan = ToolPlan({"secret"});
+        plan.secretFile = path;
+        ExpectRefused(plan, reason);
+    };
+    refused("", "cannot be read");
+    refused("hunter2\n", "has no line 'password='");
+    refused("username=me\n", "has no line 'password='");
+    refused("password=x\n" + std::string(4086, '#'), "is larger than 4096 bytes");
+    refused("password=x" + std::string(1, '\0') + "y\n", "holds a NUL");
+    refused("password=x\nuser=a,uid=0\n", "has a malformed user");
+}
+
+TEST(Credentials, AreReadInTheToolsOwnForm) {
+    const auto read = [](const std::string& text) {
+        agent::Credentials found;
+        std::string reason;
+        return agent::ReadCredentials(text, found, reason)
+                   ? found.user + "|" + found.domain + "|" + found.password
+                   : reason;
+    };
+    EXPECT_EQ(read("username=me\npassword=p,w=\"1 \ndomain=HOME"), "me|HOME|p,w=\"1 ");
+    EXPECT_EQ(read(" \tuser=a$\r\n\tpass= p\r\n dom=H.-_\r\n"), "a$|H.-_| p");
+    EXPECT_EQ(read("# x\n\nnonsense\nuid=0\nPassword=no\npassword=p\npasswordx=q"), "||p");
+    EXPECT_EQ(read("password=p" + std::string(4086, '\n')), "||p");
+    for (const char* name : {"-a", "a b", "a,b", "a/b", "a%b", "a\\b", "a=b", "\xc3\xa4"}) {
+        EXPECT_EQ(read(std::string("password=p\nuser=") + name),
+                  "the file of credentials has a malformed user");
+        EXPECT_EQ(read(std::string("password=p\ndomain=") + name),
+                  "the file of credentials has a malformed domain");
+    }
+    EXPECT_EQ(read("password=p\nuser=" + std::string(256, 'a')),
+              "the file of credentials has a malformed user");
+    EXPECT_EQ(read("password=\nuser=me"), "the file of credentials has no line 'password='");
 }
 
 TEST_F(ExecutorTest, AFileOfRootsIsNoSecretOfTheCallers) {
     NEEDS_ROOT();
     const std::string path = directory / "shadow";
-    ASSERT_TRUE(WriteFile(path, "root-only", 0600));
+    ASSERT_TRUE(WriteFile(path, "password=root-only", 0600));
     Plan plan = ToolPlan({"secret"});
     plan.secretFile = path;
     ExpectRefused(plan, "secret");
@@ -182,7 +245,7 @@ TEST_F(ExecutorTest, AFileOfRootsIsNoSecretOfTheCallers) {
 
 TEST_F(ExecutorTest, ALinkToTheSecretIsNotFollowed) {
     const std::string path = directory / "credentials";
-    ASSERT_TRUE(WriteFile(path, "x", 0600));
+    ASSERT_TRUE(WriteFile(path, "password=x", 0600));
     ASSERT_EQ(chown(path.c_str(), caller.uid, caller.groups[0]), 0);
     ASSERT_EQ(symlink(path.c_str(), (directory / "link").c_str()), 0);
     Plan plan = ToolPlan({"secret"});
@@ -240,6 +303,25 @@ TEST_F(ExecutorTest, APathOfAnotherKindIsRefused) {
     ExpectRefused(PinPlan(Pin::kDirectory, directory / "file"), "Not a directory");
     ExpectRefused(PinPlan(Pin::kFile, directory.path), "is a directory");
     ExpectRefused(PinPlan(Pin::kMountPoint, directory.path), "nothing is mounted");
+}
+
+TEST_F(ExecutorTest, AModulesFileMustBeRootsOwnAndClosedToOthers) {
+    NEEDS_ROOT();
+    const std::string path = directory / "x.ko";
+    const std::string reason = "is not a file that only root can write";
+    ASSERT_TRUE(WriteFile(path, "module", 0644));
+    EXPECT_EQ(Run(PinPlan(Pin::kModule, path)).outcome.status, 0);
+    for (const mode_t mode : {0664U, 0646U, 0666U}) {
+        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+        ExpectRefused(PinPlan(Pin::kModule, path), reason);
+    }
+    ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+    ASSERT_EQ(chown(path.c_str(), kNobody, 0), 0);
+    ExpectRefused(PinPlan(Pin::kModule, path), reason);
+    EXPECT_EQ(Run(PinPlan(Pin::kFile, path)).outcome.status, 0);  // an image may be anybody's
+    ASSERT_EQ(mkfifo((directory / "pipe.ko").c_str(), 0600), 0);
+    ExpectRefused(PinPlan(Pin::kModule, directory / "pipe.ko"), reason);
+    ExpectRefused(PinPlan(Pin::kModule, directory.path), reason);
 }
 
 TEST_F(ExecutorTest, ADirectoryOpenToOthersIsRefusedWhereTheChainMustBeRoots) {
@@ -396,7 +478,7 @@ TEST_F(ExecutorTest, TwoHundredRequestsAreServedWhileOneHangs) {
     std::vector<Result> results(200);
     std::size_t finished = 0;
     TestPipe hungPipe;
-    std::function<void(std::uint64_t)> launch = [&](std::uint64_t id) {
+    std::function<void(std::size_t)> launch = [&](std::size_t id) {
         const bool hung = id == 0;
         Plan plan = hung ? ToolPlan({"ignore-term"}) : ToolPlan({"exit", std::to_string(id % 100)});
         plan.deadline = hung ? milliseconds(15000) : milliseconds(60000);
@@ -411,11 +493,11 @@ TEST_F(ExecutorTest, TwoHundredRequestsAreServedWhileOneHangs) {
             [&, id] {
                 ++finished;
                 for (const std::uint64_t next : quota.Leave(caller.uid, id)) {
-                    launch(next);
+                    launch(static_cast<std::size_t>(next));
                 }
             });
     };
-    for (std::uint64_t id = 0; id < results.size(); ++id) {
+    for (std::size_t id = 0; id < results.size(); ++id) {
         std::string reason;
         const agent::Quota::Entry entry =
             quota.Enter(caller.uid, id, std::chrono::steady_clock::now(), reason);
@@ -426,7 +508,7 @@ TEST_F(ExecutorTest, TwoHundredRequestsAreServedWhileOneHangs) {
     }
     ASSERT_TRUE(RunUntil([&finished] { return finished == 199; }));
     EXPECT_EQ(results[0].answers, 0);
-    for (std::uint64_t id = 1; id < results.size(); ++id) {
+    for (std::size_t id = 1; id < results.size(); ++id) {
         EXPECT_EQ(results[id].answers, 1);
         EXPECT_EQ(results[id].outcome.status, 0);
         EXPECT_EQ(results[id].outcome.value, static_cast<int>(id % 100));
@@ -484,7 +566,7 @@ TEST_F(AgentDeathTest, AKilledAgentLeavesNoSetUserIdToolBehind) {
 
 TEST_F(AgentDeathTest, AKilledAgentLeavesNothingBehindAfterReadingASecretAsTheCaller) {
     const std::string path = directory / "credentials";
-    ASSERT_TRUE(WriteFile(path, "x", 0600));
+    ASSERT_TRUE(WriteFile(path, "password=x", 0600));
     ASSERT_EQ(chown(path.c_str(), caller.uid, caller.groups[0]), 0);
     Plan plan = ToolPlan({"ignore-term"});
     plan.secretFile = path;
@@ -511,6 +593,9 @@ TEST_F(ExecutorTest, NoDescriptorAndNoChildIsLeftBehind) {
         }
         return count;
     };
+    // Other tests of this program have killed theirs and not waited.
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
     const std::size_t before = descriptors();
     for (int round = 0; round < 20; ++round) {
         EXPECT_EQ(Run(ToolPlan({"exit", "0"})).outcome.status, 0);

@@ -8,7 +8,9 @@
 
 #include <linux/loop.h>
 
+#include "FuseMount.h"
 #include "RunFixture.h"
+#include "Unmount.h"
 
 using agent::Pin;
 using agent::Plan;
@@ -51,11 +53,13 @@ protected:
         return plan;
     }
 
-    static Plan UmountPlan(const std::string& where) {
+    static Plan UmountPlan(const std::string& where, const std::vector<std::string>& flags = {}) {
         Plan plan;
         plan.agent = "sr_umount";
-        plan.argv = {"/usr/bin/umount", "--no-canonicalize", "--", where};
-        plan.pins.push_back(MakePin(3, Pin::kMountPoint, where));
+        plan.argv = {"/usr/bin/umount", "-i", "--no-canonicalize"};
+        plan.argv.insert(plan.argv.end(), flags.begin(), flags.end());
+        plan.argv.insert(plan.argv.end(), {"--", where});
+        plan.pins.push_back(MakePin(plan.argv.size() - 1, Pin::kMountPoint, where));
         return plan;
     }
 
@@ -92,9 +96,9 @@ protected:
         return found;
     }
 
-    void ExpectFine(const Result& result) {
+    void ExpectFine(const Result& result, int value = 0) {
         EXPECT_EQ(result.outcome.status, 0) << result.outcome.reason;
-        EXPECT_EQ(result.outcome.value, 0) << result.output;
+        EXPECT_EQ(result.outcome.value, value) << result.output;
     }
 
     bool Shell(const std::string& command) { return system(command.c_str()) == 0; }
@@ -286,6 +290,132 @@ TEST_F(MountTest, ALinkToAMountPointIsNotUnmountedThrough) {
     const Result result = Run(UmountPlan(link));
     EXPECT_EQ(result.outcome.status, 7);
     EXPECT_NE(MountedOn(target), "");
+}
+
+// Somebody renames the mount point in a mount namespace of his own while the tool starts.
+TEST_F(MountTest, AMountPointSwappedForALinkIsNotUnmountedThrough) {
+    const std::string elsewhere = directory / "elsewhere";
+    ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
+    Plan plan = ToolPlan({"swap-then-umount", target, directory / "moved", elsewhere, target});
+    plan.agent = "sr_umount";
+    plan.pins.push_back(MakePin(5, Pin::kMountPoint, target));
+    ExpectFine(Run(plan));
+    EXPECT_NE(MountedOn(elsewhere), "");
+    EXPECT_EQ(MountedOn(target), "");
+    EXPECT_EQ(MountedOn(directory / "moved"), "");
+    EXPECT_EQ(umount2(elsewhere.c_str(), UMOUNT_NOFOLLOW), 0);
+}
+
+TEST_F(MountTest, TheTestsSwapIsFollowedByAnUmountToolWithoutThePin) {
+    const std::string elsewhere = directory / "elsewhere";
+    ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
+    ExpectFine(Run(ToolPlan({"swap-then-umount", target, directory / "moved", elsewhere, target})));
+    EXPECT_EQ(MountedOn(elsewhere), "");  // so the test above would notice
+    EXPECT_NE(MountedOn(directory / "moved"), "");
+    EXPECT_EQ(umount2((directory / "moved").c_str(), UMOUNT_NOFOLLOW), 0);
+}
+
+TEST_F(MountTest, AMountPointSwappedForALinkAfterThePinningIsLeftAlone) {
+    const std::string moved = directory / "moved";
+    const std::string elsewhere = directory / "elsewhere";
+    ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
+    agent::PinnedPath pinned;
+    std::string reason;
+    ASSERT_TRUE(agent::PinPath(MakePin(1, Pin::kMountPoint, target), pinned, reason)) << reason;
+    ExpectFine(Run(ToolPlan({"swap-then-umount", target, moved, elsewhere, moved + "/none"})), 32);
+    EXPECT_EQ(agent::Unmount(pinned, {"umount"}), 32);
+    EXPECT_EQ(chdir("/"), 0);
+    EXPECT_NE(MountedOn(elsewhere), "");
+    EXPECT_NE(MountedOn(moved), "");
+    EXPECT_EQ(umount2(moved.c_str(), UMOUNT_NOFOLLOW), 0);
+    EXPECT_EQ(umount2(elsewhere.c_str(), UMOUNT_NOFOLLOW), 0);
+}
+
+TEST_F(MountTest, AMountThatIsInUseStaysUnlessItMayBeLazy) {
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
+    agent::OwnedFd user(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Result busy = Run(UmountPlan(target));
+    EXPECT_EQ(busy.outcome.status, 0);
+    EXPECT_EQ(busy.outcome.value, 32);
+    EXPECT_EQ(busy.output, "umount: " + target + ": target is busy.\n");
+    EXPECT_NE(MountedOn(target), "");
+    ExpectFine(Run(UmountPlan(target, {"--lazy"})));
+    EXPECT_EQ(MountedOn(target), "");
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
+    ExpectFine(Run(UmountPlan(target, {"--force", "--lazy"})));
+    EXPECT_EQ(MountedOn(target), "");
+}
+
+TEST_F(MountTest, OfTwoMountsOnOnePlaceTheUpperOneGoesFirst) {
+    ASSERT_EQ(mount("lower", target.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount("upper", target.c_str(), "tmpfs", 0, ""), 0);
+    ExpectFine(Run(UmountPlan(target)));
+    EXPECT_NE(MountedOn(target).find("tmpfs lower"), std::string::npos) << MountedOn(target);
+    ExpectFine(Run(UmountPlan(target)));
+    EXPECT_EQ(MountedOn(target), "");
+}
+
+TEST_F(MountTest, ALoopDeviceIsDetachedWhereThatIsAskedFor) {
+    if (!KernelKnows("ext4") || access("/dev/loop-control", R_OK) != 0) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string image = directory / "image";
+    ASSERT_TRUE(Shell("truncate -s 8M " + image + " && mkfs.ext4 -q -F " + image));
+    ASSERT_TRUE(Shell("losetup --find --show " + image + " > " + (directory / "device")));
+    std::string device = Contents(directory / "device");
+    device.pop_back();
+    const std::string backing = "/sys/block/" + device.substr(5) + "/loop/backing_file";
+    for (const bool detach : {false, true}) {
+        ASSERT_EQ(mount(device.c_str(), target.c_str(), "ext4", 0, ""), 0);
+        ExpectFine(Run(UmountPlan(target, detach ? std::vector<std::string>{"--detach-loop"}
+                                                 : std::vector<std::string>{})));
+        EXPECT_EQ(MountedOn(target), "");
+        EXPECT_EQ(access(backing.c_str(), F_OK) == 0, !detach);
+    }
+}
+
+TEST_F(MountTest, AMountWhoseServerIsGoneCanBeTakenOff) {
+    const FuseMount hung(target, FuseMount::kHangs);
+    if (!hung.IsMounted()) {
+        SENTREL_SKIP("no file system that hangs is to be had");
+    }
+    Plan plan = UmountPlan(target, {"--force", "--lazy"});
+    plan.deadline = std::chrono::milliseconds(5000);
+    ExpectFine(Run(plan));
+    EXPECT_EQ(MountedOn(target), "");
+}
+
+// What such a file system says about its directories' owner is anybody's word.
+TEST_F(MountTest, AFileSystemThatOthersServeIsNoClosedDirectory) {
+    ASSERT_EQ(mount("none", "/mnt", "tmpfs", MS_NOSUID, "mode=755"), 0);
+    for (const char* name : {"/mnt/served", "/mnt/own", "/mnt/own/below"}) {
+        ASSERT_EQ(mkdir(name, 0755), 0);
+    }
+    {
+        const FuseMount served("/mnt/served", FuseMount::kAnswers);
+        if (!served.IsMounted()) {
+            (void)umount2("/mnt", MNT_DETACH);
+            SENTREL_SKIP("no file system of others is to be had");
+        }
+        Plan plan = ToolPlan({"args", "/mnt/served/new"});
+        plan.pins.push_back(MakePin(2, Pin::kParent, "/mnt/served/new"));
+        EXPECT_EQ(Run(plan).outcome.reason, "/mnt/served/new: is not the node that was made");
+        plan.pins[0].rootOwnedChain = true;
+        const Result result = Run(plan);
+        EXPECT_EQ(result.outcome.status, 7);
+        EXPECT_NE(result.outcome.reason.find("others serve it"), std::string::npos);
+    }
+    Plan plan = ToolPlan({"args", "/mnt/own/below"});
+    plan.pins.push_back(MakePin(2, Pin::kDirectory, "/mnt/own/below"));
+    plan.pins[0].rootOwnedChain = true;
+    ExpectFine(Run(plan));
+    EXPECT_EQ(umount2("/mnt", MNT_DETACH), 0);
 }
 
 TEST_F(MountTest, ANameWithBlanksIsFoundAgain) {

@@ -112,6 +112,37 @@ struct TestPipe {
     agent::OwnedFd writer;
 };
 
+// Relays to a descriptor that is at hand: the look is over when Start() returns.
+class ReadyRelays : public agent::Relays {
+public:
+    ReadyRelays(sentrel::SR_MainLoop& mainLoop, const agent::RelayLimits& relayLimits)
+        : Relays(mainLoop, relayLimits), mine(mainLoop) {}
+
+    using Relays::Start;
+    std::shared_ptr<agent::Relay> Start(agent::OwnedFd&& destination, const agent::Caller& caller) {
+        agent::RelayTask task;
+        task.output = [] {
+            agent::Descriptor given;
+            given.fd.Reset(STDOUT_FILENO);
+            return given;
+        };
+        bool over = false;
+        std::shared_ptr<agent::Relay> relay;
+        const auto known = [&over, &relay](const agent::Look& look) {
+            over = true;
+            relay = look.output;
+        };
+        const bool started = Start(task, caller, known, std::move(destination)) != nullptr;
+        while (started && !over) {
+            mine.Dispatch();  // within the limit for looks
+        }
+        return relay;
+    }
+
+private:
+    sentrel::SR_MainLoop& mine;
+};
+
 class RunFixture : public ::testing::Test {
 protected:
     struct Result {
@@ -133,7 +164,7 @@ protected:
 
     void Restart(const agent::ExecutorLimits& limits, const agent::RelayLimits& relayLimits) {
         executor.reset();
-        relays = std::make_unique<agent::Relays>(loop, relayLimits);
+        relays = std::make_unique<ReadyRelays>(loop, relayLimits);
         executor = std::make_unique<agent::Executor>(loop, limits);
     }
 
@@ -185,7 +216,7 @@ protected:
     std::string tool;
     agent::Caller caller = TestCaller();
     sentrel::SR_MainLoop loop;
-    std::unique_ptr<agent::Relays> relays;
+    std::unique_ptr<ReadyRelays> relays;
     std::unique_ptr<agent::Executor> executor;
 };
 

@@ -2,6 +2,7 @@
 // A tool for the tests of what runs tools: shows what it was given, or misbehaves in a chosen way.
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -99,6 +100,15 @@ void Flood(long bytes) {
     }
 }
 
+// A directory that something is mounted on can be renamed where nothing is: in another namespace.
+bool SwapMountPoint(const char* directory, const char* newName, const char* elsewhere) {
+    const int home = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           umount2(directory, MNT_DETACH) == 0 && rename(directory, newName) == 0 &&
+           symlink(elsewhere, directory) == 0 && setns(home, CLONE_NEWNS) == 0;
+}
+
 int Misbehave(const std::string& what, int argc, char** argv) {
     if (what == "stay") {
         Print("pid " + std::to_string(getpid()) + " " + std::to_string(getppid()));
@@ -146,6 +156,15 @@ int Misbehave(const std::string& what, int argc, char** argv) {
         }
         execl("/usr/bin/mount", "mount", "-i", "--no-canonicalize", "-t", "tmpfs", "-o",
               "nosuid,nodev", "--", "none", argv[5], static_cast<char*>(nullptr));
+        return 91;
+    }
+    if (what == "swap-then-umount") {
+        // DIRECTORY NEW-NAME ELSEWHERE TARGET
+        if (!SwapMountPoint(argv[2], argv[3], argv[4])) {
+            return 90;
+        }
+        execl("/usr/bin/umount", "umount", "-i", "--no-canonicalize", "--", argv[5],
+              static_cast<char*>(nullptr));
         return 91;
     }
     if (what == "node-then-link") {

@@ -11,3 +11,13 @@ if(TARGET sentrel-agent AND TARGET sentrel)
   sentrel_test(OperationsTest system/OperationsTest.cpp bus/Listener.cpp LIBRARY LABEL system
     LIBS agent_support cli_support)
 endif()
+if(TARGET sentrel-agent)
+  sentrel_test(AttackTest system/AttackTest.cpp bus/Listener.cpp LIBRARY LABEL system
+    LIBS agent_support)
+  add_executable(silent_files support/silent_files.c)
+  target_link_libraries(silent_files PRIVATE sentrel_warnings)
+  sentrel_test(SilentFilesTest system/SilentFilesTest.cpp bus/Listener.cpp LIBRARY LABEL system
+    LIBS agent_support)
+  target_compile_definitions(SilentFilesTest PRIVATE SILENT_FILES="$<TARGET_FILE:silent_files>")
+  add_dependencies(SilentFilesTest silent_files)
+endif()
