@@ -8,8 +8,8 @@
 
 namespace cli {
 
-// The words quoted as <sentrel/Arguments.h> does, a blank between any two. What the agent would
-// refuse is left to the agent, which also keeps the record.
+// The words quoted as <sentrel/Arguments.h> does, a blank between any two. Control characters and
+// too many words are left to the agent, which keeps the record of what it refuses.
 std::string JoinQuoted(const std::vector<std::string>& words);
 
 // Whether the bytes are well-formed UTF-8 without a NUL, which is all that the bus carries.

@@ -54,7 +54,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
 cmake --build "$build" -j "$(nproc)"
 # hygiene reads the library with this machine's tools, and Completion runs the command without the
 # emulator; what asks the kernel for what qemu-user does not have is left to the machine itself.
-LC_ALL=C.UTF-8 ctest --test-dir "$build" -L unit -LE hygiene -E '^Completion\.' \
+LC_ALL=C.UTF-8 ctest --test-dir "$build" -L unit -LE 'hygiene|histories' -E '^Completion\.' \
     --no-tests=error --output-on-failure
 for program in service/libsentrel-client.so agent/sentrel-agent cli/sentrel; do
     "$tuple-readelf" -h "$build/$program" | sed -n "s|^ *Machine: *|$program: |p"

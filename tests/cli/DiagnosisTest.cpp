@@ -86,7 +86,10 @@ TEST(DiagnosisTest, ANameThatNobodyOwnsAsksForTheUnit) {
 TEST(DiagnosisTest, AnActivationThatIsDeniedIsAMatterOfThePermission) {
     Findings findings;
     findings.probe = {Error("AccessDenied"), "rejected"};
-    EXPECT_EQ("gufuu", States(Diagnose(findings, Ann(), "")));
+    const std::vector<Step> steps = Diagnose(findings, Ann(), "");
+    EXPECT_EQ("gufuu", States(steps));
+    EXPECT_EQ("nobody owns it; the bus starts the agent for those who may send", steps[1].detail);
+    EXPECT_EQ(126, steps[2].exit);
 }
 
 TEST(DiagnosisTest, WhoIsNotInTheGroupIsToldToJoinIt) {

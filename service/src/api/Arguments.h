@@ -66,7 +66,7 @@ public:
     }
 
     // One word as the agent reads it back, the word itself where nothing needs quoting. Unlike
-    // Add(), this refuses nothing.
+    // Add(), this refuses nothing; a word that IsText() does not accept comes to nothing good.
     static std::string Quote(const std::string& word) {
         static const char kPlain[] =
             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+=.,:/@%";

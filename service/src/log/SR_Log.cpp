@@ -36,6 +36,7 @@ SR_LogText::SR_LogText() : stream(lent) {
     }
     lent = nullptr;
     stream->clear();
+    stream->flags(std::ios_base::skipws | std::ios_base::dec);
     stream->str(std::string());
 }
 
@@ -45,12 +46,12 @@ SR_LogText::~SR_LogText() {
     }
 }
 
-SR_LogLoan::SR_LogLoan() : outer(lent) {
+SR_LogLoan::SR_LogLoan() {
     lent = &stream;
 }
 
 SR_LogLoan::~SR_LogLoan() {
-    lent = outer;
+    lent = nullptr;
 }
 
 // The statement's own line is part of the entry: it tells which level logged.

@@ -28,8 +28,9 @@ private:
     std::stringstream* stream;
 };
 
-// Lends one string stream to the log lines of the thread that constructed it, one after another,
-// until it is destroyed on that thread. A loan within a loan stands in for the outer one.
+// Lends one string stream, in the locale of this moment, to the log lines of the thread that
+// constructed it, one after another, until it is destroyed on that thread. After a loan within a
+// loan has ended there is none: the lines of the rest make their own.
 class SR_LogLoan {
 public:
     SR_LogLoan();
@@ -39,14 +40,12 @@ public:
 
 private:
     std::stringstream stream;
-    std::stringstream* outer;
 };
 
 }  // namespace sentrel
 
-// Writes one line; `expression` is what follows "stream <<". It sets no format flags: the next line
-// would have them too. Where the line's number matters, the statement stands on one source line:
-// compilers differ on a macro call that spans several.
+// Writes one line; `expression` is what follows "stream <<". Where the line's number matters, the
+// statement stands on one source line: compilers differ on a macro call that spans several.
 #define SR_LOG(level, expression)                                                               \
     do {                                                                                        \
         ::sentrel::SR_LogText srLogText;                                                        \
