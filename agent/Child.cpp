@@ -97,7 +97,7 @@ void Limit(int resource, rlim_t most) {
 
 // A number of processes is not among them: root is exempt from it.
 void LimitTool(const std::string& agentName) {
-    // Mounting and unmounting keep a small table below /run; the other tools write no files.
+    // Mounting keeps a small table below /run; the other tools write no files.
     const bool writes = agentName.find("mount") != std::string::npos;
     Limit(RLIMIT_FSIZE, writes ? 1048576 : 0);
     Limit(RLIMIT_NOFILE, 64);

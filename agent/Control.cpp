@@ -16,11 +16,17 @@ Control::Control(Requests& agentRequests, const RuleStore& ruleStore, const Relo
 
 void Control::Answer(const Question& question, const Caller& caller,
                      const std::shared_ptr<TextReply>& reply) {
-    if (question.member == "Test") {
+    static const char kTooMany[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+    if (!requests.Counts(caller)) {
+        reply->SetError(kTooMany, "too many calls in a minute");
+    } else if (question.member == "Test") {
         // Rules may ask for the executable.
-        requests.FindExecutable(caller, [this, question, reply](const Caller& whole) {
+        const auto answer = [this, question, reply](const Caller& whole) {
             reply->Set(Test(question, whole));
-        });
+        };
+        if (!requests.FindExecutable(caller, answer)) {
+            reply->SetError(kTooMany, "too many requests at once");
+        }
     } else if (question.member == "Status") {
         reply->Set(Status());
     } else if (question.member == "Mounts") {

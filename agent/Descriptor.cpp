@@ -11,7 +11,9 @@
 #include <limits.h>
 #include <linux/capability.h>
 #include <linux/magic.h>
+#include <signal.h>
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -22,6 +24,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include "Pidfd.h"
 
@@ -89,14 +92,12 @@ private:
 // The process's real group. The kernel compares all its groups with the one we ask with, and the
 // bus does not say which of the caller's groups is the first.
 bool GroupOf(const Caller& caller, gid_t& group) {
+    // By lines: the process chooses its name, which stands there too, but without a newline.
     std::ifstream status("/proc/" + std::to_string(caller.pid) + "/status");
-    std::string word;
-    while (status >> word) {
-        if (word == "Gid:") {
-            break;
-        }
+    std::string line;
+    while (std::getline(status, line) && line.compare(0, 4, "Gid:") != 0) {
     }
-    if (!(status >> group)) {
+    if (!(std::istringstream(line.substr(std::min<std::size_t>(4, line.size()))) >> group)) {
         return false;
     }
     return caller.groups.empty() ||
@@ -126,6 +127,8 @@ bool Look(const Caller& caller, gid_t group, int number, struct stat& seen) {
             file.Reset(open(path.c_str(), O_PATH | O_CLOEXEC));
         }
     }
+    // The change of ids has taken it back.
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     return file && Identify(file.Get(), seen);
 }
 

@@ -125,8 +125,9 @@ bool Executor::Launch(Operation& operation, const Permit& permit, const Caller& 
     }
     operation.pidfd.Reset(OpenProcess(child));
     if (!operation.pidfd) {
+        // The kernel may not let it end now, or ever, so it is not waited for.
         (void)kill(child, SIGKILL);
-        (void)waitpid(child, nullptr, 0);
+        (void)waitpid(child, nullptr, WNOHANG);
         return false;
     }
     operation.end =

@@ -129,7 +129,11 @@ void Relay::LookEnds(const std::string& refusal) {
     }
     const Known function = std::move(known);
     known = nullptr;
-    function(look);
+    try {
+        function(look);
+    } catch (const std::exception&) {
+        Kill();  // out of memory: whoever held the answer has let it go
+    }
 }
 
 void Relay::LookTooLong() {
@@ -169,19 +173,23 @@ bool Relays::HasRoom(uid_t uid, std::string& reason) const {
     std::size_t sound = 0;
     std::size_t own = 0;
     std::size_t ownHung = 0;
+    std::size_t ownUnsure = 0;
     for (const std::shared_ptr<Relay>& relay : running) {
         const bool hangs = relay->Hangs();
         const bool callers = relay->uid == uid;
         sound += hangs ? 0 : 1;
         own += callers ? 1 : 0;
         ownHung += callers && hangs ? 1 : 0;
+        ownUnsure += callers && (hangs || relay->killed || relay->known) ? 1 : 0;
     }
+    const bool crowded =
+        own >= limits.ofOne || ownUnsure >= limits.unsure || (uid != 0 && sound >= limits.all);
     if (ownHung >= limits.hung) {
         reason = "too many processes hang over files of this user's";
-    } else if (own >= limits.ofOne || sound >= limits.all) {
+    } else if (crowded) {
         reason = "too many requests at once";
     }
-    return ownHung < limits.hung && own < limits.ofOne && sound < limits.all;
+    return ownHung < limits.hung && !crowded;
 }
 
 std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller,
@@ -219,7 +227,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     child.report = std::move(report.reader);
     const pid_t pid = child.pid;
     try {
-        const std::shared_ptr<Relay> relay(
+        std::shared_ptr<Relay> relay(
             new Relay(*this, std::move(child), caller.uid, static_cast<bool>(task.output), known));
         running.push_back(relay);
         return relay;

@@ -33,9 +33,10 @@ struct RelayLimits {
     std::chrono::milliseconds bound{10000};
     // A killed child that is still there after this hangs.
     std::chrono::milliseconds dying{1000};
-    std::size_t ofOne = 64;  // children of one uid
-    std::size_t all = 256;   // children that do not hang
-    std::size_t hung = 8;    // of one uid; with so many it gets no further child
+    std::size_t ofOne = 64;   // children of one uid
+    std::size_t all = 256;    // children that do not hang, but for root's
+    std::size_t hung = 8;     // of one uid; with so many it gets no further child
+    std::size_t unsure = 20;  // of one uid: still looking or hung
 };
 
 class Relay;

@@ -47,7 +47,7 @@ struct RelayChildSetup {
 };
 
 // Runs in a new process. After the look, and when there is an output, it gives up every right but
-// the caller's ids and the four system calls that copying takes, then copies until the pipe's
+// the caller's ids and the few system calls that copying takes, then copies until the pipe's
 // writers are gone.
 [[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const RelayTask& task,
                                 const Caller& caller);

@@ -30,6 +30,7 @@ namespace {
 RelayLimits LimitsFor(const QuotaLimits& quota) {
     RelayLimits limits;
     limits.ofOne = std::max(limits.ofOne, quota.running + quota.waiting);
+    limits.unsure = std::max(limits.unsure, quota.running + quota.waiting);
     limits.all = std::max(limits.all, limits.ofOne);
     return limits;
 }
@@ -119,6 +120,10 @@ void Requests::TurnAway(const Arrival& arrival, bool first) {
         };
         (void)relays.Start(TaskFor(caller, arrival.call.descriptor), caller, say);
     }
+    RecordSoon();
+}
+
+void Requests::RecordSoon() {
     if (turnedAway) {
         return;
     }
@@ -152,7 +157,16 @@ void Requests::TakeUnknown(const Call& call, const std::string& reason) {
     strangers.Refused(request, SR_FAIL, reason + ": " + call.sender);
 }
 
-void Requests::FindExecutable(const Caller& caller,
+bool Requests::Counts(const Caller& caller) {
+    const bool taken =
+        quota.Call(caller.uid, std::chrono::steady_clock::now()) == Quota::Turn::kTaken;
+    if (!taken) {
+        RecordSoon();
+    }
+    return taken;
+}
+
+bool Requests::FindExecutable(const Caller& caller,
                               const std::function<void(const Caller&)>& known) {
     std::string reason;
     const auto found = [caller, known](const Look& look) {
@@ -160,11 +174,7 @@ void Requests::FindExecutable(const Caller& caller,
         whole.executable = look.executable;
         known(whole);
     };
-    const Quota::Turn turn = quota.Call(caller.uid, std::chrono::steady_clock::now());
-    if (turn != Quota::Turn::kTaken || !relays.HasRoom(caller.uid, reason) ||
-        !relays.Start(TaskFor(caller, 0), caller, found)) {
-        found(Look());
-    }
+    return relays.HasRoom(caller.uid, reason) && relays.Start(TaskFor(caller, 0), caller, found);
 }
 
 // A look may take longer than the next one; what came over one connection keeps its order.
@@ -177,6 +187,7 @@ void Requests::Looked(std::uint64_t id, const Look& look) {
         return;
     }
     entry->second->look = look;
+    entry->second->look->output.reset();
     entry->second->relay = look.output;
     const std::string sender = entry->second->arrival.call.sender;
     std::vector<std::shared_ptr<Job> > ready;
@@ -206,7 +217,9 @@ void Requests::Decide(const std::shared_ptr<Job>& job) {
     Decision decision = store.Decide(caller, job->parsed.request);
     job->audit.rule = decision.rule;
     if (!decision.permit) {
-        return Refuse(*job, decision.status, decision.reason, decision.detail);
+        // The detail may name an option by its value.
+        return Refuse(*job, decision.status, decision.reason,
+                      Audit::HidesSome(job->audit) ? decision.reason : decision.detail);
     }
     if (!job->look->refusal.empty()) {
         return Refuse(*job, SR_FAIL, job->look->refusal, job->look->refusal);

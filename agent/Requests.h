@@ -47,8 +47,11 @@ public:
     void Take(const Arrival& arrival);
     // A call whose caller is not known; its answer is not given here.
     void TakeUnknown(const Call& call, const std::string& reason);
-    // Calls `known` once, with the caller's executable or, when that does not come, without.
-    void FindExecutable(const Caller& caller, const std::function<void(const Caller&)>& known);
+    // Counts a question of the control interface with the calls. False: it is not to be answered.
+    bool Counts(const Caller& caller);
+    // Calls `known` once, with the caller's executable or, when that does not come, without. False,
+    // and never a call, when there is no room for that.
+    bool FindExecutable(const Caller& caller, const std::function<void(const Caller&)>& known);
     // Nothing new is taken on, what waits is refused and what runs is asked to end.
     void EndAll();
     // Whether every answer has been given.
@@ -61,6 +64,7 @@ private:
     struct Job;
 
     void TurnAway(const Arrival& arrival, bool first);
+    void RecordSoon();
     void RecordTurnedAway();
     void Looked(std::uint64_t id, const Look& look);
     void Decide(const std::shared_ptr<Job>& job);

@@ -205,6 +205,34 @@ TEST_F(FloodTest, TheFirstThatIsTurnedAwayIsToldWhy) {
     (void)agent->NextLineWith("too many calls in a minute: 1 turned away");
 }
 
+TEST_F(FloodTest, QuestionsCountAsCallsDo) {
+    const uid_t uid = test::PlainAccount();
+    if (uid == 0 || geteuid() != 0) {
+        SENTREL_SKIP("two users are needed, so root and another account");
+    }
+    Serve(test::PrivateBus::Configuration(""), "60");
+    const pid_t caller = test::Fork([&] {
+        if (setgid(uid) != 0 || setuid(uid) != 0) {
+            return 90;
+        }
+        const test::PlainConnection mine;
+        for (int i = 0; i < 400; ++i) {
+            const test::Reply reply = test::Send(
+                mine.Get(),
+                dbus_message_new_method_call("org.sentrel.sr_agent", "/org/sentrel/sr_agent",
+                                             "org.sentrel.sr_agent.Control1", "Status"));
+            if (!reply.error.empty()) {
+                const bool limited = reply.error == "org.freedesktop.DBus.Error.LimitsExceeded";
+                return limited && i >= 100 ? 0 : 2;
+            }
+        }
+        return 1;
+    });
+    EXPECT_EQ(0, test::Reap(caller, test::kLimit));
+    (void)agent->NextLineWith("too many calls in a minute: 1 turned away");
+    ExpectItServes();
+}
+
 TEST_F(FloodTest, WhenTheBusIsRestartedTheAgentEndsWithItsLineAndNoSpinningAndTheNextServes) {
     Serve(test::PrivateBus::Configuration(""), "1000");
     ExpectItServes();

@@ -311,6 +311,32 @@ TEST_F(RelayTest, ALookThatDiesIsToldToo) {
     EXPECT_EQ(found.refusal, "");  // none was wanted
 }
 
+TEST_F(RelayTest, OnlySoManyLooksOfOneUserAreOpenAtOnceHoweverYoungTheyAre) {
+    agent::RelayLimits limits;
+    limits.unsure = 3;
+    Restart(agent::ExecutorLimits(), limits);
+    std::string reason;
+    agent::RelayTask task;
+    task.executable = []() -> std::string {
+        for (;;) {
+            pause();
+        }
+    };
+    std::shared_ptr<Relay> last;
+    int started = 0;
+    while (started < 10 && relays->HasRoom(caller.uid, reason)) {
+        last = relays->Start(task, caller, [](const agent::Look&) {});
+        ASSERT_TRUE(last);
+        ++started;
+    }
+    EXPECT_EQ(3, started);
+    EXPECT_EQ("too many requests at once", reason);
+    EXPECT_TRUE(relays->HasRoom(caller.uid + 1, reason));
+    last->Kill();
+    ASSERT_TRUE(RunToItsEnd(last));
+    EXPECT_TRUE(relays->HasRoom(caller.uid, reason));
+}
+
 TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
     agent::RelayLimits limits;
     limits.ofOne = 2;
@@ -335,6 +361,9 @@ TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
     EXPECT_TRUE(relays->HasRoom(other.uid, reason));
     const std::shared_ptr<Relay> third = relays->Start(task, other, known);
     EXPECT_FALSE(relays->HasRoom(other.uid + 1, reason));
+    if (caller.uid != 0) {
+        EXPECT_TRUE(relays->HasRoom(0, reason)) << "others cannot keep root out";
+    }
     third->Kill();
     ASSERT_TRUE(RunToItsEnd(third));
     EXPECT_TRUE(relays->HasRoom(other.uid, reason));
