@@ -60,6 +60,7 @@ fi
 
 readonly sentrel=$build/cli/sentrel
 readonly agent=$build/agent/sentrel-agent
+readonly mnt=/run/media/demo
 work=$(mktemp -d "${TMPDIR:-/tmp}/sentrel-demo.XXXXXX")
 bus_pid=
 agent_pid=
@@ -75,9 +76,6 @@ end_process() {
 clean_up() {
     end_process "$agent_pid"
     end_process "$bus_pid"
-    if mountpoint -q "$work/mnt" 2>/dev/null; then
-        umount "$work/mnt" || true
-    fi
     rm -rf --one-file-system "$work"
 }
 trap clean_up EXIT
@@ -134,14 +132,14 @@ check() {
 
 has_options() {
     local option options
-    options=,$(findmnt -n -o OPTIONS --mountpoint "$work/mnt"),
+    options=,$(findmnt -n -o OPTIONS --mountpoint "$mnt"),
     for option in "$@"; do
         [[ $options = *,$option,* ]] || return 1
     done
 }
 
 not_mounted() {
-    ! mountpoint -q "$work/mnt"
+    ! mountpoint -q "$mnt"
 }
 
 start_bus() {
@@ -180,54 +178,19 @@ END
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
 }
 
-# write_rules: what this demonstration's agent may do, and nothing else. The folder lies in /tmp, so
-# the rules consent to directories above it that are not root's alone.
-write_rules() {
-    cat >"$work/rules/demo.toml" <<END
-[[rule]]
-name   = "never a disk"
-agent  = "sr_mknod"
-permit = false
-kind   = "b"
-
-[[rule]]
-name   = "a file system in memory"
-agent  = "sr_mount"
-permit = true
-user   = $(id -u)
-source = "demo"
-target = "$work/*"
-type   = "tmpfs"
-options.allow  = ["size=*", "mode=*"]
-options.always = ["noexec"]
-open_parents   = true
-
-[[rule]]
-name   = "and off again"
-agent  = "sr_umount"
-permit = true
-user   = $(id -u)
-target = "$work/*"
-open_parents = true
-
-[[rule]]
-name   = "harmless nodes"
-agent  = "sr_mknod"
-permit = true
-user   = $(id -u)
-path   = "$work/mnt/*"
-kind   = "c"
-major  = 1
-minor  = "3-5"
-open_parents = true
-END
-    sed 's/^/     /' "$work/rules/demo.toml"
-}
+# What this demonstration's agent may do, and nothing else: the first of the shipped examples.
+readonly example=packaging/rules.d-examples/00-first-steps.toml
 
 # The rules must be closed to the writing of others.
 prepare_rules() {
     umask 022
     mkdir "$work/rules"
+}
+
+# The place that the example names; in the namespace that is this script's own, /run is empty.
+prepare_place() {
+    mount -t tmpfs -o mode=755 demo /run
+    mkdir -p /run/media/demo
 }
 
 start_agent() {
@@ -267,33 +230,39 @@ descriptors_can_be_taken() {
 
 show_root() {
     title "The agent mounts a file system in memory for its caller (SR_Mount)"
-    call 0 mount -t tmpfs -o size=1m,mode=755 demo "$work/mnt"
-    findmnt --mountpoint "$work/mnt" | sed 's/^/     /'
+    call 0 mount -t tmpfs -o size=1m,mode=755 demo "$mnt"
+    findmnt --mountpoint "$mnt" | sed 's/^/     /'
     check "without set-user-ID programs, devices or programs at all" \
         has_options nosuid nodev noexec
     check "a tmpfs is mounted there" \
-        test "$(findmnt -n -o FSTYPE --mountpoint "$work/mnt")" = tmpfs
+        test "$(findmnt -n -o FSTYPE --mountpoint "$mnt")" = tmpfs
 
     title "It makes a device node (SR_Mknod)"
-    call 0 mknod -m 600 "$work/mnt/null" c 1 3
-    find "$work/mnt/null" -ls | sed 's/^/     /'
-    check "it is a character device" test -c "$work/mnt/null"
-    check "it is number 1:3" test "$(stat -c '%t:%T' "$work/mnt/null")" = 1:3
-    call 126 mknod "$work/mnt/disk" b 8 0
+    call 0 mknod -m 600 "$mnt/null" c 1 3
+    find "$mnt/null" -ls | sed 's/^/     /'
+    check "it is a character device" test -c "$mnt/null"
+    check "it is number 1:3" test "$(stat -c '%t:%T' "$mnt/null")" = 1:3
+    call 126 mknod "$mnt/disk" b 8 0
     says "a rule forbids this" out
-    check "there is no such node" test ! -e "$work/mnt/disk"
+    check "there is no such node" test ! -e "$mnt/disk"
 
     title "It unmounts (SR_Umount)"
-    call 0 umount "$work/mnt"
+    call 0 umount "$mnt"
     check "nothing is mounted there any more" not_mounted
+
+    title "A tool that fails: its own words on the caller's output, its exit code as the result"
+    call 32 mount -t tmpfs -o size=much demo "$mnt"
+    check "the tool said something" test -n "$output"
 }
 
 echo "sentrel: a demonstration on a bus of its own"
-mkdir "$work/mnt"
 prepare_rules
-start_bus
 as_root=
-[ -n "$inside" ] && as_root=1
+if [ -n "$inside" ]; then
+    as_root=1
+    prepare_place
+fi
+start_bus
 
 title "The command knows its versions and the status codes"
 call 0 version
@@ -302,17 +271,18 @@ call 0 errors
 says "RULE_NO_FOUND" out
 
 title "Nobody serves yet: what a caller gets when the agent is away"
-call 127 mount -t tmpfs demo "$work/mnt"
+call 127 mount -t tmpfs demo "$mnt"
 says "COMM_NO_SERVICE" err
 
 title "An agent without rules refuses everything"
 start_agent
-call 126 mount -t tmpfs demo "$work/mnt"
+call 126 mount -t tmpfs demo "$mnt"
 says "RULE_NO_FOUND" err
 check "nothing was mounted" not_mounted
 
 title "Rules: what is allowed, to whom; a check says whether they can be used"
-write_rules
+sed 's/^/     /' $example
+install -m 644 $example "$work/rules"
 "$agent" --check "$work/rules" | sed 's/^/     /' || failed "the rules are not right"
 kill -HUP "$agent_pid"
 check "the agent has taken them" wait_for_line "4 loaded"
@@ -324,17 +294,13 @@ else
 fi
 
 if descriptors_can_be_taken; then
-    title "A tool that fails: its own words on the caller's output, its exit code as the result"
-    call "$([ -n "$as_root" ] && echo 32 || echo 1)" mount -t tmpfs -o size=much demo "$work/mnt"
-    check "the tool said something" test -n "$output"
-
     title "A refusal comes with its reason"
-    call 126 mount -t ext4 /dev/sda1 "$work/mnt"
+    call 126 mount -t ext4 /dev/sda1 "$mnt"
     says "no rule allows this" out
 
     title "Words with blanks and quotes arrive as they are"
-    call 126 mount -t tmpfs demo "$work/it's \"not\" there"
-    says "it's" out
+    call 126 mount -t tmpfs demo "$mnt/it's \"not\" there"
+    check "the audit has them" wait_for_line "/it's"
 else
     leave_out "this machine lets only root take a descriptor over (yama/ptrace_scope)"
 fi
@@ -349,7 +315,7 @@ says "status 1, FAIL" err
 
 title "The agent has gone: what a caller gets then"
 stop_agent
-call 127 umount "$work/mnt"
+call 127 umount "$mnt"
 says "COMM_NO_SERVICE" err
 
 summary="all $steps steps behaved as they should"

@@ -13,9 +13,9 @@
 
 namespace {
 
-const char* const kFiles[] = {"10-usb-stick.toml",   "20-network-share.toml",
-                              "30-device-node.toml", "40-module.toml",
-                              "50-units.toml",       "60-deny-before-allow.toml"};
+const char* const kFiles[] = {
+    "00-first-steps.toml", "10-usb-stick.toml", "20-network-share.toml",    "30-device-node.toml",
+    "40-module.toml",      "50-units.toml",     "60-deny-before-allow.toml"};
 
 std::string TextOf(const std::string& name) {
     std::ifstream file(std::string(RULE_EXAMPLES) + "/" + name);
@@ -124,6 +124,19 @@ TEST(Examples, TwoUnitsHaveThreeVerbs) {
         EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_systemctl", std::string(verb) + " ssh"));
     }
     EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_systemctl", "restart player"));
+}
+
+TEST(Examples, TheFirstStepsAreMemoryAndHarmlessNodesAtOnePlaceForRoot) {
+    const agent::Caller root = MakeCaller(0, {0}, "");
+    const std::string mount = "-t tmpfs -o size=1m,mode=755 demo /run/media/demo";
+    EXPECT_TRUE(Allowed(root, "sr_mount", mount));
+    EXPECT_FALSE(Allowed(MakeCaller(1000, {1000}, ""), "sr_mount", mount));
+    EXPECT_FALSE(Allowed(root, "sr_mount", "-t tmpfs demo /run/media/other"));
+    EXPECT_FALSE(Allowed(root, "sr_mount", "-t ext4 demo /run/media/demo"));
+    EXPECT_TRUE(Allowed(root, "sr_umount", "/run/media/demo"));
+    EXPECT_TRUE(Allowed(root, "sr_mknod", "-m 600 /run/media/demo/null c 1 3"));
+    EXPECT_FALSE(Allowed(root, "sr_mknod", "/run/media/demo/mem c 1 1"));
+    EXPECT_FALSE(Allowed(root, "sr_mknod", "/run/media/demo/disk b 8 0"));
 }
 
 TEST(Examples, TheSystemsDiskIsClosedBeforeCardsAreOpened) {
