@@ -17,7 +17,6 @@ int SR_Agent(const char* agent, const char* args, unsigned int length, int descr
     if (args == nullptr) {
         return SR_COMM_FAILED;
     }
-    const SR_LogLoan loan;  // for the dozen lines that a call logs
     const std::string arguments(args, length);
     Communication communication;
     Message request(arguments, descriptor);

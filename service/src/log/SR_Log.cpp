@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SR_Log.h"
 
-#include <algorithm>
-#include <charconv>
+#include <cstdint>
 #include <cstring>
-#include <string>
-#include <string_view>
 
 #include "SR_LogImpl.h"
 
@@ -24,86 +21,114 @@ const char* BaseName(const char* file) {
     return slash != nullptr ? slash + 1 : file;
 }
 
-// The stream that this thread's lines may borrow: null when there is none, or while it is taken.
-thread_local std::stringstream* lent = nullptr;
+// A number's characters, put together from the last to the first.
+class Digits {
+public:
+    Digits() : begin(characters + sizeof(characters)) {}
+
+    void Put(char character) { *--begin = character; }
+    template <unsigned Base>
+    void Put(std::uintptr_t value) {
+        do {
+            Put("0123456789abcdef"[value % Base]);
+            value /= Base;
+        } while (value != 0);
+    }
+
+    const char* Begin() const { return begin; }
+    std::size_t Size() const {
+        return static_cast<std::size_t>(characters + sizeof(characters) - begin);
+    }
+
+private:
+    char characters[3 * sizeof(std::uintptr_t)];
+    char* begin;
+};
 
 }  // namespace
 
-SR_LogText::SR_LogText() : stream(lent) {
-    if (stream == nullptr) {
-        stream = &own.emplace();
-        return;
+SR_LogText& SR_LogText::operator<<(int number) {
+    const std::uintptr_t value =
+        number < 0 ? -static_cast<std::uintptr_t>(number) : static_cast<std::uintptr_t>(number);
+    Digits digits;
+    digits.Put<10>(value);
+    if (number < 0) {
+        digits.Put('-');
     }
-    lent = nullptr;
-    stream->clear();
-    stream->flags(std::ios_base::skipws | std::ios_base::dec);
-    stream->str(std::string());
+    return Append(digits.Begin(), digits.Size());
 }
 
-SR_LogText::~SR_LogText() {
-    if (!own) {
-        lent = stream;
+SR_LogText& SR_LogText::operator<<(const void* pointer) {
+    const auto value = reinterpret_cast<std::uintptr_t>(pointer);
+    Digits digits;
+    digits.Put<16>(value);
+    if (value != 0) {  // null is a plain 0
+        digits.Put('x');
+        digits.Put('0');
     }
+    return Append(digits.Begin(), digits.Size());
 }
 
-SR_LogLoan::SR_LogLoan() {
-    lent = &stream;
+SR_LogText& SR_LogText::AppendLong(const char* text, std::size_t size) {
+    if (!cut) {
+        const std::size_t before = Size();
+        std::string larger;
+        larger.reserve(2 * (before + size) + 1);
+        larger.append(Text(), before).append(text, size);
+        larger.resize(larger.capacity());
+        longer.swap(larger);
+        end = longer.data() + before + size;
+        limit = longer.data() + longer.size() - 1;
+    }
+    return *this;
 }
 
-SR_LogLoan::~SR_LogLoan() {
-    lent = nullptr;
+SR_LogText& SR_LogText::Cut() {
+    cut = true;
+    limit = end;
+    return *this;
 }
 
 // The statement's own line is part of the entry: it tells which level logged.
 #define SR_PLATFORM_LOG(priority, text) \
     __dlog_print(kMainLog, priority, kTag, kFormat, BaseName(__FILE__), __func__, __LINE__, text)
 
-void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
-                          const std::stringstream& text) {
+void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
+                  const SR_LogText& text) {
     // Composed before the level is looked at: a dropped line costs what a written one does.
-    char digits[16];
-    const char* const digitsEnd = std::to_chars(digits, digits + sizeof(digits), line).ptr;
-    const std::string_view number(digits, static_cast<std::size_t>(digitsEnd - digits));
-    const std::string_view pieces[] = {"[SR] [", BaseName(file), "(",  function,
-                                       "() +",   number,         ")]", text.view()};
-    std::size_t size = 1;  // the NUL
-    for (const std::string_view& piece : pieces) {
-        size += piece.size();
-    }
-    char usual[512];
-    std::string longer;  // for an entry that does not fit there
-    if (size > sizeof(usual)) {
-        longer.resize(size);
-    }
-    char* const entry = size > sizeof(usual) ? longer.data() : usual;
-    char* end = entry;
-    for (const std::string_view& piece : pieces) {
-        end = std::copy(piece.begin(), piece.end(), end);
-    }
-    *end = '\0';
+    SR_LogText whole;
+    whole << "[SR] [" << BaseName(file) << "(" << function << "() +" << line << ")]";
+    const char* const entry = whole.Append(text.Text(), text.Size()).Terminated();
 
     switch (level) {
-        case DBG:
+        case SR_Log::DBG:
             SR_PLATFORM_LOG(kDebug, entry);
             break;
-        case INFO:
+        case SR_Log::INFO:
             SR_PLATFORM_LOG(kInfo, entry);
             break;
-        case WARN:
+        case SR_Log::WARN:
             SR_PLATFORM_LOG(kWarning, entry);
             break;
-        case ERR:
+        case SR_Log::ERR:
             SR_PLATFORM_LOG(kError, entry);
             break;
         // Deliberate: VERBOSE and FATAL are dropped like the values that are no levels of a line
         // (pinned by LogTest, "OnlyTheFourMiddleLevelsReachThePlatformLog").
-        case UNK:
-        case VERBOSE:
-        case FATAL:
-        case SILENT:
+        case SR_Log::UNK:
+        case SR_Log::VERBOSE:
+        case SR_Log::FATAL:
+        case SR_Log::SILENT:
         default:
             break;
     }
+}
+
+void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
+                          const std::stringstream& text) {
+    SR_LogText body;
+    body << text.str();
+    sentrel::PrintMessage(level, file, function, line, body);
 }
 
 const char* SR_Log::LevelToChars(EDebugLevel level) {

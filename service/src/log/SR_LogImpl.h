@@ -3,55 +3,73 @@
 #ifndef SENTREL_SR_LOGIMPL_H
 #define SENTREL_SR_LOGIMPL_H
 
-#include <optional>
-#include <sstream>
+#include <cstddef>
+#include <cstring>
+#include <string>
 
 #include "SR_Log.h"
 
 namespace sentrel {
 
-// The string stream of one log line. Constructing one costs more than the rest of the line, so
-// this borrows the stream that the thread's SR_LogLoan holds ready; without one, or while it is
-// taken, it makes its own. Every line begins with an empty, good stream either way.
-// Owned by the log statement it stands in; lives and dies on one thread.
+// The text of one log line, as a string stream in the classic locale would compose it. A stream
+// costs more than all the rest of a line: its locale, its facets and its buffer are spread over
+// the standard library, and every line of a call finds them out of the caches again.
+// Owned by the log statement it stands in. Throws only std::bad_alloc and std::length_error.
 class SR_LogText {
 public:
-    SR_LogText();
-    ~SR_LogText();
+    SR_LogText() : end(usual), limit(usual + sizeof(usual) - 1), cut(false) {}
     SR_LogText(const SR_LogText&) = delete;
     SR_LogText& operator=(const SR_LogText&) = delete;
 
-    std::stringstream& Stream() { return *stream; }
+    SR_LogText& Append(const char* text, std::size_t size) {
+        if (size > static_cast<std::size_t>(limit - end)) {
+            return AppendLong(text, size);
+        }
+        std::memcpy(end, text, size);
+        end += size;
+        return *this;
+    }
+    // A null text, and whatever comes after it, is dropped.
+    SR_LogText& operator<<(const char* text) {
+        return text != nullptr ? Append(text, std::strlen(text)) : Cut();
+    }
+    SR_LogText& operator<<(const std::string& text) { return Append(text.data(), text.size()); }
+    SR_LogText& operator<<(int number);
+    SR_LogText& operator<<(const void* pointer);
+
+    // Valid until the next change or the end of this object.
+    const char* Text() const { return longer.empty() ? usual : longer.data(); }
+    std::size_t Size() const { return static_cast<std::size_t>(end - Text()); }
+    const char* Terminated() {
+        *end = '\0';
+        return Text();
+    }
 
 private:
-    std::optional<std::stringstream> own;
-    std::stringstream* stream;
+    SR_LogText& AppendLong(const char* text, std::size_t size);
+    SR_LogText& Cut();
+
+    char* end;    // behind what has been composed
+    char* limit;  // as far as `end` may go, with room for a NUL
+    bool cut;
+    std::string longer;  // holds everything once it does not fit below
+    char usual[360];
 };
 
-// Lends one string stream, in the locale of this moment, to the log lines of the thread that
-// constructed it, one after another, until it is destroyed on that thread. After a loan within a
-// loan has ended there is none: the lines of the rest make their own.
-class SR_LogLoan {
-public:
-    SR_LogLoan();
-    ~SR_LogLoan();
-    SR_LogLoan(const SR_LogLoan&) = delete;
-    SR_LogLoan& operator=(const SR_LogLoan&) = delete;
-
-private:
-    std::stringstream stream;
-};
+// SR_Log::PrintMessage for a text that is composed already.
+void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
+                  const SR_LogText& text);
 
 }  // namespace sentrel
 
-// Writes one line; `expression` is what follows "stream <<". Where the line's number matters, the
+// Writes one line; `expression` is what follows "text <<". Where the line's number matters, the
 // statement stands on one source line: compilers differ on a macro call that spans several.
-#define SR_LOG(level, expression)                                                               \
-    do {                                                                                        \
-        ::sentrel::SR_LogText srLogText;                                                        \
-        srLogText.Stream() << expression;                                                       \
-        ::sentrel::SR_Log::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
-                                        srLogText.Stream());                                    \
+#define SR_LOG(level, expression)                                                       \
+    do {                                                                                \
+        ::sentrel::SR_LogText srLogText;                                                \
+        srLogText << expression;                                                        \
+        ::sentrel::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
+                                srLogText);                                             \
     } while (false)
 
 // The platform log. A definition found earlier at load time takes the call, so a program may
