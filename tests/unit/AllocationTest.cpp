@@ -223,7 +223,7 @@ TEST(AllocationTest, EachFailedAllocationOfACallHasTheOutcomeOfItsPlace) {
     }
     // Each kind of place was met.
     EXPECT_GE(counts[6], 20);
-    EXPECT_EQ(3, counts[kThrown]) << "the text, its copy in the request, the bus name";
+    EXPECT_EQ(2, counts[kThrown]) << "the text, which the request takes over, and the bus name";
     EXPECT_EQ(1, counts[kEnded]) << "the rule that the proxy's destructor removes";
     EXPECT_EQ(0, CallInChild(total + 1)) << "no further allocation is made";
 }

@@ -51,6 +51,21 @@ TEST(MessageRecordTest, DataKeepsItsNulBytes) {
     EXPECT_EQ(4u, Message(data, 1).Get().size());
 }
 
+TEST(MessageRecordTest, ATextIsCopiedUnlessItIsHandedOver) {
+    std::string data(1000, 'x');
+    const char* const place = data.data();
+    const Message copied(data, 7);
+    EXPECT_NE(place, copied.Get().data());
+    EXPECT_EQ(data, copied.Get());
+    const Message taken(std::move(data), 7);
+    EXPECT_EQ(place, taken.Get().data());
+    EXPECT_EQ(copied.Get(), taken.Get());
+    EXPECT_EQ(7, taken.GetOutputStream());
+    EXPECT_EQ("", taken.GetOutputStreamPath());
+    EXPECT_EQ(0, taken.GetRv());
+    EXPECT_EQ("", taken.GetAgent());
+}
+
 TEST(MessageRecordTest, TheAgentNameCanBeReplaced) {
     Message message("", 1);
     message.SetAgent("sr_mount");
