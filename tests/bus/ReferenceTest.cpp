@@ -19,6 +19,7 @@ using test::Texts;
 
 Texts journal;
 bool namelessConnection = false;
+int timesUniqueNameWasAsked = 0;
 
 Texts TakeJournal() {
     Texts taken;
@@ -29,7 +30,10 @@ Texts TakeJournal() {
 class ReferenceTest : public test::BusTest {
 protected:
     ReferenceTest() { journal.clear(); }
-    ~ReferenceTest() override { namelessConnection = false; }
+    ~ReferenceTest() override {
+        namelessConnection = false;
+        timesUniqueNameWasAsked = 0;
+    }
 
     sentrel::SR_DBusDispatcher dispatcher;
 };
@@ -95,14 +99,28 @@ TEST_F(ReferenceTest, AConnectionThatEndedIsNotDispatched) {
 }
 
 TEST_F(ReferenceTest, WithoutAUniqueNameTheRestOfTheMatchLineIsLost) {
-    SR_DBusConnection connection = SR_DBusConnection::SystemBus(dispatcher);
-    (void)test::TakeLog();
     namelessConnection = true;
+    SR_DBusConnection connection = SR_DBusConnection::SystemBus(dispatcher);
+    EXPECT_EQ(nullptr, connection.GetUniqueName());
+    (void)test::TakeLog();
     connection.AddMatch("type='signal'");
     connection.RemoveMatch("type='signal'", true);
     EXPECT_EQ(
         (Texts{"D AddMatch Connection (unique name: ", "D RemoveMatch Connection (unique name: "}),
         test::BriefWithoutToggles());
+}
+
+// libdbus answers under the lock that it holds while any connection of the process says hello, so
+// that a second question would wait for another thread's.
+TEST_F(ReferenceTest, TheUniqueNameIsAskedForOnceWhenTheConnectionOpens) {
+    SR_DBusConnection connection = SR_DBusConnection::SystemBus(dispatcher);
+    ASSERT_NE(nullptr, connection.GetUniqueName());
+    EXPECT_EQ(':', *connection.GetUniqueName());
+    const SR_DBusConnection copy(connection);
+    EXPECT_EQ(connection.GetUniqueName(), copy.GetUniqueName());
+    connection.AddMatch("type='signal'");
+    connection.RemoveMatch("type='signal'", true);
+    EXPECT_EQ(1, timesUniqueNameWasAsked);
 }
 
 }  // namespace
@@ -179,6 +197,7 @@ WRAPPED(DBusDispatchStatus, dbus_connection_dispatch, (DBusConnection * connecti
 }
 
 WRAPPED(const char*, dbus_bus_get_unique_name, (DBusConnection * connection)) {
+    ++timesUniqueNameWasAsked;
     return namelessConnection ? nullptr : __real_dbus_bus_get_unique_name(connection);
 }
 

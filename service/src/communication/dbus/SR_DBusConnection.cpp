@@ -30,12 +30,13 @@ void ThrowIfSet(const SR_DBusError& error) { if (error.IsSet()) { throw SR_DBusE
 
 }  // namespace
 
-SR_DBusConnection::Impl::Impl(DBusBusType type) : connection(nullptr), dispatcher(nullptr) {
+SR_DBusConnection::Impl::Impl(DBusBusType type) : connection(nullptr), dispatcher(nullptr), uniqueName(nullptr) {
     // A private connection, never the shared one: it is closed with the last handle.
     SR_LOG(DBG, "SR_DBusConnection::Impl::Impl " << type);
     SR_DBusError error;
     connection = dbus_bus_get_private(type, error.Get());
     ThrowIfSet(error);
+    uniqueName = dbus_bus_get_unique_name(connection);
     dbus_connection_ref(connection);  // the first handle's
     dbus_connection_set_dispatch_status_function(connection, GetDispatchStatus_stub, this, nullptr);
     // A lost bus must never end the process that uses the library.
@@ -46,7 +47,6 @@ SR_DBusConnection::Impl::~Impl() {
     // Closing makes libdbus call the dispatcher's remove functions, so the dispatcher must still
     // be there. Nothing takes this object out of the dispatcher's queue: see SR_DBusDispatcher.h.
     // A failure while logging ends the program, as everywhere in a destructor.
-
 
     SR_LOG(DBG, "Terminating connection " << connection);
 
@@ -154,7 +154,7 @@ SR_DBusMessage SR_DBusConnection::SendReplyAndBlock(SR_DBusMessage& message, int
         return SR_DBusMessage(new SR_DBusMessage::Impl(reply), false /* addRef: ours is handed on */);
     } catch (...) { dbus_message_unref(reply); throw; }
 }
-const char* SR_DBusConnection::GetUniqueName() const { return dbus_bus_get_unique_name(impl->connection); }
+const char* SR_DBusConnection::GetUniqueName() const { return impl->uniqueName; }
 
 bool SR_DBusConnection::HasName(const std::string& name) {
     SR_DBusError error;

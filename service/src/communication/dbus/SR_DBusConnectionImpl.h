@@ -37,6 +37,9 @@ public:
     Internal* connection;
     SR_DBusDispatcher* dispatcher;        // not owned; null until a handle binds it
     std::vector<std::string> ownedNames;  // as requested, duplicates kept
+    // libdbus's, which never changes. Asking takes a lock that libdbus holds while any connection
+    // of the process says hello to the bus, so it is asked once, when that hello has just ended.
+    const char* uniqueName;
 };
 
 }  // namespace sentrel
