@@ -11,7 +11,8 @@ Workloads, all of them unless named:
     where     system calls, bus round trips, heap allocations and instructions of one call; and that
               the floor holds the very conversation that the library holds
     threads   calls a second from 1, 2, 8, 32 and 128 threads
-    growth    argument text from nothing to 16 MiB: wall time, and what is taken from the heap
+    growth    argument text from nothing to 16 MiB: wall time, the same when the allocator gives
+              nothing back to the system, and what is taken from the heap
     soak      100,000 calls: descriptors and resident memory before and after
     loop      one loop iteration with 1 to 4096 descriptors, of which the first, the last or all are
               ready
@@ -49,6 +50,10 @@ LOOP_PEERS = ["loop_poll", "loop_sentrel", "loop_sdevent", "loop_glib", "loop_li
               "loop_libevent"]
 SERVERS = {"floor": "serve_floor", "sentrel": "serve_sentrel", "sd-bus": "serve_sdbus",
            "GDBus": "serve_gdbus", "sdbus-c++": "serve_sdbuscpp"}
+# Whether the allocator gives a large block back after a call, to fetch it page by page in the next,
+# hangs on the sizes that the process has had before. It does so with every peer or with none here.
+KEPT_HEAP = {"GLIBC_TUNABLES": "glibc.malloc.trim_threshold=1073741824:"
+                               "glibc.malloc.mmap_threshold=1073741824"}
 ONE_CORE, ANYWHERE = "every process on one core", "processes anywhere"
 
 
@@ -86,13 +91,13 @@ def describe(build):
 
 
 class Run:
-    def __init__(self, build, quick, report, directory, output, syslog):
+    def __init__(self, build, quick, report, directory, output, log):
         self.programs = build / "bench"
         self.quick = quick
         self.report = report
         self.directory = directory  # for what is not kept
         self.output = output
-        self.syslog = syslog
+        self.log = log  # the reader of /dev/log, or None
         self.random = random.Random(1)
 
     def few(self, usual):
@@ -102,7 +107,20 @@ class Run:
         return Bus(self.programs, self.directory)
 
     def peers(self, names):
-        return [name for name in names if name != "call_sentrel_syslog" or self.syslog]
+        return [name for name in names if name != "call_sentrel_syslog" or self.log]
+
+    def places(self):
+        """One after the other; meanwhile all that is started runs there, and so does the log."""
+        allowed = os.sched_getaffinity(0)
+        processes = [0] + ([self.log.pid] if self.log else [])
+        try:
+            for place, cores in ((ONE_CORE, {max(allowed)}), (ANYWHERE, allowed)):
+                for process in processes:
+                    os.sched_setaffinity(process, cores)
+                yield place
+        finally:
+            for process in processes:
+                os.sched_setaffinity(process, allowed)
 
     def interleave(self, started, rounds):
         """`started`: from a name to a process and the line to ask it. All answers, by name."""
@@ -131,13 +149,8 @@ class Run:
     # One call.
 
     def call(self):
-        allowed = os.sched_getaffinity(0)
-        for place, cores in ((ONE_CORE, {max(allowed)}), (ANYWHERE, allowed)):
-            os.sched_setaffinity(0, cores)
-            try:
-                self.call_once(place)
-            finally:
-                os.sched_setaffinity(0, allowed)
+        for place in self.places():
+            self.call_once(place)
 
     def call_once(self, place):
         with self.bus() as bus:
@@ -289,18 +302,10 @@ class Run:
                 process.close()
 
     def growth(self):
-        sizes = {0: (20, 40), 1 << 10: (20, 40), 1 << 16: (10, 40), 1 << 20: (3, 24),
-                 1 << 24: (1, 10)}
+        large = {1 << 16: (20, 40), 1 << 20: (6, 24), 1 << 24: (2, 10)}
+        self.grow({0: (20, 40), 1 << 10: (20, 40), **large}, "", {})
+        self.grow(large, ", the heap kept", KEPT_HEAP)
         with self.bus() as bus:
-            started = {name: bus.start(self.programs / name, "--rounds")
-                       for name in QUIET_CALL_PEERS}
-            for size, (calls, rounds) in sizes.items():
-                answers = self.interleave({name: (process, f"{calls} 1 {size}")
-                                           for name, process in started.items()}, self.few(rounds))
-                self.compare(f"one call with {size:,} bytes of argument text", answers,
-                             lambda a: a["median_ns"])
-            for process in started.values():
-                process.close()
             for size in (1 << 16, 1 << 20, 1 << 24):
                 asked, peak = collections.OrderedDict(), collections.OrderedDict()
                 for name in QUIET_CALL_PEERS:
@@ -312,6 +317,18 @@ class Run:
                     for peer, value in found.items():
                         self.report.add(f"copies of a text of {size:,} bytes, {what}", peer, value,
                                         "texts", ratio=value / floor)
+
+    def grow(self, sizes, how, environment):
+        with self.bus() as bus:
+            started = {name: bus.start(self.programs / name, "--rounds", environment=environment)
+                       for name in QUIET_CALL_PEERS}
+            for size, (calls, rounds) in sizes.items():
+                answers = self.interleave({name: (process, f"{calls} 1 {size}")
+                                           for name, process in started.items()}, self.few(rounds))
+                self.compare(f"one call with {size:,} bytes of argument text{how}", answers,
+                             lambda a: a["median_ns"])
+            for process in started.values():
+                process.close()
 
     def soak(self):
         calls = 2000 if self.quick else 100000
@@ -371,13 +388,8 @@ class Run:
                             ratio=median / shares[16][0])
 
     def serving(self):
-        allowed = os.sched_getaffinity(0)
-        for place, cores in ((ONE_CORE, {max(allowed)}), (ANYWHERE, allowed)):
-            os.sched_setaffinity(0, cores)
-            try:
-                self.serving_once(place)
-            finally:
-                os.sched_setaffinity(0, allowed)
+        for place in self.places():
+            self.serving_once(place)
         self.serving_instructions()
 
     def serving_once(self, place):
@@ -488,7 +500,7 @@ def main():
               file=sys.stderr)
     with tempfile.TemporaryDirectory(prefix="sentrel-bench-") as directory:
         run = Run(build, options.quick, report, pathlib.Path(directory), options.output,
-                  log is not None)
+                  log)
         for name in options.workloads or WORKLOADS:
             print(f"{name} ...", file=sys.stderr, flush=True)
             getattr(run, name)()
