@@ -104,8 +104,13 @@ private:
     static SR_DBusIAdaptor* Find(const SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
         const char* interfaceName = call.GetInterface();
         if (interfaceName != nullptr) {
-            const auto entry = object.interfaces.find(interfaceName);
-            return entry != object.interfaces.end() ? entry->second : nullptr;
+            // One by one: objects have a few, and the table would want a string for its key.
+            for (const auto& entry : object.interfaces) {
+                if (entry.first == interfaceName) {
+                    return entry.second;
+                }
+            }
+            return nullptr;
         }
         for (const auto& entry : object.interfaces) {
             if (entry.second->methods.count(call.GetMember()) != 0) {
