@@ -2,7 +2,7 @@
 // One exported call after another, in each of which one allocation fails: the first, the second,
 // and so on to the last. What must come of it follows from where the call was, which a run without
 // a failure tells: before and behind the exchange std::bad_alloc leaves the call, inside it the
-// call returns 6, and in a destructor the program ends. The log lines of a call take no memory.
+// call returns 6, and in a destructor the program ends. Log lines of usual length take no memory.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -37,9 +37,10 @@ const int kForgiven = 81;    // the call succeeded all the same
 const int kLeaked = 82;      // a block was not given back, or was given back twice
 
 bool counting = false;
-int allocations = 0;  // of the library, while counting
-int live = 0;         // those not given back
-int failAt = 0;       // 0: none fails
+int allocations = 0;    // of the library, while counting
+int live = 0;           // those not given back
+int failAt = 0;         // 0: none fails
+std::string errorText;  // when not empty, the calls get this error instead of a reply
 
 // What comes next after an allocation: "log BODY" or "call FUNCTION".
 struct Event {
@@ -117,6 +118,11 @@ namespace {
 // One call, in which allocation number `failing` fails; returns its code or kThrown.
 int Call(int failing) {
     bus.Reset();
+    if (!errorText.empty()) {
+        bus.failing = "dbus_connection_send_with_reply_and_block";
+        bus.errorName = "org.a.Error";
+        bus.errorText = errorText;
+    }
     bus.onCall = [](const std::string& function) { Note("call", function.c_str()); };
     failAt = failing;
     allocations = 0;
@@ -226,6 +232,30 @@ TEST(AllocationTest, EachFailedAllocationOfACallHasTheOutcomeOfItsPlace) {
     EXPECT_EQ(2, counts[kThrown]) << "the text, which the request takes over, and the bus name";
     EXPECT_EQ(1, counts[kEnded]) << "the rule that the proxy's destructor removes";
     EXPECT_EQ(0, CallInChild(total + 1)) << "no further allocation is made";
+}
+
+// The outcome of a call that gets an error with this text, for each failing allocation.
+std::vector<int> OutcomesWithError(const std::string& text) {
+    errorText = text;
+    EXPECT_EQ(6, Call(0));
+    EXPECT_EQ(6, Call(0));
+    const int total = allocations;
+    std::vector<int> outcomes;
+    for (int n = 1; n <= total; ++n) {
+        outcomes.push_back(CallInChild(n));
+    }
+    errorText.clear();
+    return outcomes;
+}
+
+// The exchange's line about an error is written outside its try block.
+TEST(AllocationTest, ALongLineThatCannotBeComposedThrowsAndAShortOneNeedsNothing) {
+    std::vector<int> expected = OutcomesWithError(std::string(100, 'x'));
+    ASSERT_GE(expected.size(), 20u);
+    EXPECT_NE(kThrown, expected.back());
+    expected.push_back(kThrown);  // the text outgrows its place,
+    expected.push_back(kThrown);  // and so does the entry
+    EXPECT_EQ(expected, OutcomesWithError(std::string(1000, 'x')));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SR_Log.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -71,14 +72,15 @@ SR_LogText& SR_LogText::operator<<(const void* pointer) {
 
 SR_LogText& SR_LogText::AppendLong(const char* text, std::size_t size) {
     if (!cut) {
+        // Room to grow for small pieces only: a large one is likely to be the line's last.
         const std::size_t before = Size();
         std::string larger;
-        larger.reserve(2 * (before + size) + 1);
+        larger.reserve(before + size + std::min(before, size));
         larger.append(Text(), before).append(text, size);
         larger.resize(larger.capacity());
         longer.swap(larger);
         end = longer.data() + before + size;
-        limit = longer.data() + longer.size() - 1;
+        limit = longer.data() + longer.size();  // a string has room for a NUL behind that
     }
     return *this;
 }
@@ -94,11 +96,11 @@ SR_LogText& SR_LogText::Cut() {
     __dlog_print(kMainLog, priority, kTag, kFormat, BaseName(__FILE__), __func__, __LINE__, text)
 
 void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
-                  const SR_LogText& text) {
+                  const char* text, std::size_t size) {
     // Composed before the level is looked at: a dropped line costs what a written one does.
     SR_LogText whole;
     whole << "[SR] [" << BaseName(file) << "(" << function << "() +" << line << ")]";
-    const char* const entry = whole.Append(text.Text(), text.Size()).Terminated();
+    const char* const entry = whole.Append(text, size).Terminated();
 
     switch (level) {
         case SR_Log::DBG:
@@ -126,9 +128,8 @@ void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* funct
 
 void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
                           const std::stringstream& text) {
-    SR_LogText body;
-    body << text.str();
-    sentrel::PrintMessage(level, file, function, line, body);
+    const std::string body = text.str();
+    sentrel::PrintMessage(level, file, function, line, body.data(), body.size());
 }
 
 const char* SR_Log::LevelToChars(EDebugLevel level) {

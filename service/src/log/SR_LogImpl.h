@@ -36,10 +36,16 @@ public:
     SR_LogText& operator<<(const std::string& text) { return Append(text.data(), text.size()); }
     SR_LogText& operator<<(int number);
     SR_LogText& operator<<(const void* pointer);
+    // No line needs these, and none may become an int unnoticed.
+    SR_LogText& operator<<(char) = delete;
+    SR_LogText& operator<<(unsigned) = delete;
+    SR_LogText& operator<<(long) = delete;
+    SR_LogText& operator<<(unsigned long) = delete;
 
     // Valid until the next change or the end of this object.
     const char* Text() const { return longer.empty() ? usual : longer.data(); }
     std::size_t Size() const { return static_cast<std::size_t>(end - Text()); }
+    // The same with a NUL behind it.
     const char* Terminated() {
         *end = '\0';
         return Text();
@@ -58,7 +64,7 @@ private:
 
 // SR_Log::PrintMessage for a text that is composed already.
 void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
-                  const SR_LogText& text);
+                  const char* text, std::size_t size);
 
 }  // namespace sentrel
 
@@ -69,7 +75,7 @@ void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* funct
         ::sentrel::SR_LogText srLogText;                                                \
         srLogText << expression;                                                        \
         ::sentrel::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
-                                srLogText);                                             \
+                                srLogText.Text(), srLogText.Size());                    \
     } while (false)
 
 // The platform log. A definition found earlier at load time takes the call, so a program may
