@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -12,15 +11,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
 
+#include "MountNamespace.h"
 #include "OtherUsers.h"
 #include "PrivateBus.h"
 #include "Programs.h"
@@ -65,13 +63,7 @@ bool Found(const std::string& program) {
 class AttackTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            SENTREL_SKIP("mounting needs root");
-        }
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            SENTREL_SKIP(std::string("no mount namespace of its own: ") + std::strerror(errno));
-        }
+        NEEDS_MOUNT_NAMESPACE();
         ASSERT_EQ(0, mount("none", kPlace, "tmpfs", MS_NOSUID | MS_NODEV, "mode=755"));
         mounted = true;
         bus = std::make_unique<test::PrivateBus>();

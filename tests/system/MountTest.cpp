@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Real mounts, unmounts and nodes, made with the system's own tools in a mount namespace that ends
 // with the test's process, and what a caller may try against them.
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
@@ -9,6 +8,7 @@
 #include <linux/loop.h>
 
 #include "FuseMount.h"
+#include "MountNamespace.h"
 #include "RunFixture.h"
 #include "Unmount.h"
 
@@ -20,11 +20,7 @@ namespace {
 class MountTest : public RunFixture {
 protected:
     void SetUp() override {
-        NEEDS_ROOT();
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            SENTREL_SKIP("no mount namespace of its own is to be had");
-        }
+        NEEDS_MOUNT_NAMESPACE();
         RunFixture::SetUp();
         target = directory / "target";
         ASSERT_EQ(mkdir(target.c_str(), 0755), 0);
@@ -107,6 +103,21 @@ protected:
         return Contents("/proc/filesystems").find("\t" + type + "\n") != std::string::npos;
     }
 
+    static bool HasExt4OverLoop() {
+        return KernelKnows("ext4") && access("/dev/loop-control", R_OK) == 0;
+    }
+
+    // The loop device of a new ext4 image; empty when one could not be made.
+    std::string AttachImage() {
+        const std::string image = directory / "image";
+        if (!Shell("truncate -s 8M " + image + " && mkfs.ext4 -q -F " + image +
+                   " && losetup --find --show " + image + " > " + (directory / "device"))) {
+            return "";
+        }
+        const std::string line = Contents(directory / "device");
+        return line.substr(0, line.find('\n'));
+    }
+
     // Mounts an image of the type over a loop device, looks at it, and unmounts it.
     void MountImage(const std::string& type, const std::string& make) {
         if (!KernelKnows(type)) {
@@ -174,14 +185,11 @@ TEST_F(MountTest, AVfatImageIsMountedOverALoopDevice) {
 }
 
 TEST_F(MountTest, AMountedDeviceKeepsItsName) {
-    if (!KernelKnows("ext4") || access("/dev/loop-control", R_OK) != 0) {
+    if (!HasExt4OverLoop()) {
         SENTREL_SKIP("no ext4 or no loop devices");
     }
-    const std::string image = directory / "image";
-    ASSERT_TRUE(Shell("truncate -s 8M " + image + " && mkfs.ext4 -q -F " + image));
-    ASSERT_TRUE(Shell("losetup --find --show " + image + " > " + (directory / "device")));
-    std::string device = Contents(directory / "device");
-    device.pop_back();
+    const std::string device = AttachImage();
+    ASSERT_FALSE(device.empty());
     Plan plan = MountPlan({"-t", "ext4", "-o", "nosuid,nodev"}, device, target);
     plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, device));
     plan.pins.back().rootOwnedChain = true;
@@ -362,14 +370,11 @@ TEST_F(MountTest, OfTwoMountsOnOnePlaceTheUpperOneGoesFirst) {
 }
 
 TEST_F(MountTest, ALoopDeviceIsDetachedWhereThatIsAskedFor) {
-    if (!KernelKnows("ext4") || access("/dev/loop-control", R_OK) != 0) {
+    if (!HasExt4OverLoop()) {
         SENTREL_SKIP("no ext4 or no loop devices");
     }
-    const std::string image = directory / "image";
-    ASSERT_TRUE(Shell("truncate -s 8M " + image + " && mkfs.ext4 -q -F " + image));
-    ASSERT_TRUE(Shell("losetup --find --show " + image + " > " + (directory / "device")));
-    std::string device = Contents(directory / "device");
-    device.pop_back();
+    const std::string device = AttachImage();
+    ASSERT_FALSE(device.empty());
     const std::string backing = "/sys/block/" + device.substr(5) + "/loop/backing_file";
     for (const bool detach : {false, true}) {
         ASSERT_EQ(mount(device.c_str(), target.c_str(), "ext4", 0, ""), 0);

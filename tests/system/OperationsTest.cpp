@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sentrel/SR_API.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -15,14 +14,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fstream>
 #include <memory>
 
 #include "Command.h"
 #include "Monitor.h"
+#include "MountNamespace.h"
 #include "PrivateBus.h"
 #include "Programs.h"
 #include "Skip.h"
@@ -57,13 +55,7 @@ long FileSystemOf(const std::string& path) {
 class OperationsTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            SENTREL_SKIP("mounting needs root");
-        }
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            SENTREL_SKIP(std::string("no mount namespace of its own: ") + std::strerror(errno));
-        }
+        NEEDS_MOUNT_NAMESPACE();
         place = test::PrivateBus::Folder() + "/place";
         ASSERT_EQ(0, mkdir(place.c_str(), 0755));
         bus = std::make_unique<test::PrivateBus>();

@@ -5,20 +5,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <memory>
 
 #include "Monitor.h"
+#include "MountNamespace.h"
 #include "PrivateBus.h"
 #include "Programs.h"
 #include "Skip.h"
@@ -65,13 +63,7 @@ bool BecomeNobody() {
 class SilentFilesTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            SENTREL_SKIP("mounting needs root");
-        }
-        if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            SENTREL_SKIP(std::string("no mount namespace of its own: ") + std::strerror(errno));
-        }
+        NEEDS_MOUNT_NAMESPACE();
         place = test::PrivateBus::Folder() + "/place";
         ASSERT_EQ(0, mkdir(place.c_str(), 0755));
         bus = std::make_unique<test::PrivateBus>();
