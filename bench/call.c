@@ -8,7 +8,8 @@
 //
 // Each round prints one line of JSON: count, median, spread, minimum and maximum of a call's wall
 // time, the whole round's wall time and processor time, descriptors and resident memory before and
-// after; and, when the allocation counter is preloaded, what the calls took from the heap.
+// after, all of it and its own; and, when the allocation counter is preloaded, what the calls took
+// from the heap.
 #define _GNU_SOURCE
 #include "call.h"
 
@@ -114,7 +115,7 @@ static void round_of(size_t calls, size_t threads, size_t bytes) {
         given += callers[i].calls;
     }
     const long descriptors = measure_descriptors();
-    const long resident = measure_resident();
+    const struct memory memory = measure_memory();
     if (read_counts != NULL) {
         read_counts(&heap_before);
     }
@@ -124,15 +125,15 @@ static void round_of(size_t calls, size_t threads, size_t bytes) {
     if (read_counts != NULL) {
         read_counts(&heap_after);
     }
-    const long resident_after = measure_resident();
+    const struct memory memory_after = measure_memory();
     const long descriptors_after = measure_descriptors();
     const struct statistics statistics = measure_statistics(samples, calls);
     printf("{\"peer\":\"%s\",\"calls\":%zu,\"threads\":%zu,\"bytes\":%zu,", bench_peer, calls,
            threads, bytes);
     measure_print(&statistics);
     printf(",\"wall_ns\":%" PRIu64 ",\"cpu_ns\":%" PRIu64, wall, cpu);
-    printf(",\"descriptors\":[%ld,%ld],\"resident\":[%ld,%ld]", descriptors, descriptors_after,
-           resident, resident_after);
+    printf(",\"descriptors\":[%ld,%ld],\"resident\":[%ld,%ld],\"own\":[%ld,%ld]", descriptors,
+           descriptors_after, memory.resident, memory_after.resident, memory.own, memory_after.own);
     if (read_counts != NULL) {
         print_heap(&heap_before, &heap_after, calls);
     }

@@ -79,15 +79,17 @@ long measure_descriptors(void) {
     return count - 3; /* two dots and the directory itself */
 }
 
-long measure_resident(void) {
+struct memory measure_memory(void) {
     long size = 0;
     long resident = 0;
+    long of_files = 0;
     FILE* file = fopen("/proc/self/statm", "r");
-    if (file == NULL || fscanf(file, "%ld %ld", &size, &resident) != 2) {
+    if (file == NULL || fscanf(file, "%ld %ld %ld", &size, &resident, &of_files) != 3) {
         measure_fail("/proc/self/statm cannot be read");
     }
     fclose(file);
-    return resident * sysconf(_SC_PAGESIZE);
+    const long page = sysconf(_SC_PAGESIZE);
+    return (struct memory){resident * page, (resident - of_files) * page};
 }
 
 void measure_print(const struct statistics* s) {

@@ -32,9 +32,16 @@ uint64_t measure_cpu_of(int process);
 /* Sorts the samples, of which there is at least one. */
 struct statistics measure_statistics(uint64_t* samples, size_t count);
 
-/* This process's open descriptors and its resident memory in bytes. */
+/* This process's open descriptors. */
 long measure_descriptors(void);
-long measure_resident(void);
+
+/* This process's resident memory in bytes, and how much of it is its own: pages of programs and
+   libraries come in by sixteen, whenever a piece of them is run for the first time. */
+struct memory {
+    long resident;
+    long own;
+};
+struct memory measure_memory(void);
 
 /* `"median_ns":...,"p99_ns":...` and so on, without braces, to the standard output. */
 void measure_print(const struct statistics* statistics);

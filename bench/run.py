@@ -338,13 +338,14 @@ class Run:
                 process = bus.start(self.programs / name, "--rounds", "--warm", "1000")
                 answers.append(process.ask(f"{calls} 1 27"))
                 process.close()
-        for what, unit, size in (("descriptors", "", 1), ("resident", "KiB", 1024)):
-            workload = f"{calls:,} calls, " + ("descriptors left open" if what == "descriptors"
-                                               else "resident memory grown by")
+        for key, what, unit, size in (
+                ("descriptors", "descriptors left open", "", 1),
+                ("resident", "resident memory grown by", "KiB", 1024),
+                ("own", "resident memory grown by, without pages of files", "KiB", 1024)):
             for answer in answers:
-                before, after = answer[what]
-                self.report.add(workload, answer["peer"], (after - before) / size, unit,
-                                before=before, after=after)
+                before, after = answer[key]
+                self.report.add(f"{calls:,} calls, {what}", answer["peer"], (after - before) / size,
+                                unit, before=before, after=after)
 
     # The loop, the queue and the serving half.
 
