@@ -25,8 +25,6 @@ const char* BaseName(const char* file) {
 // A number's characters, put together from the last to the first.
 class Digits {
 public:
-    Digits() : begin(characters + sizeof(characters)) {}
-
     void Put(char character) { *--begin = character; }
     template <unsigned Base>
     void Put(std::uintptr_t value) {
@@ -43,7 +41,7 @@ public:
 
 private:
     char characters[3 * sizeof(std::uintptr_t)];
-    char* begin;
+    char* begin = characters + sizeof(characters);
 };
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace sentrel {
 // Owned by the log statement it stands in. Throws only std::bad_alloc and std::length_error.
 class SR_LogText {
 public:
-    SR_LogText() : end(usual), limit(usual + sizeof(usual) - 1), cut(false) {}
+    SR_LogText() = default;
     SR_LogText(const SR_LogText&) = delete;
     SR_LogText& operator=(const SR_LogText&) = delete;
 
@@ -55,9 +55,9 @@ private:
     SR_LogText& AppendLong(const char* text, std::size_t size);
     SR_LogText& Cut();
 
-    char* end;    // behind what has been composed
-    char* limit;  // as far as `end` may go, with room for a NUL
-    bool cut;
+    char* end = usual;                        // behind what has been composed
+    char* limit = usual + sizeof(usual) - 1;  // as far as `end` may go, with room for a NUL
+    bool cut = false;
     std::string longer;  // holds everything once it does not fit below
     char usual[360];
 };
