@@ -6,7 +6,6 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -25,9 +24,7 @@ inline bool EnterMountNamespace() {
 // Leaves the test where that cannot be had.
 #define NEEDS_MOUNT_NAMESPACE()                                                                  \
     do {                                                                                         \
-        if (geteuid() != 0) {                                                                    \
-            SENTREL_SKIP("mounting needs root");                                                 \
-        }                                                                                        \
+        NEEDS_ROOT();                                                                            \
         if (!::test::EnterMountNamespace()) {                                                    \
             SENTREL_SKIP(std::string("no mount namespace of its own: ") + std::strerror(errno)); \
         }                                                                                        \

@@ -5,6 +5,7 @@
 #define SENTREL_TESTS_SKIP_H
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -25,6 +26,13 @@ inline bool MustRun() {
             FAIL() << "must run, but would be skipped: " << (reason); \
         }                                                             \
         GTEST_SKIP() << (reason);                                     \
+    } while (false)
+
+#define NEEDS_ROOT()                         \
+    do {                                     \
+        if (geteuid() != 0) {                \
+            SENTREL_SKIP("this needs root"); \
+        }                                    \
     } while (false)
 
 #endif

@@ -33,13 +33,6 @@ public:
 
 }  // namespace agent
 
-#define NEEDS_ROOT()                         \
-    do {                                     \
-        if (geteuid() != 0) {                \
-            SENTREL_SKIP("this needs root"); \
-        }                                    \
-    } while (false)
-
 const uid_t kNobody = 65534;
 
 inline agent::Caller TestCaller() {

@@ -190,8 +190,8 @@ std::vector<int> ExpectedOutcomes() {
             outcome = kEnded;
         }
         if (i == 1) {
-            outcomes.resize(outcomes.size() + 1,
-                            kThrown);  // the bus name, made outside the exchange
+            // The bus name, made outside the exchange.
+            outcomes.resize(outcomes.size() + 1, kThrown);
         }
         outcomes.resize(static_cast<std::size_t>(reference[i].allocations) + 1, outcome);
     }

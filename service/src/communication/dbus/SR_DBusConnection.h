@@ -48,7 +48,8 @@ public:
     // default. Throws SR_DBusException for a failure, a late reply and a reply that is an error.
     SR_DBusMessage SendReplyAndBlock(SR_DBusMessage& message, int timeoutMilliseconds);
 
-    // The name that the bus gave to this connection, ":1.42" or so. Owned by libdbus; may be null.
+    // The name that the bus gave to this connection when it opened, ":1.42" or so. Owned by
+    // libdbus; may be null.
     const char* GetUniqueName() const;
 
     // Whether anybody owns the name. Blocks; throws SR_DBusException.
