@@ -8,6 +8,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -24,6 +25,10 @@ public:
     ~Descriptor() { Close(); }
     Descriptor(Descriptor&& other) noexcept : descriptor(other.descriptor) {
         other.descriptor = -1;
+    }
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(descriptor, other.descriptor);
+        return *this;
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;

@@ -140,6 +140,14 @@ std::string Describe(DBusMessage* message) {
            (name != nullptr ? std::string(name) + " " : std::string()) + text;
 }
 
+void FreeWatchData(FakeConnection& connection) {
+    if (connection.freeWatchData != nullptr) {
+        const Outside outside;
+        connection.freeWatchData(connection.watchData);
+        connection.freeWatchData = nullptr;
+    }
+}
+
 // What closing does in libdbus: the watches and timeouts go, through the functions it was given.
 void Disconnect(FakeConnection& connection) {
     connection.connected = false;
@@ -264,6 +272,7 @@ void dbus_connection_unref(DBusConnection* connection) {
         while (!fake.filters.empty()) {
             Drop(fake.filters, fake.filters.begin());
         }
+        FreeWatchData(fake);
     }
 }
 
@@ -288,11 +297,12 @@ void dbus_connection_set_dispatch_status_function(DBusConnection* connection,
     Of(connection).statusData = data;
 }
 
+// As libdbus does it: the new functions get every watch before the old ones lose it.
 dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection,
                                                 DBusAddWatchFunction add,
                                                 DBusRemoveWatchFunction remove,
                                                 DBusWatchToggledFunction toggled, void* data,
-                                                DBusFreeFunction /*freeData*/) {
+                                                DBusFreeFunction freeData) {
     const Inside inside;
     FakeConnection& fake = Of(connection);
     if (Enter("dbus_connection_set_watch_functions")) {
@@ -300,11 +310,26 @@ dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection,
     }
     for (FakeWatch& watch : fake.watches) {
         const Outside outside;
-        (void)add(watch.Get(), data);
+        if (add != nullptr && !add(watch.Get(), data)) {
+            for (FakeWatch& added : fake.watches) {
+                if (&added == &watch) {
+                    return FALSE;
+                }
+                remove(added.Get(), data);
+            }
+        }
     }
+    for (FakeWatch& watch : fake.watches) {
+        const Outside outside;
+        if (fake.removeWatch != nullptr) {
+            fake.removeWatch(watch.Get(), fake.watchData);
+        }
+    }
+    FreeWatchData(fake);
     fake.removeWatch = remove;
     fake.toggleWatch = toggled;
     fake.watchData = data;
+    fake.freeWatchData = freeData;
     return TRUE;
 }
 

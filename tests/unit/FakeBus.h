@@ -58,6 +58,7 @@ struct FakeConnection {
     DBusRemoveWatchFunction removeWatch = nullptr;  // null: libdbus has no watch functions
     DBusWatchToggledFunction toggleWatch = nullptr;
     void* watchData = nullptr;
+    DBusFreeFunction freeWatchData = nullptr;
     DBusRemoveTimeoutFunction removeTimeout = nullptr;
     DBusTimeoutToggledFunction toggleTimeout = nullptr;
     void* timeoutData = nullptr;

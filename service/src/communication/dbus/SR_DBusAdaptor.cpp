@@ -3,6 +3,7 @@
 
 #include "SR_DBusConnectionImpl.h"
 #include "SR_DBusError.h"
+#include "SR_DBusJoinedWatchesImpl.h"
 #include "SR_DBusMessageImpl.h"
 
 namespace sentrel {
@@ -12,6 +13,7 @@ namespace {
 const char kFailed[] = "org.freedesktop.DBus.Error.Failed";
 const char kIntrospectable[] = "org.freedesktop.DBus.Introspectable";
 const char kIntrospect[] = "Introspect";
+const char kPeer[] = "org.freedesktop.DBus.Peer";
 
 const char kIntrospectionHead[] =
     "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
@@ -50,7 +52,7 @@ public:
         SR_DBusAdaptor& object = *static_cast<SR_DBusAdaptor*>(data);
         try {
             const SR_DBusCallMessage call(new SR_DBusMessage::Impl(message), true /* addRef */);
-            const SR_DBusMessage reply = AnswerSafely(object, call);
+            const SR_DBusMessage reply = object.Answer(call);
             if (SR_DBusMessage::Impl::Of(reply) != message) {
                 (void)object.Reply(call, reply);
             }
@@ -59,20 +61,6 @@ public:
             // the handler has run. The caller's wait ends with its timeout.
         }
         return DBUS_HANDLER_RESULT_HANDLED;
-    }
-
-private:
-    // A handler's exception becomes an error reply.
-    static SR_DBusMessage AnswerSafely(SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
-        try {
-            return Answer(object, call);
-        } catch (const SR_DBusException& exception) {
-            return ErrorReply(call, exception.name(), exception.what());
-        } catch (const std::exception& exception) {
-            return ErrorReply(call, kFailed, exception.what());
-        } catch (...) {
-            return ErrorReply(call, kFailed, nullptr);
-        }
     }
 
     static SR_DBusMessage Answer(SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {
@@ -87,6 +75,9 @@ private:
         }
         const char* interfaceName = call.GetInterface();
         const std::string member(call.GetMember());
+        if (interfaceName != nullptr && std::string(interfaceName) == kPeer) {
+            return AnswerPeer(call, member);
+        }
         if (interfaceName != nullptr && std::string(interfaceName) != kIntrospectable) {
             return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownInterface",
                                        interfaceName);
@@ -96,6 +87,26 @@ private:
         }
         SR_DBusReturnMessage reply(call);
         (void)reply.GetWriter().AppendString(Introspection(object));
+        return reply;
+    }
+
+private:
+    // Only when they come by an SR_DBusFilter; else libdbus has answered them.
+    static SR_DBusMessage AnswerPeer(const SR_DBusCallMessage& call, const std::string& member) {
+        SR_DBusReturnMessage reply(call);
+        if (member == "Ping") {
+            return reply;
+        }
+        if (member != "GetMachineId") {
+            return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownMethod", member);
+        }
+        SR_DBusError error;
+        char* const id = dbus_try_get_local_machine_id(error.Get());
+        if (id == nullptr) {
+            throw SR_DBusException(error);
+        }
+        (void)reply.GetWriter().AppendString(id);
+        dbus_free(id);
         return reply;
     }
 
@@ -139,11 +150,12 @@ SR_DBusReturnMessage::SR_DBusReturnMessage(const SR_DBusMessage& replyTo) {
 
 SR_DBusAdaptor::SR_DBusAdaptor(SR_DBusConnection& connection, const std::string& path)
     : servedConnection(connection), servedPath(path) {
+    DBusConnection* const handle = SR_DBusConnection::Impl::Of(servedConnection);
     DBusObjectPathVTable functions = {};
     functions.message_function = Impl::MessageReceived;
     SR_DBusError error;
-    (void)dbus_connection_try_register_object_path(SR_DBusConnection::Impl::Of(servedConnection),
-                                                   servedPath.c_str(), &functions, this,
+    SR_DBusJoinedWatches::Install(handle, SR_DBusConnection::Impl::DispatcherOf(servedConnection));
+    (void)dbus_connection_try_register_object_path(handle, servedPath.c_str(), &functions, this,
                                                    error.Get());
     if (error.IsSet()) {
         throw SR_DBusException(error);
@@ -153,6 +165,19 @@ SR_DBusAdaptor::SR_DBusAdaptor(SR_DBusConnection& connection, const std::string&
 SR_DBusAdaptor::~SR_DBusAdaptor() {
     (void)dbus_connection_unregister_object_path(SR_DBusConnection::Impl::Of(servedConnection),
                                                  servedPath.c_str());
+}
+
+// A handler's exception becomes an error reply.
+SR_DBusMessage SR_DBusAdaptor::Answer(const SR_DBusCallMessage& call) {
+    try {
+        return Impl::Answer(*this, call);
+    } catch (const SR_DBusException& exception) {
+        return ErrorReply(call, exception.name(), exception.what());
+    } catch (const std::exception& exception) {
+        return ErrorReply(call, kFailed, exception.what());
+    } catch (...) {
+        return ErrorReply(call, kFailed, nullptr);
+    }
 }
 
 bool SR_DBusAdaptor::Reply(const SR_DBusMessage& call, const SR_DBusMessage& reply) {

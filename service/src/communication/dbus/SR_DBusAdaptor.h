@@ -6,6 +6,8 @@
 // to Reply() once; whoever kept the copy owes the reply.
 // A call that carries descriptors is refused, since no argument could name them. A call without an
 // interface reaches any member: do not rest a decision on the interface a caller had to name.
+// From the first object on, both directions of its connection's socket are one event of the loop,
+// so that a peer that takes no answers does not keep other callers' messages from being read.
 // Ownership: holds a copy of the connection handle, which keeps the connection open. Destroy the
 // object before the connection's dispatcher, and not from one of its own handlers.
 // Threads: calls arrive on the thread that runs the dispatcher's loop, and are answered there.
@@ -29,7 +31,8 @@ public:
 
 class SR_EXPORT SR_DBusAdaptor : public virtual SR_DBusBaseAdaptor {
 public:
-    // Registers `path` on the connection. Throws SR_DBusException when it is taken there.
+    // Registers `path` on the connection. Throws SR_DBusException when it is taken there, and
+    // std::bad_alloc.
     SR_DBusAdaptor(SR_DBusConnection& connection, const std::string& path);
     // Takes the path back. Calls kept for a later answer stay valid, but Reply() is gone.
     ~SR_DBusAdaptor() override;
@@ -37,6 +40,11 @@ public:
     // Sends `reply` unless `call` asked for none. Queues it; does not block. False when out of
     // memory.
     bool Reply(const SR_DBusMessage& call, const SR_DBusMessage& reply);
+
+    // What the object answers to `call`, without sending it: for a call that an SR_DBusFilter took.
+    // The call itself when a handler answers later. What a handler throws becomes an error reply;
+    // throws std::bad_alloc.
+    SR_DBusMessage Answer(const SR_DBusCallMessage& call);
 
     // Whether the caller waits for a reply to `call`.
     static bool WantsReply(const SR_DBusMessage& call);

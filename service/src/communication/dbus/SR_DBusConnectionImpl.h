@@ -27,6 +27,11 @@ public:
     // libdbus's connection of any handle; borrowed.
     static Internal* Of(const SR_DBusConnection& handle) { return handle.impl->connection; }
 
+    // The dispatcher that any handle is bound to.
+    static SR_DBusDispatcher& DispatcherOf(const SR_DBusConnection& handle) {
+        return *handle.impl->dispatcher;
+    }
+
     // One dispatch step. True when nothing is left for now: libdbus holds no more messages, is out
     // of memory, or the connection is gone.
     bool Dispatch();
