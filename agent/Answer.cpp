@@ -1,22 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Answer.h"
 
-#include <sentrel/SR_Status.h>
-
 #include <exception>
-#include <string>
 
 namespace agent {
 
-Answer::Answer(sentrel::SR_DBusAdaptor& servingAdaptor,
-               const sentrel::SR_DBusCallMessage& receivedCall)
-    : adaptor(servingAdaptor), call(receivedCall), status(SR_FAIL), value(0) {}
-
 Answer::~Answer() {
     try {
-        sentrel::SR_DBusReturnMessage reply(call);
-        if (reply.GetWriter().AppendString(std::to_string(status) + " " + std::to_string(value))) {
-            (void)adaptor.Reply(call, reply);
+        const std::string text = std::to_string(status) + " " + std::to_string(value);
+        sentrel::SR_DBusMessage reply = address.Return();
+        if (reply.GetWriter().AppendString(text)) {
+            replies.Send(uid, address, reply, text.size());
         }
     } catch (const std::exception&) {
         // Out of memory: the caller's wait ends with its timeout.
@@ -26,6 +20,31 @@ Answer::~Answer() {
 void Answer::Set(int newStatus, int newValue) {
     status = newStatus;
     value = newValue;
+}
+
+TextReply::~TextReply() {
+    try {
+        if (!error.empty()) {
+            replies.Send(uid, address, address.Error(error, text), text.size());
+            return;
+        }
+        sentrel::SR_DBusMessage reply = address.Return();
+        if (reply.GetWriter().AppendString(text)) {
+            replies.Send(uid, address, reply, text.size());
+        }
+    } catch (const std::exception&) {
+        // Out of memory: the caller's wait ends with its timeout.
+    }
+}
+
+void TextReply::Set(const std::string& newText) {
+    error.clear();
+    text = newText;
+}
+
+void TextReply::SetError(const std::string& newName, const std::string& newText) {
+    error = newName;
+    text = newText;
 }
 
 }  // namespace agent

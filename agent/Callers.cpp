@@ -3,18 +3,16 @@
 
 #include <sentrel/SR_DBusCredentials.h>
 
-#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 namespace agent {
 
 struct Callers::Table {
-    typedef std::chrono::steady_clock Clock;
-
     struct Waiter {
         Known known;
         Unknown unknown;
@@ -22,12 +20,8 @@ struct Callers::Table {
     struct Question {
         std::uint64_t id = 0;
         std::vector<Waiter> waiters;
+        std::size_t size = 0;  // of what they keep
     };
-    struct Answer {
-        Caller caller;
-        Clock::time_point until;
-    };
-
     explicit Table(const CallerLimits& callerLimits) : limits(callerLimits) {}
 
     // Who waited for this question; it is over. None when it was over before.
@@ -37,29 +31,35 @@ struct Callers::Table {
             return {};
         }
         std::vector<Waiter> waiters = std::move(question->second.waiters);
-        waiting -= waiters.size();
+        waiting -= question->second.size;
         questions.erase(question);
         return waiters;
     }
 
-    // Null when nothing is known, or not lately.
+    // Null when nothing is known.
     const Caller* Find(const std::string& sender) {
-        const Clock::time_point now = Clock::now();
-        answers.remove_if([now](const Answer& answer) { return answer.until <= now; });
-        const auto found = std::find_if(
-            answers.begin(), answers.end(),
-            [&sender](const Answer& answer) { return answer.caller.busName == sender; });
-        if (found == answers.end()) {
+        const auto found = places.find(sender);
+        if (found == places.end()) {
             return nullptr;
         }
-        answers.splice(answers.begin(), answers, found);
-        return &answers.front().caller;
+        answers.splice(answers.begin(), answers, found->second);
+        return &answers.front();
     }
 
     void Keep(const Caller& caller) {
-        answers.push_front(Answer{caller, Clock::now() + limits.keep});
+        Forget(caller.busName);
+        answers.push_front(caller);
+        places[caller.busName] = answers.begin();
         if (answers.size() > limits.kept) {
-            answers.pop_back();
+            Forget(std::string(answers.back().busName));
+        }
+    }
+
+    void Forget(const std::string& sender) {
+        const auto found = places.find(sender);
+        if (found != places.end()) {
+            answers.erase(found->second);
+            places.erase(found);
         }
     }
 
@@ -67,7 +67,8 @@ struct Callers::Table {
     std::uint64_t lastId = 0;
     std::size_t waiting = 0;
     std::map<std::string, Question> questions;
-    std::list<Answer> answers;  // the last used first
+    std::list<Caller> answers;                                            // the last used first
+    std::unordered_map<std::string, std::list<Caller>::iterator> places;  // in `answers`
 };
 
 // Lives in libdbus until the bus has answered; the table may be gone by then.
@@ -119,7 +120,16 @@ Callers::Callers(sentrel::SR_DBusConnection& bus, const CallerLimits& limits)
 
 Callers::~Callers() {}
 
-void Callers::Ask(const std::string& sender, const Known& known, const Unknown& unknown) {
+const Caller* Callers::Find(const std::string& sender) {
+    return table->Find(sender);
+}
+
+void Callers::Forget(const std::string& sender) {
+    table->Forget(sender);
+}
+
+void Callers::Ask(const std::string& sender, std::size_t size, const Known& known,
+                  const Unknown& unknown) {
     const CallerLimits& limits = table->limits;
     if (const Caller* lately = table->Find(sender)) {
         known(Caller(*lately));
@@ -127,18 +137,20 @@ void Callers::Ask(const std::string& sender, const Known& known, const Unknown& 
     }
     const auto open = table->questions.find(sender);
     const bool asked = open != table->questions.end();
-    if (table->waiting >= limits.waiting || (!asked && table->questions.size() >= limits.all) ||
-        (asked && open->second.waiters.size() >= limits.ofOne)) {
+    const std::size_t ahead = asked ? open->second.size : 0;
+    if (table->waiting + size > limits.waiting || ahead + size > limits.ofOne ||
+        (!asked && table->questions.size() >= limits.all)) {
         unknown("too many callers wait to be known");
         return;
     }
-    ++table->waiting;
+    table->waiting += size;
     if (asked) {
         open->second.waiters.push_back({known, unknown});
+        open->second.size += size;
         return;
     }
     const std::uint64_t id = ++table->lastId;
-    table->questions[sender] = Table::Question{id, {{known, unknown}}};
+    table->questions[sender] = Table::Question{id, {{known, unknown}}, size};
     const sentrel::Slot<void, const sentrel::SR_DBusCredentials*> reply(
         boost::make_shared<Reply>(table, sender, id));
     if (!sentrel::SR_DBusCredentials::Ask(connection, sender, reply)) {

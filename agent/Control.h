@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "Answer.h"
 #include "Gate.h"
 #include "Requests.h"
 #include "RuleStore.h"

@@ -4,8 +4,7 @@
 #include <sentrel/SR_Message.h>
 
 #include <boost/make_shared.hpp>
-#include <cstdio>
-#include <exception>
+#include <cstring>
 
 #include "Words.h"
 
@@ -20,6 +19,8 @@ const char kInvalidArgs[] = "org.freedesktop.DBus.Error.InvalidArgs";
 const char kLimitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 const char kUnknownInterface[] = "org.freedesktop.DBus.Error.UnknownInterface";
 const char kNotSupported[] = "org.freedesktop.DBus.Error.NotSupported";
+const char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
+const char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
 
 // An error instead of an answer.
 struct Turned {
@@ -37,9 +38,6 @@ std::string Path() {
 void CheckHeader(const sentrel::SR_DBusCallMessage& call) {
     if (call.GetInterface() == nullptr) {
         throw Turned{kUnknownInterface, "the call names no interface"};
-    }
-    if (call.GetSender() == nullptr) {
-        throw Turned{kInvalidArgs, "the call has no sender"};
     }
     // Nobody would learn what became of it.
     if (!sentrel::SR_DBusAdaptor::WantsReply(call)) {
@@ -59,9 +57,10 @@ void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& s
             throw Turned{kInvalidArgs, "the arguments are not the ones that are expected"};
         }
         if (type == 's') {
-            if (next != nullptr) {
-                *next = reader.GetString();
-                tooLong = tooLong || next->size() > kLongestText;
+            const char* const given = reader.GetString();
+            tooLong = tooLong || strnlen(given, kLongestText + 1) > kLongestText;
+            if (next != nullptr && !tooLong) {
+                *next = given;
             }
             next = text;
         } else if (number != nullptr) {
@@ -86,43 +85,37 @@ sentrel::Slot<sentrel::SR_DBusMessage, const sentrel::SR_DBusCallMessage&> SlotO
                                              const sentrel::SR_DBusCallMessage&> >(object, method));
 }
 
-// From here on the answer is the reply: an exception must not become a second one.
-template <typename Function>
-void Guarded(const std::string& sender, const Function& function) {
-    try {
-        function();
-    } catch (const std::exception& exception) {
-        (void)std::fprintf(stderr, "sentrel-agent: a call of %s: %s\n", sender.c_str(),
-                           exception.what());
+// For those who look from above, as tools that draw the tree of a bus do: what is next on the way
+// to the object. Empty for a path that does not lead there.
+std::string NextOnTheWay(const std::string& path) {
+    const std::string end = Path();
+    const std::string start = path == "/" ? path : path + "/";
+    if (end.size() <= start.size() || end.compare(0, start.size(), start) != 0) {
+        return "";
     }
+    return end.substr(start.size(), end.find('/', start.size()) - start.size());
+}
+
+bool Is(const char* text, const char* wanted) {
+    return text != nullptr && std::strcmp(text, wanted) == 0;
+}
+
+// For a path at which there is nothing.
+sentrel::SR_DBusMessage AnswerElsewhere(const sentrel::SR_DBusReturnAddress& address,
+                                        const sentrel::SR_DBusCallMessage& message) {
+    const char* const path = message.GetPath();
+    const std::string next = NextOnTheWay(path != nullptr ? path : "");
+    if (next.empty() || !Is(message.GetInterface(), "org.freedesktop.DBus.Introspectable") ||
+        !Is(message.GetMember(), "Introspect")) {
+        return next.empty() ? address.Error(kUnknownObject, "there is no such object here")
+                            : address.Error(kUnknownMethod, "there is nothing to call here");
+    }
+    sentrel::SR_DBusMessage reply = address.Return();
+    (void)reply.GetWriter().AppendString("<node>\n  <node name=\"" + next + "\"/>\n</node>\n");
+    return reply;
 }
 
 }  // namespace
-
-TextReply::~TextReply() {
-    try {
-        if (!error.empty()) {
-            (void)adaptor.Reply(call, sentrel::SR_DBusErrorMessage(call, error, text));
-            return;
-        }
-        sentrel::SR_DBusReturnMessage reply(call);
-        if (reply.GetWriter().AppendString(text)) {
-            (void)adaptor.Reply(call, reply);
-        }
-    } catch (const std::exception&) {
-        // Out of memory: the caller's wait ends with its timeout.
-    }
-}
-
-void TextReply::Set(const std::string& newText) {
-    error.clear();
-    text = newText;
-}
-
-void TextReply::SetError(const std::string& newName, const std::string& newText) {
-    error = newName;
-    text = newText;
-}
 
 CallInterface::CallInterface() : SR_DBusIAdaptor(kName) {
     AddMethod("CallCommand", SlotOf(this, &CallInterface::CallCommand));
@@ -148,8 +141,7 @@ sentrel::SR_DBusMessage CallInterface::CallCommand(const sentrel::SR_DBusCallMes
         return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
     }
     request.sender = call.GetSender();
-    const SharedAnswer answer = std::make_shared<Answer>(Object(), call);
-    Guarded(request.sender, [&] { onCall(request, answer); });
+    Reading().call = std::move(request);
     return call;
 }
 
@@ -188,17 +180,25 @@ sentrel::SR_DBusMessage ControlInterface::Ask(const sentrel::SR_DBusCallMessage&
     } catch (const Turned& turned) {
         return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
     }
-    question.sender = call.GetSender();
-    const std::shared_ptr<TextReply> reply = std::make_shared<TextReply>(Object(), call);
-    Guarded(question.sender, [&] { onQuestion(question, reply); });
+    Reading().question = std::move(question);
     return call;
 }
 
-Gate::Gate(sentrel::SR_DBusConnection& bus, const CallReceiver& callReceiver,
-           const QuestionReceiver& questionReceiver)
-    : SR_DBusAdaptor(bus, Path()) {
-    onCall = callReceiver;
-    onQuestion = questionReceiver;
+Gate::Gate(sentrel::SR_DBusConnection& bus) : SR_DBusAdaptor(bus, Path()) {}
+
+std::shared_ptr<const Errand> Gate::Read(const sentrel::SR_DBusCallMessage& message) {
+    const auto errand = std::make_shared<Errand>(sentrel::SR_DBusReturnAddress(message));
+    if (!Is(message.GetPath(), Path().c_str())) {
+        errand->reply.emplace(AnswerElsewhere(errand->address, message));
+        return errand;
+    }
+    reading = errand.get();
+    const sentrel::SR_DBusMessage reply = Answer(message);
+    reading = nullptr;
+    if (!errand->call && !errand->question) {
+        errand->reply.emplace(reply);
+    }
+    return errand;
 }
 
 }  // namespace agent

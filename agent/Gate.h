@@ -1,20 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // The first room: the served object with its two interfaces, the one that carries requests and the
-// one for people. Lets through well-formed calls and nothing else; what it turns away gets a D-Bus
-// error.
+// one for people. It reads a message and says what is to be done with it: a well-formed call is
+// handed on, everything else has its answer here. It sends nothing.
 //
-// Receivers are set before the name is taken. Threads: the one that runs the loop.
+// Threads: the one that runs the loop.
 #ifndef SENTREL_AGENT_GATE_H
 #define SENTREL_AGENT_GATE_H
 
 #include <sentrel/SR_DBusAdaptor.h>
 #include <sentrel/SR_DBusConnection.h>
+#include <sentrel/SR_DBusReturnAddress.h>
 
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
-
-#include "Answer.h"
 
 namespace agent {
 
@@ -30,39 +29,23 @@ struct Call {
     int descriptor = 0;  // a number of the caller's
 };
 
-typedef std::shared_ptr<Answer> SharedAnswer;
-
 // A question of the second interface; `agent` and `text` are there for Test only.
 struct Question {
-    std::string sender;
     std::string member;
     std::string agent;
     std::string text;
 };
 
-// The reply to a question, sent when the object goes: an error as long as nothing was set.
-class TextReply {
-public:
-    TextReply(sentrel::SR_DBusAdaptor& servingAdaptor,
-              const sentrel::SR_DBusCallMessage& receivedCall)
-        : adaptor(servingAdaptor), call(receivedCall) {}
-    TextReply(const TextReply&) = delete;
-    TextReply& operator=(const TextReply&) = delete;
-    ~TextReply();
+// What one message wants. Small, whatever the message was, which is not kept.
+struct Errand {
+    explicit Errand(const sentrel::SR_DBusReturnAddress& to) : address(to) {}
 
-    // The text must be UTF-8.
-    void Set(const std::string& newText);
-    void SetError(const std::string& newName, const std::string& newText);
-
-private:
-    sentrel::SR_DBusAdaptor& adaptor;  // not owned, lives longer
-    const sentrel::SR_DBusCallMessage call;
-    std::string error = "org.freedesktop.DBus.Error.Failed";
-    std::string text = "the question was not answered";
+    sentrel::SR_DBusReturnAddress address;
+    // One of the three.
+    std::optional<Call> call;
+    std::optional<Question> question;
+    std::optional<sentrel::SR_DBusMessage> reply;  // to be sent as it is
 };
-
-typedef std::function<void(const Call&, const SharedAnswer&)> CallReceiver;
-typedef std::function<void(const Question&, const std::shared_ptr<TextReply>&)> QuestionReceiver;
 
 class CallInterface : public sentrel::SR_DBusIAdaptor {
 public:
@@ -70,8 +53,7 @@ public:
     const char* Introspect() const override;
 
 protected:
-    virtual sentrel::SR_DBusAdaptor& Object() = 0;
-    CallReceiver onCall;
+    virtual Errand& Reading() = 0;
 
 private:
     sentrel::SR_DBusMessage CallCommand(const sentrel::SR_DBusCallMessage& call);
@@ -83,8 +65,7 @@ public:
     const char* Introspect() const override;
 
 protected:
-    virtual sentrel::SR_DBusAdaptor& Object() = 0;
-    QuestionReceiver onQuestion;
+    virtual Errand& Reading() = 0;
 
 private:
     sentrel::SR_DBusMessage Ask(const sentrel::SR_DBusCallMessage& call);
@@ -93,11 +74,16 @@ private:
 class Gate : public CallInterface, public ControlInterface, public sentrel::SR_DBusAdaptor {
 public:
     // Registers the object on `bus`. Throws SR_DBusException.
-    Gate(sentrel::SR_DBusConnection& bus, const CallReceiver& callReceiver,
-         const QuestionReceiver& questionReceiver);
+    explicit Gate(sentrel::SR_DBusConnection& bus);
+
+    // `message` must be a call that has a sender.
+    std::shared_ptr<const Errand> Read(const sentrel::SR_DBusCallMessage& message);
 
 protected:
-    sentrel::SR_DBusAdaptor& Object() override { return *this; }
+    Errand& Reading() override { return *reading; }
+
+private:
+    Errand* reading = nullptr;  // while a message is read
 };
 
 }  // namespace agent

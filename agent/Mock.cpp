@@ -123,6 +123,9 @@ Mock::Mock(sentrel::SR_MainLoop& mainLoop, const std::vector<MockRow>& table)
     : loop(mainLoop), rows(table), relays(mainLoop, RelayLimits()) {}
 
 void Mock::Take(const Arrival& arrival) {
+    if (arrival.turn != Turn::kTaken) {
+        return;  // answered with a failure
+    }
     MockRow found;
     found.status = SR_RULE_NO_FOUND;
     found.output = "sentrel-agent: the table has no answer to this";

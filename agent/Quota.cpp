@@ -17,11 +17,9 @@ void Quota::Bucket::Refill(TimePoint now) {
 Quota::User& Quota::Find(uid_t uid, TimePoint now) {
     for (auto entry = users.begin(); entry != users.end();) {
         User& user = entry->second;
-        user.calls.Refill(now);
         user.requests.Refill(now);
         const bool idle = user.running.empty() && user.waiting.empty() &&
-                          user.requests.tokens >= user.requests.burst &&
-                          user.calls.tokens >= user.calls.burst;
+                          user.requests.tokens >= user.requests.burst;
         entry = idle ? users.erase(entry) : std::next(entry);
     }
     const auto entry = users.find(uid);
@@ -29,29 +27,9 @@ Quota::User& Quota::Find(uid_t uid, TimePoint now) {
         return entry->second;
     }
     const double requests = static_cast<double>(limits.perMinute);
-    const double calls = 5 * requests;
     User& user = users[uid];
     user.requests = {requests, requests, requests, now};
-    user.calls = {calls / 3, calls / 3, calls, now};
     return user;
-}
-
-Quota::Turn Quota::Call(uid_t uid, TimePoint now) {
-    if (uid == 0) {
-        return Turn::kTaken;
-    }
-    Bucket& calls = Find(uid, now).calls;
-    if (calls.tokens >= 1) {
-        calls.tokens -= 1;
-        return Turn::kTaken;
-    }
-    return ++away[uid] == 1 ? Turn::kFirstAway : Turn::kAway;
-}
-
-std::map<uid_t, std::uint64_t> Quota::TakeTurnedAway() {
-    std::map<uid_t, std::uint64_t> taken;
-    taken.swap(away);
-    return taken;
 }
 
 bool Quota::HasRoom(const User& user) const {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// How much one uid may ask for: calls of any kind, requests that come in a minute, that run at once
-// and that wait. Waiting ones are served uid by uid in turn, each uid's in the order in which they
-// came.
+// How much one uid may ask for: requests that come in a minute, that run at once and that wait.
+// Waiting ones are served uid by uid in turn, each uid's in the order in which they came. What it
+// sends at all is counted before; see Tolls.h.
 //
 // Knows requests by a number only and starts nothing itself. Threads: one.
 #ifndef SENTREL_AGENT_QUOTA_H
@@ -29,17 +29,8 @@ class Quota {
 public:
     typedef std::chrono::steady_clock::time_point TimePoint;
     enum class Entry { kRun, kWait, kRefused };
-    enum class Turn { kTaken, kFirstAway, kAway };
 
     explicit Quota(const QuotaLimits& quotaLimits);
-
-    // Every call is counted here before anything of it is looked at, so that refused ones are not
-    // free: a user has five times as many calls as requests in a minute, a third of them in one
-    // burst. Beyond that it is to be turned away; kFirstAway: as the first of this uid's since
-    // TakeTurnedAway(). Root's calls are not counted.
-    Turn Call(uid_t uid, TimePoint now);
-    // How many calls of each uid were turned away since the last time this was asked.
-    std::map<uid_t, std::uint64_t> TakeTurnedAway();
 
     // Asks for a place for request `id`, a number not in use. `reason` is written when it is
     // refused; then nothing is kept of it.
@@ -62,19 +53,17 @@ private:
         void Refill(TimePoint now);
     };
     struct User {
-        Bucket calls;
         Bucket requests;
         std::vector<std::uint64_t> running;
         std::deque<std::uint64_t> waiting;
     };
 
-    // The user's entry, with its buckets filled up to now; the idle ones are forgotten meanwhile.
+    // The user's entry, with its bucket filled up to now; the idle ones are forgotten meanwhile.
     User& Find(uid_t uid, TimePoint now);
     bool HasRoom(const User& user) const;
 
     QuotaLimits limits;
     std::map<uid_t, User> users;
-    std::map<uid_t, std::uint64_t> away;
     std::deque<uid_t> turns;  // uids with waiting requests, the next to be served first
     std::size_t total = 0;
 };

@@ -75,14 +75,9 @@ Requests::Requests(sentrel::SR_MainLoop& mainLoop, const RuleStore& ruleStore, A
       quota(limits),
       executor(mainLoop, ExecutorLimits()) {}
 
-Requests::~Requests() {
-    RecordTurnedAway();
-}
-
 void Requests::Take(const Arrival& arrival) {
-    const Quota::Turn turn = quota.Call(arrival.caller.uid, std::chrono::steady_clock::now());
-    if (turn != Quota::Turn::kTaken) {
-        return TurnAway(arrival, turn == Quota::Turn::kFirstAway);
+    if (arrival.turn != Turn::kTaken) {
+        return TurnAway(arrival);
     }
     const std::shared_ptr<Job> job = std::make_shared<Job>();
     job->id = ++lastId;
@@ -106,64 +101,45 @@ void Requests::Take(const Arrival& arrival) {
     looking[id] = job;
 }
 
-// Costs next to nothing: the first of a second is told why, and the audit gets one line with the
-// number of all.
-void Requests::TurnAway(const Arrival& arrival, bool first) {
-    ++refused;
+// Costs next to nothing: only the first of a second is told why.
+void Requests::TurnAway(const Arrival& arrival) {
     arrival.answer->Set(SR_FAIL, 0);
     const Caller& caller = arrival.caller;
     std::string reason;
-    if (first && arrival.call.descriptor > 0 && !ending && relays.HasRoom(caller.uid, reason)) {
+    if (arrival.turn == Turn::kFirstAway && arrival.call.descriptor > 0 && !ending &&
+        relays.HasRoom(caller.uid, reason)) {
         // The answer goes with the last copy of this: not before the reason was said.
         const auto say = [this, uid = caller.uid, answer = arrival.answer](const Look& look) {
             refusals.Say(uid, look.output, "too many calls in a minute");
         };
         (void)relays.Start(TaskFor(caller, arrival.call.descriptor), caller, say);
     }
-    RecordSoon();
 }
 
-void Requests::RecordSoon() {
-    if (turnedAway) {
-        return;
-    }
-    try {
-        turnedAway = std::make_unique<Timer>(
-            loop, std::chrono::steady_clock::now() + std::chrono::seconds(1),
-            [this] { RecordTurnedAway(); });
-    } catch (const std::system_error&) {
-        RecordTurnedAway();
-    }
-}
-
-void Requests::RecordTurnedAway() {
-    turnedAway.reset();
-    for (const auto& user : quota.TakeTurnedAway()) {
-        AuditRequest request;
-        request.id = ++lastId;
-        request.uid = user.first;
-        audit.Denied(
-            request, SR_FAIL,
-            "too many calls in a minute: " + std::to_string(user.second) + " turned away unread");
-    }
-}
-
-void Requests::TakeUnknown(const Call& call, const std::string& reason) {
+void Requests::TakeUnknown(const std::string& sender, const std::optional<Call>& call,
+                           const std::string& reason) {
     ++refused;
     AuditRequest request;
     request.id = ++lastId;
-    request.agent = call.agent;
-    DescribeArguments(call.text, false, request);
-    strangers.Refused(request, SR_FAIL, reason + ": " + call.sender);
+    if (call) {
+        request.agent = call->agent;
+        DescribeArguments(call->text, false, request);
+    }
+    strangers.Unknown(request, reason + ": " + sender);
 }
 
-bool Requests::Counts(const Caller& caller) {
-    const bool taken =
-        quota.Call(caller.uid, std::chrono::steady_clock::now()) == Quota::Turn::kTaken;
-    if (!taken) {
-        RecordSoon();
-    }
-    return taken;
+void Requests::TakeTooMany(uid_t uid) {
+    ++refused;
+    strangers.TooMany(uid);
+}
+
+void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
+    AuditRequest request;
+    request.id = ++lastId;
+    request.uid = uid;
+    audit.Denied(request, SR_FAIL,
+                 "does not read its answers: left alone until it does, with " +
+                     std::to_string(unreadBytes) + " bytes unread");
 }
 
 bool Requests::FindExecutable(const Caller& caller,
@@ -335,7 +311,7 @@ void Requests::EndAll() {
         return;
     }
     ending = true;
-    RecordTurnedAway();
+    strangers.Flush();
     std::vector<std::shared_ptr<Job> > waiting;
     for (const auto& entry : looking) {
         waiting.push_back(entry.second);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Audit.h"
@@ -40,15 +41,16 @@ class Requests {
 public:
     Requests(sentrel::SR_MainLoop& mainLoop, const RuleStore& ruleStore, Audit& requestAudit,
              const QuotaLimits& limits);
-    ~Requests();
     Requests(const Requests&) = delete;
     Requests& operator=(const Requests&) = delete;
 
     void Take(const Arrival& arrival);
-    // A call whose caller is not known; its answer is not given here.
-    void TakeUnknown(const Call& call, const std::string& reason);
-    // Counts a question of the control interface with the calls. False: it is not to be answered.
-    bool Counts(const Caller& caller);
+    // These three have no answer of their own: a message whose sender is not known, one that is too
+    // many of a user's, and a user who is left alone because it does not read.
+    void TakeUnknown(const std::string& sender, const std::optional<Call>& call,
+                     const std::string& reason);
+    void TakeTooMany(uid_t uid);
+    void TakeLeftAlone(uid_t uid, std::size_t unreadBytes);
     // Calls `known` once, with the caller's executable or, when that does not come, without. False,
     // and never a call, when there is no room for that.
     bool FindExecutable(const Caller& caller, const std::function<void(const Caller&)>& known);
@@ -63,9 +65,7 @@ public:
 private:
     struct Job;
 
-    void TurnAway(const Arrival& arrival, bool first);
-    void RecordSoon();
-    void RecordTurnedAway();
+    void TurnAway(const Arrival& arrival);
     void Looked(std::uint64_t id, const Look& look);
     void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
@@ -83,7 +83,6 @@ private:
     Refusals refusals;
     Strangers strangers;
     Quota quota;
-    std::unique_ptr<Timer> turnedAway;  // until their number goes into the audit
     Mounts mounts;
     Executor executor;                                       // goes before the relays
     std::map<std::uint64_t, std::shared_ptr<Job> > looking;  // in the order of arrival

@@ -1,50 +1,138 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Service.h"
 
+#include <boost/make_shared.hpp>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
 namespace agent {
 
-Service::Service(sentrel::SR_DBusConnection& bus)
-    : gate(
-          bus, [this](const Call& call, const SharedAnswer& answer) { TakeCall(call, answer); },
-          [this](const Question& question, const std::shared_ptr<TextReply>& reply) {
-              TakeQuestion(question, reply);
-          }),
-      callers(bus) {}
+namespace {
 
-void Service::Serve(const OnRequest& onRequest, const OnQuestion& onQuestion,
-                    const OnUnknown& onUnknown) {
-    requests = onRequest;
-    questions = onQuestion;
-    unknown = onUnknown;
+const char kBus[] = "org.freedesktop.DBus";
+const char kTooMany[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+const int kMethodCall = 1;  // libdbus's message type
+
+// About what an errand and what belongs to it take in memory.
+std::size_t SizeOf(const std::shared_ptr<const Errand>& errand) {
+    const std::size_t some = 512;
+    return errand && errand->call ? some + errand->call->agent.size() + errand->call->text.size()
+           : errand && errand->question
+               ? some + errand->question->agent.size() + errand->question->text.size()
+           : errand ? 4096
+                    : some;
 }
 
-// An answer that nobody keeps says that the request failed; so it does when the bus does not know
-// the caller, or when too many wait to be known.
-void Service::TakeCall(const Call& call, const SharedAnswer& answer) {
+// What is thrown must not take the loop along.
+template <typename Function>
+void Guarded(const std::string& sender, const Function& function) {
+    try {
+        function();
+    } catch (const std::exception& exception) {
+        (void)std::fprintf(stderr, "sentrel-agent: a message of %s: %s\n", sender.c_str(),
+                           exception.what());
+    }
+}
+
+}  // namespace
+
+Service::Service(sentrel::SR_DBusConnection& bus, std::size_t requestsPerMinute)
+    : tolls(requestsPerMinute),
+      replies(bus),
+      gate(bus),
+      callers(bus),
+      filter(bus, sentrel::Slot<bool, const sentrel::SR_DBusCallMessage&>(
+                      boost::make_shared<
+                          sentrel::Callback<Service, bool, const sentrel::SR_DBusCallMessage&> >(
+                          this, &Service::Take))) {
+    // Names that are given up: what their connections have not read goes with them.
+    bus.AddMatch(
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+        "member='NameOwnerChanged',arg2=''");
+}
+
+void Service::Serve(const Receivers& newReceivers) {
+    receivers = newReceivers;
+    replies.OnLeftAlone(receivers.leftAlone);
+}
+
+// True: libdbus does nothing more with it.
+bool Service::Take(const sentrel::SR_DBusCallMessage& message) {
+    const char* const sender = message.GetSender();
+    if (sender == nullptr || std::strcmp(sender, kBus) == 0) {
+        TakeFromBus(message);
+        return false;
+    }
     const auto received = std::chrono::steady_clock::now();
-    callers.Ask(
-        call.sender,
-        [this, call, answer, received](const Caller& caller) {
-            if (requests) {
-                requests(Arrival{call, caller, received, answer});
+    const bool isCall = message.GetType() == kMethodCall;
+    const std::string from = sender;
+    Guarded(from, [&] {
+        Turn turn = Turn::kTaken;
+        if (const Caller* known = callers.Find(from)) {
+            const Caller caller = *known;
+            if (Counts(caller, turn) && isCall) {
+                Carry(*gate.Read(message), caller, turn, received);
             }
-        },
-        [this, call](const std::string& reason) {
-            if (unknown) {
-                unknown(call, reason);
-            }
-        });
+            return;
+        }
+        const std::shared_ptr<const Errand> errand = isCall ? gate.Read(message) : nullptr;
+        callers.Ask(
+            from, SizeOf(errand),
+            [this, errand, received](const Caller& caller) {
+                Turn itsTurn = Turn::kTaken;
+                if (Counts(caller, itsTurn) && errand) {
+                    Carry(*errand, caller, itsTurn, received);
+                }
+            },
+            [this, from, errand](const std::string& reason) {
+                if (receivers.unknown) {
+                    receivers.unknown(from, errand ? errand->call : std::nullopt, reason);
+                }
+            });
+    });
+    return true;
 }
 
-void Service::TakeQuestion(const Question& question, const std::shared_ptr<TextReply>& reply) {
-    callers.Ask(
-        question.sender,
-        [this, question, reply](const Caller& caller) {
-            if (questions) {
-                questions(question, caller, reply);
-            }
-        },
-        [](const std::string& /*reason*/) {});
+void Service::TakeFromBus(const sentrel::SR_DBusCallMessage& message) {
+    if (!message.IsSignal(kBus, "NameOwnerChanged")) {
+        return;
+    }
+    sentrel::SR_DBusMessageIter reader = message.GetReader();
+    const std::string name = reader.GetString();
+    callers.Forget(name);
+    replies.Forget(name);
+}
+
+// Whether anything is to be done for the message.
+bool Service::Counts(const Caller& caller, Turn& turn) {
+    turn = tolls.Count(caller.uid, std::chrono::steady_clock::now());
+    if (turn != Turn::kTaken && receivers.tooMany) {
+        receivers.tooMany(caller.uid);
+    }
+    return turn != Turn::kSilent;
+}
+
+void Service::Carry(const Errand& errand, const Caller& caller, Turn turn,
+                    std::chrono::steady_clock::time_point received) {
+    if (errand.call) {
+        // An answer that nobody keeps says that the request failed.
+        const auto answer = std::make_shared<Answer>(replies, caller.uid, errand.address);
+        if (receivers.request) {
+            receivers.request(Arrival{*errand.call, caller, received, answer, turn});
+        }
+    } else if (turn != Turn::kTaken) {
+        TextReply(replies, caller.uid, errand.address)
+            .SetError(kTooMany, "too many calls in a minute");
+    } else if (errand.question) {
+        const auto reply = std::make_shared<TextReply>(replies, caller.uid, errand.address);
+        if (receivers.question) {
+            receivers.question(*errand.question, caller, reply);
+        }
+    } else {
+        // Introspection is the largest of these.
+        replies.Send(caller.uid, errand.address, *errand.reply, 4096);
+    }
 }
 
 }  // namespace agent

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The agent's front: the gate, and behind it the question to the bus who is calling. What comes out
-// is a call with its caller, whose executable nobody knows yet.
+// The agent's front. Everything that arrives on the connection comes by here before anything is
+// done for it, in this order: whose it is (asked of the bus, once for a connection), what its user
+// has sent lately, and only then what it wants. What comes out is a call with its caller, whose
+// executable nobody knows yet, and whether it is to be turned away.
+//
+// A message whose sender is not known yet waits for the bus's word as what it wants, which is
+// small; so does what follows on its connection, so that the order is kept.
 //
 // What was passed in to Serve() is called on the loop's thread. The connection must outlive the
 // object; whoever holds answers must let go of them first.
@@ -8,16 +13,23 @@
 #define SENTREL_AGENT_SERVICE_H
 
 #include <sentrel/SR_DBusConnection.h>
+#include <sentrel/SR_DBusFilter.h>
 
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "Answer.h"
 #include "Callers.h"
 #include "Gate.h"
+#include "Replies.h"
+#include "Tolls.h"
 
 namespace agent {
+
+typedef std::shared_ptr<Answer> SharedAnswer;
 
 // A request and all that belongs to it.
 struct Arrival {
@@ -25,35 +37,48 @@ struct Arrival {
     Caller caller;
     std::chrono::steady_clock::time_point received;
     SharedAnswer answer;
+    Turn turn = Turn::kTaken;  // or to be turned away
+};
+
+// Who takes what comes. All may be empty.
+struct Receivers {
+    std::function<void(const Arrival&)> request;
+    // Whoever cannot answer at once keeps the reply.
+    std::function<void(const Question&, const Caller&, const std::shared_ptr<TextReply>&)> question;
+    // A message of a sender who is not known, what it asks for if anything, and why. It gets no
+    // answer.
+    std::function<void(const std::string& sender, const std::optional<Call>&,
+                       const std::string& reason)>
+        unknown;
+    // A message too many of that user's, whether it is answered or not.
+    std::function<void(uid_t)> tooMany;
+    // A user who does not read gets no answers for now.
+    std::function<void(uid_t, std::size_t unreadBytes)> leftAlone;
 };
 
 class Service {
 public:
-    typedef std::function<void(const Arrival&)> OnRequest;
-    // Whoever cannot answer at once keeps the reply.
-    typedef std::function<void(const Question&, const Caller&, const std::shared_ptr<TextReply>&)>
-        OnQuestion;
-    // A call whose caller is not known, and why; it has failed.
-    typedef std::function<void(const Call&, const std::string&)> OnUnknown;
-
     // Registers the object; the name is to be requested later. Throws SR_DBusException.
-    explicit Service(sentrel::SR_DBusConnection& bus);
+    Service(sentrel::SR_DBusConnection& bus, std::size_t requestsPerMinute);
 
-    // Who takes what comes; until then every call fails.
-    void Serve(const OnRequest& onRequest, const OnQuestion& onQuestion,
-               const OnUnknown& onUnknown = OnUnknown());
+    // Until then every call fails.
+    void Serve(const Receivers& newReceivers);
     // Whether the bus is still there.
     bool Connected() const { return gate.Connected(); }
 
 private:
-    void TakeCall(const Call& call, const SharedAnswer& answer);
-    void TakeQuestion(const Question& question, const std::shared_ptr<TextReply>& reply);
+    bool Take(const sentrel::SR_DBusCallMessage& message);
+    void TakeFromBus(const sentrel::SR_DBusCallMessage& message);
+    bool Counts(const Caller& caller, Turn& turn);
+    void Carry(const Errand& errand, const Caller& caller, Turn turn,
+               std::chrono::steady_clock::time_point received);
 
-    OnRequest requests;
-    OnQuestion questions;
-    OnUnknown unknown;
+    Receivers receivers;
+    Tolls tolls;
+    Replies replies;
     Gate gate;
-    Callers callers;  // goes first: holds answers that are sent through the gate
+    Callers callers;
+    sentrel::SR_DBusFilter filter;  // goes first: nothing arrives any more
 };
 
 }  // namespace agent

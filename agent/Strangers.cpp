@@ -7,32 +7,49 @@ Strangers::Strangers(sentrel::SR_MainLoop& mainLoop, Audit& requestAudit)
     : loop(mainLoop), audit(requestAudit) {}
 
 Strangers::~Strangers() {
-    SecondOver();
+    Flush();
 }
 
-void Strangers::Refused(const AuditRequest& request, int status, const std::string& reason) {
-    if (!second) {
-        try {
-            second = std::make_unique<Timer>(
-                loop, std::chrono::steady_clock::now() + std::chrono::seconds(1),
-                [this] { SecondOver(); });
-        } catch (const std::system_error&) {
-            SecondOver();  // better too many lines than none
-        }
-    }
+void Strangers::Unknown(const AuditRequest& request, const std::string& reason) {
     if (written < kLines) {
         ++written;
-        audit.Denied(request, status, reason);
+        audit.Denied(request, 1, reason);
     } else {
         ++left;
     }
+    StartSecond();
 }
 
-void Strangers::SecondOver() {
+void Strangers::TooMany(uid_t uid) {
+    ++away[uid];
+    StartSecond();
+}
+
+void Strangers::StartSecond() {
+    if (second) {
+        return;
+    }
+    try {
+        second = std::make_unique<Timer>(
+            loop, std::chrono::steady_clock::now() + std::chrono::seconds(1), [this] { Flush(); });
+    } catch (const std::system_error&) {
+        Flush();  // better too many lines than none
+    }
+}
+
+void Strangers::Flush() {
     if (left > 0) {
         audit.Denied(AuditRequest(), 1,
-                     std::to_string(left) + " more requests of callers that are not known");
+                     std::to_string(left) + " more messages of senders that are not known");
     }
+    for (const auto& user : away) {
+        AuditRequest request;
+        request.uid = user.first;
+        audit.Denied(
+            request, 1,
+            "too many calls in a minute: " + std::to_string(user.second) + " turned away unread");
+    }
+    away.clear();
     written = 0;
     left = 0;
     second.reset();

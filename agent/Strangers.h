@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The audit of requests that are refused before anybody knows who asks. They cost a caller nothing
-// and fall under no quota, so only a few lines are written in a second, and then how many more
-// there were.
+// The audit of messages that are refused without being looked at: those of senders whom nobody
+// knows, and those that are too many of one user. They cost a caller nothing, so only a few lines
+// are written in a second, and then how many more there were.
 //
 // Loop and audit are not owned and must outlive the object. Threads: the one that runs the loop.
 #ifndef SENTREL_AGENT_STRANGERS_H
 #define SENTREL_AGENT_STRANGERS_H
 
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -24,16 +28,22 @@ public:
     Strangers(const Strangers&) = delete;
     Strangers& operator=(const Strangers&) = delete;
 
-    void Refused(const AuditRequest& request, int status, const std::string& reason);
+    // Nobody knows whose it is.
+    void Unknown(const AuditRequest& request, const std::string& reason);
+    // One too many of that user's.
+    void TooMany(uid_t uid);
+    // Writes at once what would be written when the second is over.
+    void Flush();
 
 private:
-    void SecondOver();
+    void StartSecond();
 
     sentrel::SR_MainLoop& loop;
     Audit& audit;
     std::unique_ptr<Timer> second;
     std::size_t written = 0;
     std::size_t left = 0;
+    std::map<uid_t, std::uint64_t> away;
 };
 
 }  // namespace agent

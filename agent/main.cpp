@@ -12,7 +12,6 @@
 // the name cannot be had, or when the bus is lost; 2 for wrong options.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sentrel/SR_DBusConnection.h>
 #include <sentrel/SR_DBusDispatcher.h>
 #include <sentrel/SR_DBusError.h>
@@ -154,30 +153,6 @@ struct Handlers {
     std::function<bool()> settled;
 };
 
-// libdbus watches its one descriptor twice, for reading and for writing. While its output is stuck,
-// because somebody does not take answers, the loop hands what is there to read to the wrong one of
-// the two: a turn comes back at once, has done nothing, and so do all that follow. After many such
-// turns in a row each one waits a little, until one takes its time again.
-class Pace {
-public:
-    void BeforeTurn() {
-        if (quick >= kManyInVain) {
-            (void)poll(nullptr, 0, 1);
-        }
-        start = std::chrono::steady_clock::now();
-    }
-    void AfterTurn() {
-        const bool atOnce =
-            std::chrono::steady_clock::now() - start < std::chrono::microseconds(100);
-        quick = atOnce ? std::min(quick + 1, kManyInVain) : 0;
-    }
-
-private:
-    static constexpr int kManyInVain = 100;
-    int quick = 0;
-    std::chrono::steady_clock::time_point start;
-};
-
 // Runs the loop until the end. After SIGTERM, and when the bus is lost, what is under way gets a
 // few seconds.
 int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
@@ -196,9 +171,7 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
         }
     });
     std::unique_ptr<agent::Timer> limit;
-    Pace pace;
     for (;;) {
-        pace.BeforeTurn();
         dispatcher.DispatchPending();
         if (!limit && (stop || !service.Connected())) {
             if (!service.Connected()) {
@@ -212,7 +185,6 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
             return service.Connected() ? 0 : 1;
         }
         dispatcher.Dispatch();
-        pace.AfterTurn();
     }
 }
 
@@ -227,17 +199,22 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::Audit audit = options.auditToStandardError ? agent::Audit(std::cerr) : agent::Audit();
     sentrel::SR_DBusDispatcher dispatcher;
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
-    agent::Service service(connection);
+    agent::Service service(connection, options.limits.perMinute);
     agent::Requests requests(dispatcher, store, audit, options.limits);
     agent::Control control(requests, store, [&store] { return Reload(store); });
-    service.Serve([&](const agent::Arrival& arrival) { requests.Take(arrival); },
-                  [&](const agent::Question& question, const agent::Caller& caller,
-                      const std::shared_ptr<agent::TextReply>& reply) {
-                      control.Answer(question, caller, reply);
-                  },
-                  [&](const agent::Call& call, const std::string& reason) {
-                      requests.TakeUnknown(call, reason);
-                  });
+    agent::Receivers receivers;
+    receivers.request = [&](const agent::Arrival& arrival) { requests.Take(arrival); };
+    receivers.question = [&](const agent::Question& question, const agent::Caller& caller,
+                             const std::shared_ptr<agent::TextReply>& reply) {
+        control.Answer(question, caller, reply);
+    };
+    receivers.unknown = [&](const std::string& sender, const std::optional<agent::Call>& call,
+                            const std::string& reason) {
+        requests.TakeUnknown(sender, call, reason);
+    };
+    receivers.tooMany = [&](uid_t uid) { requests.TakeTooMany(uid); };
+    receivers.leftAlone = [&](uid_t uid, std::size_t bytes) { requests.TakeLeftAlone(uid, bytes); };
+    service.Serve(receivers);
     if (!TakeName(connection)) {
         return 1;
     }
@@ -261,13 +238,15 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
     }
     sentrel::SR_DBusDispatcher dispatcher;
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
-    agent::Service service(connection);
+    agent::Service service(connection, options.limits.perMinute);
     agent::Mock mock(dispatcher, rows);
-    service.Serve([&mock](const agent::Arrival& arrival) { mock.Take(arrival); },
-                  [&mock](const agent::Question& question, const agent::Caller& caller,
-                          const std::shared_ptr<agent::TextReply>& reply) {
-                      mock.Answer(question, caller, *reply);
-                  });
+    agent::Receivers receivers;
+    receivers.request = [&mock](const agent::Arrival& arrival) { mock.Take(arrival); };
+    receivers.question = [&mock](const agent::Question& question, const agent::Caller& caller,
+                                 const std::shared_ptr<agent::TextReply>& reply) {
+        mock.Answer(question, caller, *reply);
+    };
+    service.Serve(receivers);
     if (!TakeName(connection)) {
         return 1;
     }

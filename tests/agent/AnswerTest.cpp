@@ -2,6 +2,7 @@
 // One reply for every call that wants one, seen from a caller on a private bus.
 #include "Answer.h"
 
+#include <sentrel/SR_DBusAdaptor.h>
 #include <sentrel/SR_DBusDispatcher.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -22,11 +23,10 @@ const char kName[] = "org.example.answering";
 // Hands each call to a function of the test's.
 class Served : public sentrel::SR_DBusIAdaptor, public sentrel::SR_DBusAdaptor {
 public:
-    typedef std::function<void(sentrel::SR_DBusAdaptor&, const sentrel::SR_DBusCallMessage&)>
-        Handler;
+    typedef std::function<void(agent::Replies&, const sentrel::SR_DBusReturnAddress&)> Handler;
 
     Served(sentrel::SR_DBusConnection& bus, const Handler& function)
-        : SR_DBusIAdaptor(kName), SR_DBusAdaptor(bus, "/served"), handler(function) {
+        : SR_DBusIAdaptor(kName), SR_DBusAdaptor(bus, "/served"), replies(bus), handler(function) {
         AddMethod("Ask",
                   sentrel::Slot<sentrel::SR_DBusMessage, const sentrel::SR_DBusCallMessage&>(
                       boost::make_shared<sentrel::Callback<Served, sentrel::SR_DBusMessage,
@@ -36,10 +36,11 @@ public:
 
 private:
     sentrel::SR_DBusMessage Ask(const sentrel::SR_DBusCallMessage& call) {
-        handler(*this, call);
+        handler(replies, sentrel::SR_DBusReturnAddress(call));
         return call;  // answered elsewhere
     }
 
+    agent::Replies replies;
     Handler handler;
 };
 
@@ -93,11 +94,11 @@ protected:
                 Ask(pipe.writer.Get(), name, wantsReply);
                 _exit(0);
             }
-            const Served served(connection, [&](sentrel::SR_DBusAdaptor& adaptor,
-                                                const sentrel::SR_DBusCallMessage& call) {
-                seen = true;
-                handler(adaptor, call);
-            });
+            const Served served(
+                connection, [&](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
+                    seen = true;
+                    handler(replies, to);
+                });
             bool done = false;
             bool late = false;
             {
@@ -111,10 +112,10 @@ protected:
                 }
             }
             EXPECT_FALSE(late);
+            kept.reset();  // before what it is sent through
+            later.reset();
             result = ReadLines(pipe.reader.Get(), 2);
             EXPECT_EQ(waitpid(client, nullptr, 0), client);
-            kept.reset();
-            later.reset();
         }
         return result;
     }
@@ -129,8 +130,8 @@ protected:
 
 TEST_F(AnswerTest, AnAnswerThatNobodySetIsAFailure) {
     EXPECT_EQ(Exchange(
-                  [](sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call) {
-                      const Answer answer(adaptor, call);
+                  [](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
+                      const Answer answer(replies, getuid(), to);
                   },
                   true),
               "1 0\n0 more\n");
@@ -138,8 +139,8 @@ TEST_F(AnswerTest, AnAnswerThatNobodySetIsAFailure) {
 
 TEST_F(AnswerTest, WhatWasSetLastIsSentOnce) {
     EXPECT_EQ(Exchange(
-                  [](sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call) {
-                      Answer answer(adaptor, call);
+                  [](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
+                      Answer answer(replies, getuid(), to);
                       answer.Set(8, 0);
                       answer.Set(0, 137);
                   },
@@ -149,9 +150,9 @@ TEST_F(AnswerTest, WhatWasSetLastIsSentOnce) {
 
 TEST_F(AnswerTest, AnExceptionOnTheWayStillAnswersAndOnlyOnce) {
     EXPECT_EQ(Exchange(
-                  [](sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call) {
+                  [](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
                       try {
-                          const Answer answer(adaptor, call);
+                          const Answer answer(replies, getuid(), to);
                           throw std::runtime_error("on the way");
                       } catch (const std::runtime_error&) {
                       }
@@ -162,8 +163,8 @@ TEST_F(AnswerTest, AnExceptionOnTheWayStillAnswersAndOnlyOnce) {
 
 TEST_F(AnswerTest, AnAnswerMayBeGivenLongAfterTheCallWasHandled) {
     EXPECT_EQ(Exchange(
-                  [&](sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call) {
-                      kept = std::make_unique<Answer>(adaptor, call);
+                  [&](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
+                      kept = std::make_unique<Answer>(replies, getuid(), to);
                       kept->Set(0, 5);
                       later = std::make_unique<agent::Timer>(
                           *loop, std::chrono::steady_clock::now(), [&] { kept.reset(); });
@@ -174,8 +175,8 @@ TEST_F(AnswerTest, AnAnswerMayBeGivenLongAfterTheCallWasHandled) {
 
 TEST_F(AnswerTest, ACallThatWantsNoReplyGetsNone) {
     EXPECT_EQ(Exchange(
-                  [](sentrel::SR_DBusAdaptor& adaptor, const sentrel::SR_DBusCallMessage& call) {
-                      Answer answer(adaptor, call);
+                  [](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
+                      Answer answer(replies, getuid(), to);
                       answer.Set(0, 1);
                   },
                   false),

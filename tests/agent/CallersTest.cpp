@@ -21,7 +21,6 @@ namespace {
 
 using agent::Caller;
 using agent::Callers;
-using std::chrono::milliseconds;
 
 class CallersTest : public testing::Test {
 protected:
@@ -34,7 +33,7 @@ protected:
     }
     void Ask(const std::string& name) {
         callers->Ask(
-            name, [this](const Caller& caller) { known.push_back(caller); },
+            name, 1, [this](const Caller& caller) { known.push_back(caller); },
             [this](const std::string& reason) { unknown.push_back(reason); });
     }
     void RunUntilAnswers(std::size_t count) {
@@ -85,18 +84,19 @@ TEST_F(CallersTest, AConnectionsManyCallsAreOneQuestion) {
     EXPECT_EQ(1, Questions());
 }
 
-TEST_F(CallersTest, AnAnswerIsKeptForItsTimeOnlyAndOnlySoManyAre) {
-    agent::CallerLimits limits;
-    limits.keep = milliseconds(0);
-    Restart(limits);
+TEST_F(CallersTest, AnAnswerIsKeptUntilItsConnectionIsGoneAndOnlySoManyAre) {
     const test::PlainConnection callersOwn[3];
-    for (std::size_t i = 1; i <= 2; ++i) {
-        Ask(callersOwn[0].UniqueName());
-        RunUntilAnswers(i);
-    }
+    Ask(callersOwn[0].UniqueName());
+    RunUntilAnswers(1);
+    ASSERT_NE(nullptr, callers->Find(callersOwn[0].UniqueName()));
+    EXPECT_EQ(getpid(), callers->Find(callersOwn[0].UniqueName())->pid);
+    callers->Forget(callersOwn[0].UniqueName());
+    EXPECT_EQ(nullptr, callers->Find(callersOwn[0].UniqueName()));
+    Ask(callersOwn[0].UniqueName());
+    RunUntilAnswers(2);
     EXPECT_EQ(2, Questions());
 
-    limits = agent::CallerLimits();
+    agent::CallerLimits limits;
     limits.kept = 2;
     Restart(limits);
     // The first is used again and so outlives the second.
@@ -164,7 +164,7 @@ TEST_F(CallersTest, ManyStrangersGetAFewLinesASecondAndTheRestIsCounted) {
     request.agent = "sr_rmmod";
     request.arguments = {"x"};
     for (int i = 0; i < 100; ++i) {
-        strangers.Refused(request, 1, "nobody knows: :1.5");
+        strangers.Unknown(request, "nobody knows: :1.5");
     }
     const auto count = [&lines](const std::string& text) {
         std::istringstream all(lines.str());
@@ -184,9 +184,24 @@ TEST_F(CallersTest, ManyStrangersGetAFewLinesASecondAndTheRestIsCounted) {
     while (count("") == 5 && !late) {
         dispatcher.Dispatch();
     }
-    EXPECT_EQ(1, count("95 more requests of callers that are not known"));
-    strangers.Refused(request, 1, "nobody knows: :1.6");  // another second
+    EXPECT_EQ(1, count("95 more messages of senders that are not known"));
+    strangers.Unknown(request, "nobody knows: :1.6");  // another second
     EXPECT_EQ(1, count(":1.6"));
+}
+
+TEST_F(CallersTest, MessagesTooManyAreOneLineForEachUserWhenTheSecondIsOver) {
+    std::ostringstream lines;
+    agent::Audit audit(lines);
+    agent::Strangers strangers(dispatcher, audit);
+    for (int i = 0; i < 300; ++i) {
+        strangers.TooMany(static_cast<uid_t>(1 + i % 2));
+    }
+    EXPECT_EQ("", lines.str());
+    strangers.Flush();
+    const std::string text = lines.str();
+    EXPECT_EQ(2, std::count(text.begin(), text.end(), '\n'));
+    EXPECT_TRUE(test::Holds(text, " uid=2 "));
+    EXPECT_TRUE(test::Holds(text, "too many calls in a minute: 150 turned away unread"));
 }
 
 }  // namespace

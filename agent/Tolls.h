@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// Counts what each user sends, so that nothing that reaches the agent is free: every message is
+// counted here before anything is done for it, whatever it is and whether anybody reads it.
+//
+// A user may send five times as many messages as requests in a minute, a third of them in one
+// burst. The next ones, up to a minute's worth more, are turned away with a short answer; beyond
+// that nothing is answered at all, and the sender's own timeout tells it. Root is not counted.
+// Knows users only. Threads: one.
+#ifndef SENTREL_AGENT_TOLLS_H
+#define SENTREL_AGENT_TOLLS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+
+namespace agent {
+
+enum class Turn {
+    kTaken,      // to be looked at
+    kFirstAway,  // to be turned away, as the first of this user's within a second
+    kAway,       // to be turned away
+    kSilent      // to be left without an answer
+};
+
+class Tolls {
+public:
+    typedef std::chrono::steady_clock::time_point TimePoint;
+
+    explicit Tolls(std::size_t requestsPerMinute);
+
+    Turn Count(uid_t uid, TimePoint now);
+
+private:
+    // Tokens that come back with time.
+    struct Bucket {
+        double tokens;
+        double burst;
+        double perMinute;
+
+        void Refill(std::chrono::duration<double> passed);
+        bool Take();
+    };
+    struct User {
+        Bucket taken;
+        Bucket away;
+        TimePoint counted;
+        TimePoint told;  // when one was turned away as the first
+    };
+
+    User& Find(uid_t uid, TimePoint now);
+
+    double perMinute;
+    std::map<uid_t, User> users;
+};
+
+}  // namespace agent
+
+#endif
