@@ -37,8 +37,8 @@ CALLS = [
     ((CONTROL, "Status"), (PASSED, PASSED, BUS)),
     ((CONTROL, "Mounts"), (PASSED, PASSED, BUS)),
     ((CONTROL, "Reload"), (PASSED, AGENT, BUS)),
-    (("org.freedesktop.DBus.Introspectable", "Introspect"), (PASSED, PASSED, PASSED)),
-    (("org.freedesktop.DBus.Peer", "Ping"), (PASSED, PASSED, PASSED)),
+    (("org.freedesktop.DBus.Introspectable", "Introspect"), (PASSED, PASSED, BUS)),
+    (("org.freedesktop.DBus.Peer", "Ping"), (PASSED, PASSED, BUS)),
     (("org.freedesktop.DBus.Properties", "GetAll", f"string:{NAME}"), (None, BUS, BUS)),
     (("org.example.Other", "Anything"), (None, BUS, BUS)),
 ]
