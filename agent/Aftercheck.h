@@ -1,26 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is looked at once a tool has done its work: that a mount has the flags that it must have,
-// and that a node has its owner. Used in the tool's child: these are a caller's paths.
+// A finished mount is put in its place and then looked at once more, by its descriptor: no name is
+// asked that a caller could have given to something else. Used in the request's process.
 #ifndef SENTREL_AGENT_AFTERCHECK_H
 #define SENTREL_AGENT_AFTERCHECK_H
 
 #include <string>
 #include <vector>
 
-#include "Permit.h"
 #include "Pinning.h"
 
 namespace agent {
 
-// False with a reason when what is mounted on the pinned directory lacks a flag; it is then
-// unmounted. False as well when nothing was mounted there although the tool said so. A tool that
-// failed may have mounted all the same; what was there before it stays.
-bool CheckMount(const PinnedPath& pinned, const std::vector<std::string>& flags, bool toolSucceeded,
-                std::string& reason);
+// Shows a mount that stands nowhere on the very directory that was pinned. False with a reason,
+// without the path, when that cannot be: it still stands nowhere. `once`: not when the very same
+// file system stands there already.
+bool PutInPlace(const OwnedFd& mount, const PinnedPath& target, bool once, std::string& reason);
 
-// Takes set-id bits off the node and gives it to its owner, if it is the very node that the
-// arguments describe: type, and for a device its numbers, behind the path.
-bool FinishNode(const PinnedPath& pinned, const Plan& plan, std::string& reason);
+// Looks at the mount in its place. False with a reason when it lacks a flag or is not there, or
+// when that cannot be learned; it is then taken away again.
+bool CheckMount(const OwnedFd& mount, const std::string& path,
+                const std::vector<std::string>& flags, std::string& reason);
 
 }  // namespace agent
 

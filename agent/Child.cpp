@@ -23,18 +23,24 @@
 #include <vector>
 
 #include "Aftercheck.h"
+#include "Bind.h"
 #include "Credentials.h"
+#include "Handover.h"
+#include "Loop.h"
+#include "Node.h"
 #include "OwnedFd.h"
 #include "Pidfd.h"
 #include "Pinning.h"
 #include "Signals.h"
+#include "Stage.h"
 #include "Unmount.h"
 
 namespace agent {
 
 namespace {
 
-const int kReport = 3;                    // the report pipe's number here
+const int kReport = 3;  // the report pipe's number here
+const int kMountFailure = 32;
 const std::size_t kLongestSecret = 4096;  // fits into a pipe that nobody reads yet
 
 // A caller must not be able to end a tool half-way by closing its descriptor; ignored signals stay
@@ -97,7 +103,7 @@ void Limit(int resource, rlim_t most) {
 
 // A number of processes is not among them: root is exempt from it.
 void LimitTool(const std::string& agentName) {
-    // Mounting keeps a small table below /run; the other tools write no files.
+    // A mount helper may keep a small table below /run; the other tools write no files.
     const bool writes = agentName.find("mount") != std::string::npos;
     Limit(RLIMIT_FSIZE, writes ? 1048576 : 0);
     Limit(RLIMIT_NOFILE, 64);
@@ -158,16 +164,8 @@ private:
             reason = "there is no tool to run";
             return false;
         }
-        report.status = CheckTool(plan.argv[0], reason);
+        report.status = plan.bind || plan.node ? SR_OK : CheckTool(plan.argv[0], reason);
         if (report.status != SR_OK) {
-            return false;
-        }
-        const bool hasDirectory =
-            std::any_of(plan.pins.begin(), plan.pins.end(),
-                        [](const Pin& pin) { return pin.kind == Pin::kDirectory; });
-        if (!plan.requiredMountFlags.empty() && !hasDirectory) {
-            report.status = SR_FAIL;
-            reason = "there is no mount point to look at afterwards";
             return false;
         }
         arguments = plan.argv;
@@ -180,7 +178,26 @@ private:
             }
             arguments[pin.argument] = pinned.back().Reach();
         }
+        if ((plan.makesMount && Find(Pin::kDirectory) == nullptr) ||
+            (plan.bind && Find(Pin::kAny) == nullptr) ||
+            (plan.node && Find(Pin::kParent) == nullptr)) {
+            report.status = SR_FAIL;
+            reason = "there is no path for what is to be made";
+            return false;
+        }
         return true;
+    }
+
+    // The last of the kind: of two directories that is the mount point. Null when there is none.
+    const PinnedPath* Find(Pin::Kind kind) const {
+        const PinnedPath* found = nullptr;
+        for (const PinnedPath& path : pinned) {
+            if (path.pin.kind == kind &&
+                (found == nullptr || path.pin.argument > found->pin.argument)) {
+                found = &path;
+            }
+        }
+        return found;
     }
 
     bool OpenSecret(ChildReport& report, std::string& reason) {
@@ -274,7 +291,7 @@ private:
     bool StartTool(ChildReport& report, std::string& reason) {
         report.status = SR_FORK_FAILED;
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
+        if (pipe2(ends, O_CLOEXEC) != 0 || !OpenHandover(giver, taker)) {
             reason = "the tool's process cannot be started";
             return false;
         }
@@ -284,7 +301,7 @@ private:
         Tell(ChildReport::kToolStarting);  // before the tool can show itself
         tool = fork();
         if (tool == 0) {
-            ExecTool(self, failureWriter.Get());
+            RunTool(self, failureWriter);
         }
         pidfd.Reset(tool > 0 ? OpenProcess(tool) : -1);
         if (!pidfd) {
@@ -292,6 +309,7 @@ private:
             return false;  // one that did start dies with this process
         }
         failureWriter.Reset();
+        giver.Reset();
         int error = 0;
         if (read(failure.Get(), &error, sizeof error) != static_cast<ssize_t>(sizeof error)) {
             return true;  // closed by the exec
@@ -300,45 +318,120 @@ private:
         return false;
     }
 
-    [[noreturn]] void ExecTool(pid_t parent, int failure) {
+    // The tool's process: it becomes the tool, or does the tool's work itself.
+    [[noreturn]] void RunTool(pid_t parent, OwnedFd& failure) {
+        if (!DieWith(parent) || setsid() <= 0 || (geteuid() == 0 && setgroups(0, nullptr) != 0)) {
+            GiveUp(failure);
+        }
+        if (const PinnedPath* mounted = Find(Pin::kMountPoint)) {
+            failure.Reset();  // as an exec would
+            BlockSignals(false);
+            _exit(Unmount(*mounted, plan.argv));
+        }
+        if (plan.node) {
+            failure.Reset();
+            BlockSignals(false);
+            _exit(MakeNode(*Find(Pin::kParent), *plan.node));
+        }
+        if (plan.bind) {
+            failure.Reset();
+            BlockSignals(false);
+            std::string why;
+            const OwnedFd mount = MakeBind(*Find(Pin::kAny), *plan.bind, why);
+            _exit(mount && Give(giver, mount, "") ? 0 : FailMount(why));
+        }
+        if (plan.makesMount) {
+            RunApart(failure);
+        }
+        ExecTool(failure);
+    }
+
+    [[noreturn]] static void GiveUp(const OwnedFd& failure) {
+        const int error = errno;
+        (void)!write(failure.Get(), &error, sizeof error);
+        _exit(127);
+    }
+
+    // In mount(8)'s words.
+    int FailMount(const std::string& why) const {
+        const std::string line = "mount: " + Find(Pin::kDirectory)->pin.path + ": " + why + ".\n";
+        (void)!write(STDERR_FILENO, line.data(), line.size());
+        return kMountFailure;
+    }
+
+    // The tool as a child, in a mount namespace of its own. The polite signal is the tool's, and
+    // stays blocked here; the other ends both.
+    [[noreturn]] void RunApart(OwnedFd& failure) {
+        std::string reason;
+        const PinnedPath& target = *Find(Pin::kDirectory);
+        const std::string stage = EnterStage(target.name, reason);
+        if (stage.empty()) {
+            failure.Reset();
+            (void)Give(giver, OwnedFd(), reason);
+            _exit(0);
+        }
+        arguments[target.pin.argument] = stage;
+        OwnedFd loop;
+        const PinnedPath* const image = Find(Pin::kFile);
+        if (image != nullptr && NeedsLoop(*image, arguments) &&
+            !AttachLoop(*image, arguments, loop, reason)) {
+            failure.Reset();
+            _exit(FailMount(reason));
+        }
+        const pid_t self = getpid();
+        const pid_t child = fork();
+        if (child == 0) {
+            if (!DieWith(self)) {
+                GiveUp(failure);
+            }
+            ExecTool(failure);
+        }
+        if (child < 0) {
+            GiveUp(failure);
+        }
+        failure.Reset();
+        int status = 0;
+        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+            const OwnedFd mount = TakeFromStage(stage, plan.requiredMountFlags, reason);
+            (void)Give(giver, mount, reason);
+        }
+        ClearStage(stage);
+        if (WIFSIGNALED(status)) {
+            EndBy(WTERMSIG(status));
+        }
+        _exit(WEXITSTATUS(status));
+    }
+
+    [[noreturn]] static void EndBy(int number) {
+        BlockSignals(false);
+        (void)kill(getpid(), number);
+        _exit(128 + number);
+    }
+
+    [[noreturn]] void ExecTool(const OwnedFd& failure) {
         std::vector<std::string> environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
                                                 "LANG=C.UTF-8",
                                                 "SYSTEMD_PAGER=", "SYSTEMD_COLORS=0"};
-        bool ready = DieWith(parent) && setsid() > 0;
+        bool ready = true;
         if (secret) {
             environment.push_back("PASSWD_FD=" + std::to_string(secret.Get()));
-            ready = ready && fcntl(secret.Get(), F_SETFD, 0) == 0;
+            ready = fcntl(secret.Get(), F_SETFD, 0) == 0;
         }
+        const PinnedPath* const target = plan.makesMount ? Find(Pin::kDirectory) : nullptr;
         for (const PinnedPath& path : pinned) {
-            ready = ready && fcntl(path.Inherited(), F_SETFD, 0) == 0;
-        }
-        if (geteuid() == 0) {
-            ready = ready && setgroups(0, nullptr) == 0;
+            ready = ready && (&path == target || fcntl(path.Inherited(), F_SETFD, 0) == 0);
         }
         // Made before the limits, which are the tool's: nothing here needs memory behind them.
         const std::vector<char*> argv = Pointers(arguments);
         const std::vector<char*> envp = Pointers(environment);
         BlockSignals(false);
-        const PinnedPath* mounted = MountPoint();
-        if (ready && mounted != nullptr) {
-            (void)close(failure);  // as an exec would
-            _exit(Unmount(*mounted, plan.argv));
-        }
         LimitTool(plan.agent);
         if (ready) {
             (void)execve(argv[0], argv.data(), envp.data());
         }
-        const int error = errno;
-        (void)!write(failure, &error, sizeof error);
-        _exit(127);
-    }
-
-    // What is to be unmounted, which no tool is trusted with; null when nothing is.
-    const PinnedPath* MountPoint() const {
-        const auto found = std::find_if(pinned.begin(), pinned.end(), [](const PinnedPath& path) {
-            return path.pin.kind == Pin::kMountPoint;
-        });
-        return found == pinned.end() ? nullptr : &*found;
+        GiveUp(failure);
     }
 
     static std::vector<char*> Pointers(std::vector<std::string>& texts) {
@@ -377,10 +470,8 @@ private:
         if (late) {
             reason = ending ? "the agent is ending" : "the deadline passed";
         }
-        std::string found;
-        if (!LookAfter(!late && report.value == 0, found)) {
-            report.status = late ? SR_WAITPID_FAILED : SR_FAIL;
-            reason = late ? reason + "; " + found : found;
+        if (!late && report.value == 0 && plan.makesMount) {
+            ShowMount(report, reason);
         }
     }
 
@@ -390,19 +481,18 @@ private:
         (void)SignalProcess(pidfd.Get(), number);
     }
 
-    bool LookAfter(bool toolSucceeded, std::string& reason) const {
-        const PinnedPath* directory = nullptr;  // the last one is the mount point
-        for (const PinnedPath& path : pinned) {
-            if (toolSucceeded && path.pin.kind == Pin::kParent && !FinishNode(path, plan, reason)) {
-                return false;
-            }
-            if (path.pin.kind == Pin::kDirectory &&
-                (directory == nullptr || path.pin.argument > directory->pin.argument)) {
-                directory = &path;
-            }
+    // What the tool's process has made, on the pinned mount point.
+    void ShowMount(ChildReport& report, std::string& reason) const {
+        const PinnedPath& target = *Find(Pin::kDirectory);
+        const OwnedFd mount = Take(taker, reason);
+        if (!mount) {
+            report.status = SR_FAIL;
+            reason = target.pin.path + ": " + reason;
+        } else if (!PutInPlace(mount, target, !plan.bind, reason)) {
+            report.exit = report.value = FailMount(reason);
+        } else if (!CheckMount(mount, target.pin.path, plan.requiredMountFlags, reason)) {
+            report.status = SR_FAIL;
         }
-        return plan.requiredMountFlags.empty() ||
-               CheckMount(*directory, plan.requiredMountFlags, toolSucceeded, reason);
     }
 
     static void Tell(ChildReport::Stage stage) {
@@ -431,6 +521,8 @@ private:
     std::vector<std::string> arguments;
     std::vector<PinnedPath> pinned;
     OwnedFd secret;
+    OwnedFd giver;  // these two: for a finished mount
+    OwnedFd taker;
     pid_t tool = -1;
     OwnedFd pidfd;
     OwnedFd termination;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a request's own process does. It pins the caller's paths, starts the tool as its child,
-// waits for it, ends it at the deadline, looks at the result, and reports. So every path that a
-// caller names is touched here and never in the agent: one that hangs holds up one request.
+// waits for it, ends it at the deadline, puts a finished mount in its place, and reports. So every
+// path that a caller names is touched here and never in the agent: one that hangs holds up one
+// request.
 //
 // SIGTERM to this process is a deadline that passes at once. The agent's death takes the process
 // along, and its death takes the tool.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "BindOptions.h"
 #include "Text.h"
 #include "Words.h"
 
@@ -293,6 +294,11 @@ bool FinishMount(Request& request, std::string& error) {
     if (Has(request, "bind")) {
         if (!request.type.empty() && request.type != "none") {
             return Refuse(error, "a bind mount has no type");
+        }
+        for (const std::string& option : request.options) {
+            if (!IsBindOption(option)) {
+                return Refuse(error, "a bind mount cannot have the option " + Quote(option));
+            }
         }
         request.type = "none";
     } else if (request.type == "none") {

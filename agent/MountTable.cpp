@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MountTable.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <fstream>
+#include <algorithm>
 #include <sstream>
+
+#include "OwnedFd.h"
 
 namespace agent {
 
@@ -26,11 +29,31 @@ std::string Unescape(const std::string& text) {
     return plain;
 }
 
+// A stream would take an error for the end.
+bool ReadTable(std::string& text) {
+    const OwnedFd table(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    if (!table) {
+        return false;
+    }
+    for (;;) {
+        char piece[16384];
+        const ssize_t count = read(table.Get(), piece, sizeof piece);
+        if (count > 0) {
+            text.append(piece, static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return count == 0;
+        }
+    }
+}
+
 }  // namespace
 
-std::vector<MountEntry> ReadMounts() {
-    std::vector<MountEntry> mounts;
-    std::ifstream table("/proc/self/mountinfo");
+bool ReadMounts(std::vector<MountEntry>& mounts) {
+    std::string text;
+    if (!ReadTable(text)) {
+        return false;
+    }
+    std::istringstream table(text);
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
         MountEntry entry;
@@ -38,12 +61,27 @@ std::vector<MountEntry> ReadMounts() {
         std::string root;
         fields >> entry.id >> entry.parent >> entry.majorNumber >> colon >> entry.minorNumber >>
             root >> entry.point >> entry.options;
-        if (fields) {
-            entry.point = Unescape(entry.point);
-            mounts.push_back(entry);
+        if (!fields) {
+            return false;
         }
+        entry.point = Unescape(entry.point);
+        mounts.push_back(entry);
     }
-    return mounts;
+    return true;
+}
+
+const MountEntry* FindMount(const std::vector<MountEntry>& mounts, std::uint64_t id) {
+    const auto found = std::find_if(mounts.begin(), mounts.end(),
+                                    [id](const MountEntry& entry) { return entry.id == id; });
+    return found == mounts.end() ? nullptr : &*found;
+}
+
+std::string MissingFlag(const MountEntry& mount, const std::vector<std::string>& flags) {
+    const std::string options = "," + mount.options + ",";
+    const auto missing = std::find_if(flags.begin(), flags.end(), [&](const std::string& flag) {
+        return options.find("," + flag + ",") == std::string::npos;
+    });
+    return missing == flags.end() ? "" : *missing;
 }
 
 bool MountId(int fd, std::uint64_t& id) {

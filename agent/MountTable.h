@@ -19,7 +19,14 @@ struct MountEntry {
     std::string options;  // of the mount, not of its file system
 };
 
-std::vector<MountEntry> ReadMounts();
+// False when the whole of it cannot be read: what is not in `mounts` may be mounted all the same.
+bool ReadMounts(std::vector<MountEntry>& mounts);
+
+// The one with the id; null when there is none.
+const MountEntry* FindMount(const std::vector<MountEntry>& mounts, std::uint64_t id);
+
+// The first of the flags ("nosuid") that the mount does not have; empty when it has them all.
+std::string MissingFlag(const MountEntry& mount, const std::vector<std::string>& flags);
 
 // The mount that `fd` was opened in. False when the kernel does not tell.
 bool MountId(int fd, std::uint64_t& id);

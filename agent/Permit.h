@@ -10,6 +10,8 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,6 +45,24 @@ struct Pin {
     bool rootOwnedChain = false;  // every directory above must be root's and closed to others
 };
 
+// What a bind mount is given and what is taken from it, MOUNT_ATTR_ of linux/mount.h.
+struct BindFlags {
+    std::uint64_t set = 0;
+    std::uint64_t clear = 0;
+};
+
+// A node to be made; -1 for an owner or a group is the agent's own.
+struct NodeSpec {
+    mode_t type = 0;  // S_IFBLK, S_IFCHR or S_IFIFO
+    mode_t mode = 0;  // permission bits
+    unsigned majorNumber = 0;
+    unsigned minorNumber = 0;
+    uid_t owner = static_cast<uid_t>(-1);
+    gid_t group = static_cast<gid_t>(-1);
+};
+
+// What the agent does itself, without a tool, has its command all the same: it is what an
+// administrator sees.
 struct Plan {
     std::string agent;              // "sr_mount"
     std::vector<std::string> argv;  // argv[0] is the tool's absolute path; "--" before operands
@@ -54,12 +74,13 @@ struct Plan {
     // and domain join the options where those name none.
     std::string secretFile;
     std::chrono::milliseconds deadline{20000};
-    // After a mount: flags that mountinfo must show on the pinned mount point ("nosuid", "nodev"),
-    // else it is unmounted again and the operation fails.
+    // A mount: the tool makes it on the last kDirectory, or the agent binds the kAny there.
+    bool makesMount = false;
+    std::optional<BindFlags> bind;
+    // Flags that the mount must have ("nosuid", "nodev"), else nobody gets to see it.
     std::vector<std::string> requiredMountFlags;
-    // After mknod: owner to be given to the node; -1 keeps root's.
-    uid_t owner = static_cast<uid_t>(-1);
-    gid_t group = static_cast<gid_t>(-1);
+    // A node that the agent makes at the kParent.
+    std::optional<NodeSpec> node;
 };
 
 class Permit {

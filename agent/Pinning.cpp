@@ -83,11 +83,11 @@ bool RefuseErrno(const std::string& path, std::string& reason) {
 // a descriptor of it would keep the mount busy.
 bool FindMountPoint(PinnedPath& pinned) {
     std::uint64_t below = 0;
-    if (!MountId(pinned.parent.Get(), below)) {
+    std::vector<MountEntry> mounts;
+    if (!MountId(pinned.parent.Get(), below) || !ReadMounts(mounts)) {
         return false;
     }
     bool found = false;
-    const std::vector<MountEntry> mounts = ReadMounts();
     for (auto next = mounts.begin(); next != mounts.end();) {
         next = std::find_if(mounts.begin(), mounts.end(), [&](const MountEntry& entry) {
             return entry.parent == below && entry.point == pinned.pin.path;
@@ -122,6 +122,7 @@ bool PinObject(const std::string& path, PinnedPath& pinned, std::string& reason)
         return Refuse(path, "is not a file that only root can write", reason);
     }
     pinned.blockDevice = S_ISBLK(found.st_mode);
+    pinned.regularFile = S_ISREG(found.st_mode);
     pinned.object = std::move(object);
     return true;
 }
@@ -169,11 +170,8 @@ OwnedFd OpenDirectory(const std::string& path, bool& closedChain) {
     return directory;
 }
 
-// A directory whose name nobody but root can take away is reached by that name below its parent: a
-// mount tool that works in two steps, as for a binding with flags, must meet its first step's mount
-// in the second, and a descriptor would lead it below that mount.
 int PinnedPath::Inherited() const {
-    return object && !(pin.kind == Pin::kDirectory && closedChain) ? object.Get() : parent.Get();
+    return object ? object.Get() : parent.Get();
 }
 
 bool PinPath(const Pin& pin, PinnedPath& pinned, std::string& reason) {

@@ -27,6 +27,7 @@ struct PinnedPath {
 
     bool closedChain = false;  // all directories above are root's and closed to others
     bool blockDevice = false;
+    bool regularFile = false;
     MountEntry mount;  // for kMountPoint: the topmost one there
 };
 

@@ -6,8 +6,11 @@
 // the value of -t or -o, or behind a "--NAME=" that the agent wrote.
 #include "Plans.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
+#include "BindOptions.h"
 #include "Text.h"
 
 namespace agent {
@@ -59,6 +62,20 @@ bool ForcedOptions(const Build& build, std::vector<std::string>& forced) {
     return true;
 }
 
+// As flags, in the order of their words, so that what is forced overrules the rest here too.
+bool ReadBindFlags(const Build& build, const std::vector<std::string>& options) {
+    BindFlags flags;
+    for (const std::string& option : options) {
+        if (!IsBindOption(option)) {
+            build.error = "a bind mount cannot have the option " + Quote(option);
+            return false;
+        }
+        AddBindOption(option, flags);
+    }
+    build.plan.bind = flags;
+    return true;
+}
+
 // "-o LIST" with the caller's options first, so that what is forced overrules them.
 bool SayOptions(const Build& build) {
     std::vector<std::string> forced;
@@ -76,19 +93,22 @@ bool SayOptions(const Build& build) {
         build.Say("-o");
         build.Say(Join(options, ","));
     }
-    for (const char* flag : {"nosuid", "nodev", "noexec", "ro"}) {
+    for (const char* flag : {"nosuid", "nodev", "noexec", "ro", "nosymfollow"}) {
         if (Contains(forced, flag)) {
             build.plan.requiredMountFlags.push_back(flag);
         }
     }
-    return true;
+    build.plan.makesMount = true;
+    return build.request.type != "none" || ReadBindFlags(build, options);
 }
 
+// A table of mounts beside the kernel's ("-n": none) would keep a lock that anybody may hold.
 bool BuildMount(const Build& build) {
     const Request& request = build.request;
     if (!Contains(build.rule.helpers, request.type)) {
         build.Say("-i");
     }
+    build.Say("-n");
     build.Say("--no-canonicalize");
     if (request.type != "none") {
         build.Say("-t");
@@ -157,8 +177,14 @@ bool BuildMknod(const Build& build) {
         build.Say(std::to_string(request.majorNumber));
         build.Say(std::to_string(request.minorNumber));
     }
-    build.plan.owner = build.rule.owner;
-    build.plan.group = build.rule.group;
+    NodeSpec node;
+    node.type = request.kind == "p" ? S_IFIFO : request.kind == "b" ? S_IFBLK : S_IFCHR;
+    node.mode = static_cast<mode_t>(mode);
+    node.majorNumber = request.majorNumber;
+    node.minorNumber = request.minorNumber;
+    node.owner = build.rule.owner;
+    node.group = build.rule.group;
+    build.plan.node = node;
     return true;
 }
 
@@ -191,7 +217,7 @@ bool BuildSystemctl(const Build& build) {
 
 struct BuilderRow {
     const char* agent;
-    const std::string Tools::*tool;
+    const std::string Tools::*tool;  // null: the agent does it itself
     bool (*run)(const Build& build);
 };
 
@@ -200,7 +226,7 @@ const BuilderRow kBuilders[] = {
     {"sr_umount", &Tools::umount, BuildUmount},
     {"sr_mount_cifs", &Tools::mountCifs, BuildMountShare},
     {"sr_umount_cifs", &Tools::umount, BuildUmount},
-    {"sr_mknod", &Tools::mknod, BuildMknod},
+    {"sr_mknod", nullptr, BuildMknod},
     {"sr_insmod", &Tools::insmod, BuildInsmod},
     {"sr_rmmod", &Tools::rmmod, BuildRmmod},
     {"sr_systemctl", &Tools::systemctl, BuildSystemctl},
@@ -219,8 +245,9 @@ const BuilderRow* FindBuilder(const std::string& agent) {
 
 const std::string& ToolFor(const Tools& tools, const std::string& agent) {
     static const std::string kNoTool;
+    static const std::string kNode = "mknod";
     const BuilderRow* row = FindBuilder(agent);
-    return row == nullptr ? kNoTool : tools.*row->tool;
+    return row == nullptr ? kNoTool : row->tool == nullptr ? kNode : tools.*row->tool;
 }
 
 bool BuildPlan(const Rule& rule, const Request& request, const Tools& tools,
@@ -231,7 +258,7 @@ bool BuildPlan(const Rule& rule, const Request& request, const Tools& tools,
         return false;
     }
     plan.agent = request.agent;
-    plan.argv.push_back(tools.*row->tool);
+    plan.argv.push_back(ToolFor(tools, request.agent));
     plan.deadline = rule.deadline;
     return row->run(Build{rule, request, variables, plan, error});
 }

@@ -12,7 +12,8 @@
 
 namespace agent {
 
-// The path of the tool for an agent; empty when there is none.
+// The path of the tool for an agent, a bare name for what the agent does itself; empty when there
+// is none.
 const std::string& ToolFor(const Tools& tools, const std::string& agent);
 
 // Rebuilds the command from the request's fields, the rule's additions and nothing else. The rule

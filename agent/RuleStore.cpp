@@ -28,10 +28,8 @@ Tools FindTools(const std::string& directories, std::vector<std::string>& warnin
     const std::vector<std::string> places = Split(directories, ':');
     Tools tools;
     const std::pair<const char*, std::string Tools::*> kNames[] = {
-        {"mount", &Tools::mount},          {"umount", &Tools::umount},
-        {"mount.cifs", &Tools::mountCifs}, {"mknod", &Tools::mknod},
-        {"insmod", &Tools::insmod},        {"rmmod", &Tools::rmmod},
-        {"systemctl", &Tools::systemctl}};
+        {"mount", &Tools::mount},   {"umount", &Tools::umount}, {"mount.cifs", &Tools::mountCifs},
+        {"insmod", &Tools::insmod}, {"rmmod", &Tools::rmmod},   {"systemctl", &Tools::systemctl}};
     for (const auto& entry : kNames) {
         std::string& path = tools.*entry.second;
         path = FindTool(entry.first, places);

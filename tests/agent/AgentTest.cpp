@@ -95,7 +95,7 @@ protected:
 };
 
 TEST_F(AgentTest, WithoutARuleEveryOperationIsRefusedWith7AndAReasonAndALineInTheAudit) {
-    for (const char* tool : {"mount", "umount", "mknod", "insmod", "rmmod", "systemctl"}) {
+    for (const char* tool : {"mount", "umount", "insmod", "rmmod", "systemctl"}) {
         tools.Add(tool, ": > \"$DIR/ran\"");
     }
     Start({});

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Who may do what, and the command that comes out of it.
+#include <linux/mount.h>
+#include <sys/stat.h>
+
 #include "Decide.h"
 
 #include <gtest/gtest.h>
@@ -78,9 +81,9 @@ TEST(Decide, AMountIsRebuiltWithTheProtectingFlagsLast) {
                                  "options.always = [\"noexec\", \"gid=%gid\"]\ndeadline = 5\n",
                              "/dev/sda1 /m -r -o uid=7 -t vfat");
     EXPECT_EQ(Command(plan),
-              "/usr/bin/mount -i --no-canonicalize -t vfat -o "
+              "/usr/bin/mount -i -n --no-canonicalize -t vfat -o "
               "ro,uid=7,noexec,gid=1100,nosuid,nodev -- /dev/sda1 /m");
-    EXPECT_EQ(Pins(plan), "8 file /dev/sda1 closed;9 directory /m closed;");
+    EXPECT_EQ(Pins(plan), "9 file /dev/sda1 closed;10 directory /m closed;");
     EXPECT_EQ(plan.requiredMountFlags, (Words{"nosuid", "nodev", "noexec"}));
     EXPECT_EQ(plan.deadline.count(), 5000);
     EXPECT_EQ(plan.agent, "sr_mount");
@@ -90,13 +93,13 @@ TEST(Decide, AMountOfNothingHasNoPinnedSource) {
     const Plan plan = PlanOf("sr_mount", "source = \"none\"\ntarget = \"/m\"\ntype = \"tmpfs\"\n",
                              "-t tmpfs none /m");
     EXPECT_EQ(Command(plan),
-              "/usr/bin/mount -i --no-canonicalize -t tmpfs -o nosuid,nodev -- none /m");
-    EXPECT_EQ(Pins(plan), "9 directory /m closed;");
+              "/usr/bin/mount -i -n --no-canonicalize -t tmpfs -o nosuid,nodev -- none /m");
+    EXPECT_EQ(Pins(plan), "10 directory /m closed;");
 }
 
 TEST(Decide, AMountWithoutATypeNeedsARuleForAuto) {
     EXPECT_EQ(Command(PlanOf("sr_mount", kMountRule, "/dev/a /m")),
-              "/usr/bin/mount -i --no-canonicalize -t auto -o nosuid,nodev -- /dev/a /m");
+              "/usr/bin/mount -i -n --no-canonicalize -t auto -o nosuid,nodev -- /dev/a /m");
     EXPECT_EQ(Command(PlanOf("sr_mount", "source = \"/**\"\ntarget = \"/**\"\ntype = \"vfat\"\n",
                              "/dev/a /m")),
               "");
@@ -104,12 +107,12 @@ TEST(Decide, AMountWithoutATypeNeedsARuleForAuto) {
 
 TEST(Decide, TheProtectingFlagsStayAwayOnlyByConsent) {
     const std::string base = kMountRule;
-    EXPECT_EQ(PlanOf("sr_mount", base + "suid = true\n", "-t vfat /a /m").argv[6], "nodev");
-    EXPECT_EQ(PlanOf("sr_mount", base + "dev = true\n", "-t vfat /a /m").argv[6], "nosuid");
+    EXPECT_EQ(PlanOf("sr_mount", base + "suid = true\n", "-t vfat /a /m").argv[7], "nodev");
+    EXPECT_EQ(PlanOf("sr_mount", base + "dev = true\n", "-t vfat /a /m").argv[7], "nosuid");
     EXPECT_EQ(Command(PlanOf("sr_mount", base + "dev = true\nsuid = true\n", "-t vfat /a /m")),
-              "/usr/bin/mount -i --no-canonicalize -t vfat -- /a /m");
+              "/usr/bin/mount -i -n --no-canonicalize -t vfat -- /a /m");
     EXPECT_EQ(PlanOf("sr_mount", base + "dev = true\noptions.always = \"nodev\"\n", "-t vfat /a /m")
-                  .argv[6],
+                  .argv[7],
               "nosuid,nodev");
     // Asking for it takes the consent and the allowed option.
     for (const char* flag : {"suid", "dev"}) {
@@ -133,11 +136,57 @@ TEST(Decide, ABindOrALoopIsOnlyMeantByItsName) {
     EXPECT_EQ(
         Command(PlanOf("sr_mount", base + "options.allow = \"*\"\n", "-t ext4 -o loop /a /m")), "");
     const Plan plan = PlanOf("sr_mount", base + "options.allow = \"bind\"\n", "--bind /a /m");
-    EXPECT_EQ(Command(plan), "/usr/bin/mount -i --no-canonicalize -o bind,nosuid,nodev -- /a /m");
-    EXPECT_EQ(Pins(plan), "6 any /a closed;7 directory /m closed;");
+    EXPECT_EQ(Command(plan),
+              "/usr/bin/mount -i -n --no-canonicalize -o bind,nosuid,nodev -- /a /m");
+    EXPECT_EQ(Pins(plan), "7 any /a closed;8 directory /m closed;");
     EXPECT_NE(
         Command(PlanOf("sr_mount", base + "options.allow = \"loop\"\n", "-t ext4 -o loop /a /m")),
         "");
+}
+
+TEST(Decide, ABindMountsFlagsAreTheCallersOverruledByTheForcedOnes) {
+    const auto flags = [](const std::string& rule, const std::string& options) {
+        const Plan plan = PlanOf("sr_mount",
+                                 "source = \"/a\"\ntarget = \"/m\"\ntype = \"none\"\n"
+                                 "options.allow = [\"bind\", \"*\", \"suid\", \"dev\"]\n" +
+                                     rule,
+                                 "-o bind" + options + " /a /m");
+        EXPECT_TRUE(plan.bind) << rule << options;
+        return plan.bind ? std::make_pair(plan.bind->set, plan.bind->clear)
+                         : std::make_pair<std::uint64_t, std::uint64_t>(0, 0);
+    };
+    const std::uint64_t forced = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
+    typedef std::pair<std::uint64_t, std::uint64_t> Flags;
+    EXPECT_EQ(flags("", ""), Flags(forced, 0));
+    EXPECT_EQ(flags("", ",ro,noexec"), Flags(forced | MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC, 0));
+    EXPECT_EQ(flags("", ",ro,rw,exec"), Flags(forced, MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC));
+    EXPECT_EQ(flags("options.always = [\"ro\", \"noexec\"]\n", ",exec,rw"),
+              Flags(forced | MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC, 0));
+    EXPECT_EQ(flags("suid = true\ndev = true\n", ""), Flags(0, 0));
+    EXPECT_EQ(flags("suid = true\ndev = true\n", ",suid,dev"), Flags(0, forced));
+    EXPECT_EQ(flags("suid = true\noptions.always = \"nosuid\"\n", ",suid"), Flags(forced, 0));
+    EXPECT_EQ(flags("", ",noatime,nodiratime"),
+              Flags(forced | MOUNT_ATTR_NOATIME | MOUNT_ATTR_NODIRATIME, MOUNT_ATTR__ATIME));
+    EXPECT_EQ(flags("", ",noatime,strictatime"),
+              Flags(forced | MOUNT_ATTR_STRICTATIME, MOUNT_ATTR__ATIME));
+    EXPECT_EQ(flags("options.always = \"nosymfollow\"\n", ",symfollow"),
+              Flags(forced | MOUNT_ATTR_NOSYMFOLLOW, 0));
+}
+
+// What is bound has its file system already: there is nobody to give the option to.
+TEST(Decide, ABindMountHasNoOptionsOfAFileSystem) {
+    const std::string base =
+        "source = \"/a\"\ntarget = \"/m\"\ntype = [\"none\", \"vfat\"]\n"
+        "options.allow = [\"bind\", \"uid=*\"]\n";
+    for (const char* option : {"uid=0", "sync", "_netdev", "loop", "nosymfollow=x"}) {
+        const agent::Parsed parsed =
+            agent::Parse("sr_mount", std::string("-o bind,") + option + " /a /m");
+        EXPECT_EQ(parsed.status, agent::kFail) << option;
+        EXPECT_EQ(parsed.error.find("a bind mount cannot have the option"), 0U) << parsed.error;
+    }
+    const std::string forced = base + "options.always = \"umask=022\"\n";
+    EXPECT_EQ(Command(PlanOf("sr_mount", forced, "--bind /a /m")), "");
+    EXPECT_NE(Command(PlanOf("sr_mount", forced, "-t vfat /a /m")), "");
 }
 
 TEST(Decide, AHelperRunsOnlyForTheTypesThatTheRuleNames) {
@@ -145,9 +194,9 @@ TEST(Decide, AHelperRunsOnlyForTheTypesThatTheRuleNames) {
         "source = \"nas:/x\"\ntarget = \"/m\"\ntype = [\"nfs\", \"ext4\"]\n"
         "helper = \"nfs\"\n";
     EXPECT_EQ(Command(PlanOf("sr_mount", rule, "-t nfs nas:/x /m")),
-              "/usr/bin/mount --no-canonicalize -t nfs -o nosuid,nodev -- nas:/x /m");
+              "/usr/bin/mount -n --no-canonicalize -t nfs -o nosuid,nodev -- nas:/x /m");
     EXPECT_EQ(Command(PlanOf("sr_mount", rule, "-t ext4 nas:/x /m")),
-              "/usr/bin/mount -i --no-canonicalize -t ext4 -o nosuid,nodev -- nas:/x /m");
+              "/usr/bin/mount -i -n --no-canonicalize -t ext4 -o nosuid,nodev -- nas:/x /m");
 }
 
 TEST(Decide, AnAllowedKeyDoesNotAllowAValue) {
@@ -163,7 +212,7 @@ TEST(Decide, AnAllowedKeyDoesNotAllowAValue) {
 TEST(Decide, ParentsMayBeOthersOnlyByConsent) {
     EXPECT_EQ(Pins(PlanOf("sr_mount", std::string(kMountRule) + "open_parents = true\n",
                           "-t vfat /a /m")),
-              "8 file /a open;9 directory /m open;");
+              "9 file /a open;10 directory /m open;");
 }
 
 TEST(Decide, AnUmountHasItsMountPointPinned) {
@@ -206,12 +255,16 @@ TEST(Decide, ANodeHasModeOwnerAndItsParentPinned) {
         "path = \"/dev/x?\"\nkind = [\"c\", \"p\"]\nmajor = 240\n"
         "minor = \"0-3\"\nowner = \"player\"\ngroup = \"media\"\n";
     const Plan plan = PlanOf("sr_mknod", rule + "mode = [\"0640\", \"0600\"]\n", "/dev/x1 c 240 1");
-    EXPECT_EQ(Command(plan), "/usr/bin/mknod -m 0640 -- /dev/x1 c 240 1");
+    EXPECT_EQ(Command(plan), "mknod -m 0640 -- /dev/x1 c 240 1");
     EXPECT_EQ(Pins(plan), "4 parent /dev/x1 closed;");
-    EXPECT_EQ(plan.owner, 1000U);
-    EXPECT_EQ(plan.group, 44U);
-    EXPECT_EQ(Command(PlanOf("sr_mknod", rule, "-m 600 /dev/x1 p")),
-              "/usr/bin/mknod -m 0600 -- /dev/x1 p");
+    ASSERT_TRUE(plan.node);
+    EXPECT_EQ(plan.node->type, static_cast<mode_t>(S_IFCHR));
+    EXPECT_EQ(plan.node->mode, 0640U);
+    EXPECT_EQ(plan.node->majorNumber, 240U);
+    EXPECT_EQ(plan.node->minorNumber, 1U);
+    EXPECT_EQ(plan.node->owner, 1000U);
+    EXPECT_EQ(plan.node->group, 44U);
+    EXPECT_EQ(Command(PlanOf("sr_mknod", rule, "-m 600 /dev/x1 p")), "mknod -m 0600 -- /dev/x1 p");
     EXPECT_EQ(Command(PlanOf("sr_mknod", rule, "-m 644 /dev/x1 p")), "");
     EXPECT_EQ(Command(PlanOf("sr_mknod", rule, "/dev/x1 c 240 4")), "");
     EXPECT_EQ(Command(PlanOf("sr_mknod", rule, "/dev/x1 c 241 1")), "");
@@ -423,6 +476,9 @@ TEST(Decide, AToolThatIsNotThereIsNotImplementedOnlyForThoseWhoMay) {
               agent::kNotImplemented);
     EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "snd_player", tools).status,
               agent::kRuleNotFound);
+    // A node takes no tool.
+    const std::string node = "/dev/player0 c 240 2";
+    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_mknod", node, agent::Tools()).status, agent::kOk);
     tools.umount = "/opt/bin/umount";
     const Decision moved = Decide(*set, MakeCaller(1000), "sr_umount", "/media/usb", tools);
     ASSERT_TRUE(moved.permit);

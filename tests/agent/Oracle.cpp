@@ -3,7 +3,10 @@
 // builds it: it walks over the finished words as the tool would.
 #include "Oracle.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <sstream>
 
@@ -154,10 +157,13 @@ private:
         std::string type;
         Words options;
         bool internal = false;
+        bool noTable = false;
         for (std::size_t i = 0; i < front.size(); ++i) {
             const bool hasValue = i + 1 < front.size();
             if (local && front[i] == "-i") {
                 internal = true;
+            } else if (local && front[i] == "-n") {
+                noTable = true;
             } else if (local && front[i] == "-t" && hasValue && type.empty()) {
                 type = front[++i];
             } else if (front[i] == "-o" && hasValue && options.empty()) {
@@ -171,6 +177,11 @@ private:
         if (local) {
             const bool bind = Contains(options, "bind");
             Demand(Contains(front, "--no-canonicalize"), "paths would be resolved again");
+            Demand(noTable, "a table of mounts would be kept");
+            Demand(plan.bind.has_value() == bind, "a bind mount is the tool's, or another not");
+            if (plan.bind) {
+                CheckBind(options);
+            }
             Demand(bind == type.empty(), "a type is missing, or one too many");
             Demand(Allowed(rule.type, bind ? "none" : type), "the type is not allowed");
             Demand(internal || Contains(rule.helpers, type), "a mount helper could run");
@@ -183,7 +194,33 @@ private:
                "source or mount point are not allowed");
     }
 
+    // The words say the same as the flags, which must have what is forced.
+    void CheckBind(const Words& options) {
+        std::uint64_t set = 0;
+        std::uint64_t cleared = 0;
+        const std::map<std::string, std::uint64_t> bits = {
+            {"ro", 1}, {"nosuid", 2}, {"nodev", 4}, {"noexec", 8},
+            {"rw", 1}, {"suid", 2},   {"dev", 4},   {"exec", 8}};
+        for (const std::string& option : options) {
+            const auto bit = bits.find(option);
+            if (bit != bits.end()) {
+                const bool sets = option == "ro" || option.compare(0, 2, "no") == 0;
+                set = sets ? set | bit->second : set & ~bit->second;
+                cleared = sets ? cleared & ~bit->second : cleared | bit->second;
+            }
+        }
+        Demand((plan.bind->set & 15) == set && (plan.bind->clear & 15) == cleared,
+               "the flags of a bind mount are not its options");
+        Demand((plan.bind->set & plan.bind->clear & 15) == 0, "a flag is set and cleared");
+        for (const std::string& flag : plan.requiredMountFlags) {
+            const auto bit = bits.find(flag);
+            Demand(bit == bits.end() || (plan.bind->set & bit->second) != 0,
+                   "the forced flag " + flag + " is not set");
+        }
+    }
+
     void CheckMountOptions(const Words& options) {
+        Demand(plan.makesMount && !plan.node, "it makes no mount, or a node");
         for (const std::string& option : options) {
             const bool forced = option == "nosuid" || option == "nodev" || Contains(always, option);
             Demand(forced || Allowed(rule.options, option), "the option " + option);
@@ -238,7 +275,11 @@ private:
     }
 
     void CheckNode() {
-        Demand(plan.argv[0] == tools.mknod, "the tool is not mknod");
+        Demand(plan.argv[0] == "mknod" && plan.node && !plan.makesMount,
+               "the agent does not make it itself");
+        if (!plan.node) {
+            return;
+        }
         Demand(front.size() == 2 && front[0] == "-m" && front[1].size() == 4 && front[1][0] == '0',
                "the mode has the wrong form");
         const int mode = front.size() == 2 ? std::stoi(front[1], nullptr, 8) : -1;
@@ -254,7 +295,17 @@ private:
                        rule.minors.Has(static_cast<unsigned>(std::stoul(operands[3]))),
                    "the numbers are not allowed");
         }
-        Demand(plan.owner == rule.owner && plan.group == rule.group, "the owner is another");
+        const agent::NodeSpec& node = *plan.node;
+        const std::string kind = operands.size() >= 2 ? operands[1] : "";
+        Demand(static_cast<int>(node.mode) == mode && node.type == (kind == "p"   ? S_IFIFO
+                                                                    : kind == "b" ? S_IFBLK
+                                                                                  : S_IFCHR),
+               "the node is not as its command says");
+        Demand(pipe || operands.size() != 4 ||
+                   (std::to_string(node.majorNumber) == operands[2] &&
+                    std::to_string(node.minorNumber) == operands[3]),
+               "the node's numbers are not those of its command");
+        Demand(node.owner == rule.owner && node.group == rule.group, "the owner is another");
     }
 
     void CheckModule() {

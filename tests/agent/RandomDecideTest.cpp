@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Many random requests with a fixed seed: whatever is permitted must find no objection in the
 // second opinion. And the second opinion itself: a plan that was tampered with is objected to.
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -166,6 +168,9 @@ TEST(RandomDecide, TheSecondOpinionObjectsToEveryTamperedMount) {
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.pins[0].rootOwnedChain = false; }));
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.pins[1].path = "/media"; }));
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.requiredMountFlags.clear(); }));
+    EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.makesMount = false; }));
+    EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.bind.emplace(); }));
+    EXPECT_TRUE(IsObjectedTo(kMount, replace("-n", "-i")));
     EXPECT_TRUE(IsObjectedTo(kMount, [](Plan& plan) { plan.argv.push_back("/x"); }));
     EXPECT_TRUE(
         IsObjectedTo(kMount, [](Plan& plan) { plan.deadline = std::chrono::milliseconds(21001); }));
@@ -195,8 +200,12 @@ TEST(RandomDecide, TheSecondOpinionObjectsToEveryOtherTamperedPlan) {
     EXPECT_TRUE(
         IsObjectedTo(2, [](Plan& plan) { plan.argv[2] = "password=Geheimnis," + plan.argv[2]; }));
     EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.argv[2] = "0666"; }));
-    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.owner = 0; }));
+    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.node->owner = 0; }));
     EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.argv.back() = "9"; }));
+    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.node->mode = 0666; }));
+    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.node->type = S_IFBLK; }));
+    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.node->minorNumber = 9; }));
+    EXPECT_TRUE(IsObjectedTo(4, [](Plan& plan) { plan.node.reset(); }));
     EXPECT_TRUE(IsObjectedTo(5, [](Plan& plan) { plan.pins[0].rootOwnedChain = false; }));
 }
 

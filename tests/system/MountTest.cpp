@@ -1,12 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // Real mounts, unmounts and nodes, made with the system's own tools in a mount namespace that ends
 // with the test's process, and what a caller may try against them.
+#include <linux/filter.h>
+#include <linux/loop.h>
+#include <linux/mount.h>
+#include <linux/seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 
-#include <linux/loop.h>
+#include <cstddef>
+#include <cstring>
 
+#include "Aftercheck.h"
 #include "FuseMount.h"
 #include "MountNamespace.h"
 #include "RunFixture.h"
@@ -35,9 +45,10 @@ protected:
                           const std::string& where) {
         Plan plan;
         plan.agent = "sr_mount";
-        plan.argv = {"/usr/bin/mount", "-i", "--no-canonicalize"};
+        plan.argv = {"/usr/bin/mount", "-i", "-n", "--no-canonicalize"};
         plan.argv.insert(plan.argv.end(), options.begin(), options.end());
         plan.argv.insert(plan.argv.end(), {"--", source, where});
+        plan.makesMount = true;
         plan.requiredMountFlags = {"nosuid", "nodev"};
         plan.pins.push_back(MakePin(plan.argv.size() - 1, Pin::kDirectory, where));
         return plan;
@@ -46,6 +57,8 @@ protected:
     static Plan BindPlan(const std::string& source, const std::string& where) {
         Plan plan = MountPlan({"-o", "bind,nosuid,nodev"}, source, where);
         plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kAny, source));
+        plan.bind.emplace();
+        plan.bind->set = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
         return plan;
     }
 
@@ -59,12 +72,26 @@ protected:
         return plan;
     }
 
-    static Plan NodePlan(const std::string& path, const std::vector<std::string>& behind) {
+    // Of the device 1:3.
+    static Plan NodePlan(const std::string& path, mode_t type) {
         Plan plan;
         plan.agent = "sr_mknod";
-        plan.argv = {"/usr/bin/mknod", "-m", "0640", "--", path};
-        plan.argv.insert(plan.argv.end(), behind.begin(), behind.end());
+        plan.argv = {"mknod", "-m", "0640", "--", path};
         plan.pins.push_back(MakePin(4, Pin::kParent, path));
+        plan.node.emplace();
+        plan.node->type = type;
+        plan.node->mode = 0640;
+        plan.node->majorNumber = 1;
+        plan.node->minorNumber = 3;
+        return plan;
+    }
+
+    // One that a stand-in makes, to which no flag is given.
+    Plan StandInMount(const std::vector<std::string>& words) const {
+        Plan plan = ToolPlan(words);
+        plan.makesMount = true;
+        plan.requiredMountFlags = {"nosuid", "nodev"};
+        plan.pins.push_back(MakePin(plan.argv.size() - 1, Pin::kDirectory, plan.argv.back()));
         return plan;
     }
 
@@ -166,14 +193,74 @@ TEST_F(MountTest, ADirectoryIsBoundToAnotherBelowRootsOwnDirectories) {
     EXPECT_EQ(umount2("/mnt", 0), 0);
 }
 
-// mount(8) binds first and sets the flags afterwards, which it cannot do by a pinned descriptor.
-TEST_F(MountTest, ABindingThatCannotGetItsFlagsIsTakenBack) {
+TEST_F(MountTest, ABindMountKeepsTheFlagsOfItsSourceThatNobodyNames) {
     const std::string source = directory / "source";
     ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", source.c_str(), "tmpfs", MS_NOEXEC | MS_NOATIME | MS_RDONLY, ""), 0);
+    Plan plan = BindPlan(source, target);
+    ExpectFine(Run(plan));
+    EXPECT_EQ(MountedOn(target).find("ro,nosuid,nodev,noexec,noatime "), 0u) << MountedOn(target);
+    ASSERT_EQ(umount2(target.c_str(), UMOUNT_NOFOLLOW), 0);
+    plan.bind->clear = MOUNT_ATTR_NOEXEC | MOUNT_ATTR__ATIME;
+    ExpectFine(Run(plan));
+    EXPECT_EQ(MountedOn(target).find("ro,nosuid,nodev,relatime "), 0u) << MountedOn(target);
+    EXPECT_EQ(umount2(source.c_str(), UMOUNT_NOFOLLOW), 0);
+}
+
+TEST_F(MountTest, AFileIsNotBoundToADirectory) {
+    const std::string source = directory / "source";
+    ASSERT_TRUE(WriteFile(source, "", 0644));
     const Result result = Run(BindPlan(source, target));
-    EXPECT_EQ(result.outcome.status, 1);
-    EXPECT_NE(result.outcome.reason.find("unmounted again"), std::string::npos);
-    EXPECT_EQ(MountedOn(target), "");
+    ExpectFine(result, 32);
+    EXPECT_EQ(result.outcome.exit, 32);
+    EXPECT_EQ(result.output, "mount: " + target + ": mount failed: Invalid argument.\n");
+}
+
+// A kernel without the calls, as far as this process and its children can tell.
+void RefuseCall(long number) {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(number), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {sizeof program / sizeof program[0], program};
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+}
+
+TEST_F(MountTest, AKernelThatCannotFinishABindMountFirstMakesNone) {
+    const std::string source = directory / "source";
+    ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
+    for (const long number : {SYS_open_tree, SYS_mount_setattr, SYS_move_mount}) {
+        const pid_t child = test::Fork([&] {
+            RefuseCall(number);
+            Restart(agent::ExecutorLimits(), agent::RelayLimits());
+            const Result result = Run(BindPlan(source, target));
+            ExpectFine(result, 32);
+            EXPECT_EQ(result.output.find("mount: " + target + ": "), 0u) << result.output;
+            if (number == SYS_mount_setattr) {
+                EXPECT_NE(result.output.find("Linux 5.12 can"), std::string::npos);
+            }
+            EXPECT_EQ(MountedOn(target), "");
+            return HasFailure() ? 1 : 0;
+        });
+        EXPECT_EQ(test::Reap(child, test::kLimit), 0);
+    }
+}
+
+TEST_F(MountTest, WithoutANamespaceForTheToolNothingIsMounted) {
+    const pid_t child = test::Fork([&] {
+        RefuseCall(SYS_unshare);
+        Restart(agent::ExecutorLimits(), agent::RelayLimits());
+        const Result result = Run(MountPlan({"-t", "tmpfs"}, "none", target));
+        EXPECT_EQ(result.outcome.status, 1);
+        EXPECT_NE(result.output.find("a mount namespace for the tool cannot be had"),
+                  std::string::npos)
+            << result.output;
+        EXPECT_EQ(MountedOn(target), "");
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(test::Reap(child, test::kLimit), 0);
 }
 
 TEST_F(MountTest, AnExt4ImageIsMountedOverALoopDevice) {
@@ -204,9 +291,7 @@ TEST_F(MountTest, AMountPointSwappedForALinkAfterTheCheckIsNotFollowed) {
     const std::string elsewhere = directory / "elsewhere";
     ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
     // The stand-in swaps the directory between the pinning and the mounting.
-    Plan plan = ToolPlan({"swap-then-mount", target, moved, elsewhere, target});
-    plan.pins.push_back(MakePin(5, Pin::kDirectory, target));
-    plan.requiredMountFlags = {"nosuid", "nodev"};
+    Plan plan = StandInMount({"swap-then-mount", target, moved, elsewhere, target});
     ExpectFine(Run(plan));
     EXPECT_EQ(MountedOn(elsewhere), "");
     EXPECT_NE(MountedOn(moved), "");  // the very directory that was checked
@@ -229,59 +314,245 @@ TEST_F(MountTest, AMountPointThatIsALinkIsRefused) {
     EXPECT_EQ(MountedOn(target), "");
 }
 
-TEST_F(MountTest, AMountWithoutTheRequiredFlagsIsUnmountedAgain) {
-    Plan plan = ToolPlan({"mount-bare", target});
-    plan.pins.push_back(MakePin(2, Pin::kDirectory, target));
-    ExpectFine(Run(plan));  // the stand-in does mount
-    EXPECT_EQ(MountedOn(target).find("rw,relatime"), 0u);
-    ASSERT_EQ(umount2(target.c_str(), UMOUNT_NOFOLLOW), 0);
-
-    plan.requiredMountFlags = {"nosuid", "nodev"};
+TEST_F(MountTest, AMountWithoutTheRequiredFlagsIsSeenByNobody) {
+    Plan plan = StandInMount({"mount-bare", target});
     const Result result = Run(plan);
     EXPECT_EQ(result.outcome.status, 1);
     EXPECT_EQ(result.outcome.value, 0);
-    EXPECT_EQ(result.output, target + ": was mounted without nosuid; it is unmounted again\n");
+    EXPECT_EQ(result.output, target + ": was mounted without nosuid; nobody has seen it\n");
+    EXPECT_EQ(MountedOn(target), "");
+
+    plan.requiredMountFlags.clear();
+    ExpectFine(Run(plan));  // the stand-in does mount
+    EXPECT_EQ(MountedOn(target).find("rw,relatime"), 0u);
+}
+
+TEST_F(MountTest, WhatAFailedOrKilledToolMountedIsSeenByNobody) {
+    ExpectFine(Run(StandInMount({"mount-bare-and-fail", target})), 32);
+    EXPECT_EQ(MountedOn(target), "");
+
+    TestPipe pipe;
+    Result result;
+    Plan plan = StandInMount({"mount-bare-and-stay", target});
+    plan.deadline = std::chrono::milliseconds(500);
+    Start(plan, result, relays->Start(agent::OwnedFd(dup(pipe.writer.Get())), caller));
+    EXPECT_EQ(ReadLines(pipe.reader.Get(), 1), "mounted\n");
+    EXPECT_EQ(MountedOn(target), "");  // while the tool is still there
+    ASSERT_TRUE(RunUntil([&result] { return result.ends > 0; }));
+    EXPECT_EQ(result.outcome.status, 8);
+    EXPECT_EQ(result.outcome.reason, "the deadline passed");
     EXPECT_EQ(MountedOn(target), "");
 }
 
-TEST_F(MountTest, WhatAFailedOrKilledToolMountedIsUnmountedAgain) {
-    Plan plan = ToolPlan({"mount-bare-and-fail", target});
-    plan.pins.push_back(MakePin(2, Pin::kDirectory, target));
-    plan.requiredMountFlags = {"nosuid", "nodev"};
-    EXPECT_EQ(Run(plan).outcome.status, 1);
-    EXPECT_EQ(MountedOn(target), "");
-
-    plan.argv[1] = "mount-bare-and-stay";
-    plan.deadline = std::chrono::milliseconds(500);
-    const Result result = Run(plan);
-    EXPECT_EQ(result.outcome.status, 8);
-    EXPECT_NE(result.outcome.reason.find("unmounted again"), std::string::npos);
-    EXPECT_EQ(MountedOn(target), "");
+TEST_F(MountTest, ASignalThatEndsTheToolOfAMountIsAddedTo128) {
+    const Result result = Run(StandInMount({"signal", "10", target}));
+    EXPECT_EQ(result.outcome.status, 0);
+    EXPECT_EQ(result.outcome.value, 138);
+    EXPECT_EQ(result.outcome.signal, 10);
 }
 
 TEST_F(MountTest, WhatWasMountedBeforeAFailedToolStays) {
     ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
-    Plan plan = ToolPlan({"exit", "32", target});
-    plan.pins.push_back(MakePin(3, Pin::kDirectory, target));
-    plan.requiredMountFlags = {"nosuid"};
-    EXPECT_EQ(Run(plan).outcome.value, 32);
+    ExpectFine(Run(StandInMount({"exit", "32", target})), 32);
     EXPECT_NE(MountedOn(target), "");
 }
 
-TEST_F(MountTest, ARemountThatTakesAFlagAwayIsUndoneToo) {
+TEST_F(MountTest, ARemountReachesNothing) {
     ASSERT_EQ(mount("none", target.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, ""), 0);
-    const Result result = Run(MountPlan({"-o", "remount,suid,nodev"}, "none", target));
-    EXPECT_EQ(result.outcome.status, 1) << result.output;
-    EXPECT_EQ(MountedOn(target), "");
+    ExpectFine(Run(MountPlan({"-o", "remount,suid,nodev"}, "none", target)), 32);
+    EXPECT_EQ(MountedOn(target).find("rw,nosuid,nodev"), 0u);
 }
 
 TEST_F(MountTest, AToolThatMountsNothingDoesNotSucceed) {
-    Plan plan = ToolPlan({"args", target});
-    plan.pins.push_back(MakePin(2, Pin::kDirectory, target));
-    plan.requiredMountFlags = {"nosuid"};
-    const Result result = Run(plan);
+    const Result result = Run(StandInMount({"args", target}));
     EXPECT_EQ(result.outcome.status, 1);
     EXPECT_NE(result.outcome.reason.find("nothing was mounted"), std::string::npos);
+}
+
+TEST_F(MountTest, TheSameFileSystemIsNotMountedTwiceOnOnePlace) {
+    if (!HasExt4OverLoop()) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string device = AttachImage();
+    ASSERT_FALSE(device.empty());
+    Plan plan = MountPlan({"-t", "ext4", "-o", "nosuid,nodev"}, device, target);
+    plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, device));
+    ExpectFine(Run(plan));
+    const Result again = Run(plan);
+    ExpectFine(again, 32);
+    EXPECT_EQ(again.output, "mount: " + target + ": already mounted or mount point busy.\n");
+    ExpectFine(Run(UmountPlan(target)));
+    EXPECT_EQ(MountedOn(target), "");
+    EXPECT_TRUE(Shell("losetup --detach " + device));
+}
+
+// What the image lies on is in use as long as the image is, and its name is not asked again.
+TEST_F(MountTest, AnImageIsOpenedByItsPinWhereAnUnmountingFindsItInUse) {
+    if (!HasExt4OverLoop()) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string place = directory / "place";
+    ASSERT_EQ(mkdir(place.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", place.c_str(), "tmpfs", 0, ""), 0);
+    const std::string image = place + "/image";
+    const std::string make = " && mkfs.ext4 -q -F ";
+    ASSERT_TRUE(Shell("truncate -s 8M " + image + make + image));
+    ASSERT_TRUE(Shell("truncate -s 8M " + image + "2" + make + image + "2"));
+    // The mount tool of this rule exchanges the two before it goes on.
+    ASSERT_TRUE(WriteFile(directory / "swap",
+                          "#!/bin/sh\n/bin/mv " + image + " " + image + "1 && /bin/mv " + image +
+                              "2 " + image + " && exec /usr/bin/mount \"$@\"\n",
+                          0755));
+    Plan plan = MountPlan({"-t", "ext4", "-o", "loop,nosuid,nodev"}, image, target);
+    plan.argv[0] = directory / "swap";
+    plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, image));
+    ExpectFine(Run(plan));
+    std::string device = MountedOn(target);
+    device = device.substr(device.find("/dev/"));
+    device = device.substr(5, device.find(' ') - 5);
+    EXPECT_EQ(Contents("/sys/block/" + device + "/loop/backing_file"), image + "1\n");
+    EXPECT_EQ(umount2(place.c_str(), UMOUNT_NOFOLLOW), -1);
+    EXPECT_EQ(errno, EBUSY);
+    ExpectFine(Run(UmountPlan(target)));
+    EXPECT_EQ(Contents("/sys/block/" + device + "/loop/backing_file"), "");
+    EXPECT_EQ(umount2(place.c_str(), UMOUNT_NOFOLLOW), 0);
+}
+
+TEST_F(MountTest, AnImageHasOneLoopDeviceHoweverOftenItIsMounted) {
+    if (!HasExt4OverLoop()) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string image = directory / "image";
+    const std::string other = directory / "other";
+    ASSERT_EQ(mkdir(other.c_str(), 0755), 0);
+    ASSERT_TRUE(Shell("truncate -s 16M " + image + " && mkfs.ext4 -q -F -E offset=4194304 " +
+                      image + " 8M"));
+    const auto plan = [&](const std::string& options, const std::string& where) {
+        Plan made = MountPlan({"-t", "ext4", "-o", options + ",nosuid,nodev"}, image, where);
+        made.pins.push_back(MakePin(made.argv.size() - 2, Pin::kFile, image));
+        return made;
+    };
+    ExpectFine(Run(plan("offset=4M,sizelimit=8192K,noatime", target)));
+    ExpectFine(Run(plan("loop,offset=4194304,sizelimit=8MiB", other)));
+    EXPECT_EQ(MountedOn(target).find("rw,nosuid,nodev,noatime - ext4 /dev/loop"), 0u);
+    EXPECT_EQ(MountedOn(target).substr(MountedOn(target).find(" - ")),
+              MountedOn(other).substr(MountedOn(other).find(" - ")));
+    const Result overlapping = Run(plan("offset=5M", other));
+    ExpectFine(overlapping, 32);
+    EXPECT_NE(overlapping.output.find("the image is in use by a loop device already"),
+              std::string::npos)
+        << overlapping.output;
+    ExpectFine(Run(UmountPlan(other)));
+    ExpectFine(Run(UmountPlan(target)));
+    for (const char* size : {"offset=", "offset=-1", "offset=1T", "sizelimit=9999999999999999",
+                             "offset=0x10", "sizelimit=1Kx"}) {
+        const Result result = Run(plan(size, target));
+        ExpectFine(result, 32);
+        EXPECT_NE(result.output.find("its offset or size is malformed"), std::string::npos) << size;
+    }
+    ExpectFine(Run(plan("ro,offset=4M,sizelimit=8M", target)));
+    EXPECT_EQ(MountedOn(target).find("ro,nosuid,nodev,relatime - ext4 /dev/loop"), 0u);
+    ExpectFine(Run(UmountPlan(target)));
+}
+
+// What a tool's namespace has copies of is not kept by it once its request is answered.
+TEST_F(MountTest, AMountIsGoneForGoodWhenItIsUnmounted) {
+    if (!HasExt4OverLoop()) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string device = AttachImage();
+    ASSERT_FALSE(device.empty());
+    Plan plan = MountPlan({"-t", "ext4", "-o", "nosuid,nodev"}, device, target);
+    plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, device));
+    for (int i = 0; i < 5; ++i) {
+        ExpectFine(Run(plan));
+        ExpectFine(Run(UmountPlan(target)));
+        // Held by nobody, as only then it can be had like this.
+        EXPECT_GE(agent::OwnedFd(open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC)).Get(), 0)
+            << strerror(errno);
+    }
+    EXPECT_TRUE(Shell("losetup --detach " + device));
+}
+
+TEST_F(MountTest, ALoopDeviceOverADeviceIsMadeOfThePinnedOne) {
+    if (!HasExt4OverLoop()) {
+        SENTREL_SKIP("no ext4 or no loop devices");
+    }
+    const std::string device = AttachImage();
+    ASSERT_FALSE(device.empty());
+    Plan plan = MountPlan({"-t", "ext4", "-o", "loop,nosuid,nodev"}, device, target);
+    plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, device));
+    ExpectFine(Run(plan));
+    EXPECT_NE(MountedOn(target).find(" - ext4 /dev/loop"), std::string::npos);
+    EXPECT_EQ(MountedOn(target).find(" " + device + " "), std::string::npos);
+    ExpectFine(Run(UmountPlan(target)));
+    EXPECT_TRUE(Shell("losetup --detach " + device));
+    const std::string pipe = directory / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    plan = MountPlan({"-t", "ext4", "-o", "loop,nosuid,nodev"}, pipe, target);
+    plan.pins.push_back(MakePin(plan.argv.size() - 2, Pin::kFile, pipe));
+    ExpectFine(Run(plan), 32);
+}
+
+// As a mount made by mount(8) itself would be: the services that have a part of the system's tree
+// see it too.
+TEST_F(MountTest, AMountInASharedPlaceIsHandedOnToItsPeers) {
+    const std::string place = directory / "place";
+    const std::string peer = directory / "peer";
+    ASSERT_EQ(mkdir(place.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(peer.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", place.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount(nullptr, place.c_str(), nullptr, MS_SHARED, nullptr), 0);
+    ASSERT_EQ(mount(place.c_str(), peer.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mkdir((place + "/a").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((place + "/b").c_str(), 0755), 0);
+    ExpectFine(Run(MountPlan({"-t", "tmpfs", "-o", "nosuid,nodev"}, "none", place + "/a")));
+    ExpectFine(Run(BindPlan(target, place + "/b")));
+    for (const char* name : {"/a", "/b"}) {
+        EXPECT_EQ(MountedOn(peer + name).find("rw,nosuid,nodev,relatime "), 0u) << name;
+        ExpectFine(Run(UmountPlan(place + name)));
+        EXPECT_EQ(MountedOn(peer + name), "") << name;
+    }
+    EXPECT_EQ(umount2(peer.c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(umount2(place.c_str(), MNT_DETACH), 0);
+}
+
+// ---- the second look, at the mount in its place
+
+TEST_F(MountTest, AMountInItsPlaceWithoutAFlagIsTakenBackThoughItsParentWasRenamed) {
+    const std::string parent = directory / "parent";
+    ASSERT_EQ(mkdir(parent.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((parent + "/in").c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", (parent + "/in").c_str(), "tmpfs", MS_NODEV, ""), 0);
+    const agent::OwnedFd mounted(open((parent + "/in").c_str(), O_PATH | O_CLOEXEC));
+    ASSERT_EQ(rename(parent.c_str(), (directory / "away").c_str()), 0);
+    std::string reason;
+    EXPECT_TRUE(agent::CheckMount(mounted, "/x", {"nodev"}, reason)) << reason;
+    EXPECT_FALSE(agent::CheckMount(mounted, "/x", {"nodev", "nosuid", "ro"}, reason));
+    EXPECT_EQ(reason, "/x: was mounted without nosuid; it is unmounted again");
+    EXPECT_EQ(MountedOn(directory / "away/in"), "");
+    // Who stands in it already has the flags as well.
+    struct statvfs flags = {};
+    ASSERT_EQ(fstatvfs(mounted.Get(), &flags), 0);
+    EXPECT_EQ(flags.f_flag & (ST_NOSUID | ST_RDONLY), static_cast<unsigned>(ST_NOSUID | ST_RDONLY));
+    EXPECT_FALSE(agent::CheckMount(mounted, "/x", {"nodev"}, reason));
+    EXPECT_EQ(reason, "/x: nothing is mounted there now; it is unmounted again");
+}
+
+TEST_F(MountTest, AMountThatCannotBeLookedAtIsTakenBack) {
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, ""), 0);
+    const pid_t child = test::Fork([&] {
+        const agent::OwnedFd mounted(open(target.c_str(), O_PATH | O_CLOEXEC));
+        // No number is left for the table of mounts.
+        const rlimit none = {0, 0};
+        std::string reason;
+        const bool known = setrlimit(RLIMIT_NOFILE, &none) != 0 ||
+                           agent::CheckMount(mounted, "/x", {"nosuid"}, reason);
+        return !known && reason == "/x: the mount cannot be looked at; it is unmounted again" ? 0
+                                                                                              : 1;
+    });
+    EXPECT_EQ(test::Reap(child, test::kLimit), 0);
+    EXPECT_EQ(MountedOn(target), "");
 }
 
 TEST_F(MountTest, AFailedMountIsTheToolsOwnExitCode) {
@@ -408,9 +679,8 @@ TEST_F(MountTest, AFileSystemThatOthersServeIsNoClosedDirectory) {
             (void)umount2("/mnt", MNT_DETACH);
             SENTREL_SKIP("no file system of others is to be had");
         }
-        Plan plan = ToolPlan({"args", "/mnt/served/new"});
-        plan.pins.push_back(MakePin(2, Pin::kParent, "/mnt/served/new"));
-        EXPECT_EQ(Run(plan).outcome.reason, "/mnt/served/new: is not the node that was made");
+        Plan plan = NodePlan("/mnt/served/new", S_IFIFO);
+        EXPECT_EQ(Run(plan).output, "mknod: /mnt/served/new: Function not implemented\n");
         plan.pins[0].rootOwnedChain = true;
         const Result result = Run(plan);
         EXPECT_EQ(result.outcome.status, 7);
@@ -433,9 +703,9 @@ TEST_F(MountTest, ANameWithBlanksIsFoundAgain) {
 
 TEST_F(MountTest, ADeviceNodeIsMadeAndGivenToItsOwner) {
     const std::string path = directory / "null";
-    Plan plan = NodePlan(path, {"c", "1", "3"});
-    plan.owner = kNobody;
-    plan.group = 7;
+    Plan plan = NodePlan(path, S_IFCHR);
+    plan.node->owner = kNobody;
+    plan.node->group = 7;
     ExpectFine(Run(plan));
     struct stat node = {};
     ASSERT_EQ(lstat(path.c_str(), &node), 0);
@@ -445,68 +715,36 @@ TEST_F(MountTest, ADeviceNodeIsMadeAndGivenToItsOwner) {
     EXPECT_EQ(node.st_gid, 7u);
 }
 
-TEST_F(MountTest, ANamedPipeIsMade) {
-    const std::string path = directory / "pipe";
-    ExpectFine(Run(NodePlan(path, {"p"})));
+TEST_F(MountTest, ABlockDeviceAndANamedPipeAreMade) {
     struct stat node = {};
-    ASSERT_EQ(lstat(path.c_str(), &node), 0);
-    EXPECT_TRUE(S_ISFIFO(node.st_mode));
-    EXPECT_EQ(node.st_uid, 0u);
-}
-
-TEST_F(MountTest, ANodeComesWithoutSetIdBits) {
-    const std::string path = directory / "null";
-    Plan plan = ToolPlan({"node-bare", path, "c", "1", "3"});
-    plan.pins.push_back(MakePin(2, Pin::kParent, path));
-    ExpectFine(Run(plan));
-    struct stat node = {};
-    ASSERT_EQ(lstat(path.c_str(), &node), 0);
-    EXPECT_EQ(node.st_mode & 07777, 0755u);
-}
-
-TEST_F(MountTest, ANodeThatIsSomethingElseByNowIsNotGivenAway) {
-    const std::string path = directory / "null";
-    Plan plan = ToolPlan({"node-then-link", path, "c", "1", "3"});
-    plan.pins.push_back(MakePin(2, Pin::kParent, path));
-    plan.owner = kNobody;
-    EXPECT_EQ(Run(plan).outcome.status, 1);
-    struct stat passwd = {};
-    ASSERT_EQ(stat("/etc/passwd", &passwd), 0);
-    EXPECT_EQ(passwd.st_uid, 0u);
-
-    // A second name of another file, as a caller might put it there.
-    ASSERT_EQ(unlink(path.c_str()), 0);
-    ASSERT_TRUE(WriteFile(directory / "precious", "", 0600));
-    ASSERT_EQ(link((directory / "precious").c_str(), path.c_str()), 0);
-    plan = ToolPlan({"args", path, "c", "1", "3"});
-    plan.pins.push_back(MakePin(2, Pin::kParent, path));
-    plan.owner = kNobody;
-    EXPECT_EQ(Run(plan).outcome.status, 1);
-    ASSERT_EQ(stat((directory / "precious").c_str(), &passwd), 0);
-    EXPECT_EQ(passwd.st_uid, 0u);
-}
-
-TEST_F(MountTest, ASecondNameOfAnotherNodeIsNotGivenAway) {
-    const std::string path = directory / "null";
-    const std::string other = directory / "other";
-    ASSERT_EQ(mknod(other.c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
-    ASSERT_EQ(link(other.c_str(), path.c_str()), 0);
-    Plan plan = ToolPlan({"args", path, "c", "1", "3"});
-    plan.pins.push_back(MakePin(2, Pin::kParent, path));
-    plan.owner = kNobody;
-    EXPECT_EQ(Run(plan).outcome.status, 1);
-    struct stat node = {};
-    ASSERT_EQ(stat(other.c_str(), &node), 0);
+    ExpectFine(Run(NodePlan(directory / "block", S_IFBLK)));
+    ASSERT_EQ(lstat((directory / "block").c_str(), &node), 0);
+    EXPECT_EQ(node.st_mode, static_cast<mode_t>(S_IFBLK | 0640));
+    EXPECT_EQ(node.st_rdev, makedev(1, 3));
+    ExpectFine(Run(NodePlan(directory / "pipe", S_IFIFO)));
+    ASSERT_EQ(lstat((directory / "pipe").c_str(), &node), 0);
+    EXPECT_EQ(node.st_mode, static_cast<mode_t>(S_IFIFO | 0640));
     EXPECT_EQ(node.st_uid, 0u);
 }
 
 TEST_F(MountTest, ANodeIsNotMadeOverAnExistingFile) {
     const std::string path = directory / "file";
     ASSERT_TRUE(WriteFile(path, "kept", 0644));
-    const Result result = Run(NodePlan(path, {"c", "1", "3"}));
-    EXPECT_EQ(result.outcome.status, 0);
-    EXPECT_EQ(result.outcome.value, 1);
+    const Result result = Run(NodePlan(path, S_IFCHR));
+    ExpectFine(result, 1);
+    EXPECT_EQ(result.outcome.exit, 1);
+    EXPECT_EQ(result.output, "mknod: " + path + ": File exists\n");
     EXPECT_EQ(Contents(path), "kept");
+}
+
+TEST_F(MountTest, AFailedNodeLeavesNothingBehind) {
+    ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, "mode=755"), 0);
+    ASSERT_TRUE(WriteFile(target + "/file", "kept", 0644));
+    ExpectFine(Run(NodePlan(target + "/file", S_IFCHR)), 1);
+    EXPECT_TRUE(Shell("test \"$(ls -A " + target + ")\" = file"));
+    ASSERT_EQ(mount(nullptr, target.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, ""), 0);
+    EXPECT_EQ(Run(NodePlan(target + "/new", S_IFCHR)).output,
+              "mknod: " + target + "/new: Read-only file system\n");
 }
 
 TEST_F(MountTest, APathThatHangsHoldsUpItsOwnRequestOnly) {

@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -139,12 +138,8 @@ int Misbehave(const std::string& what, int argc, char** argv) {
     }
     if (what == "mount-bare-and-stay") {
         (void)!mount("none", argv[argc - 1], "tmpfs", 0, "");
+        Print("mounted");
         Stay();
-    }
-    if (what == "node-bare") {
-        // PATH c 1 3
-        return mknod(argv[2], S_IFCHR | 0600, makedev(1, 3)) == 0 && chmod(argv[2], 06755) == 0 ? 0
-                                                                                                : 1;
     }
     if (what == "mount-bare") {
         return mount("none", argv[argc - 1], "tmpfs", 0, "") == 0 ? 0 : 32;
@@ -166,10 +161,6 @@ int Misbehave(const std::string& what, int argc, char** argv) {
         execl("/usr/bin/umount", "umount", "-i", "--no-canonicalize", "--", argv[5],
               static_cast<char*>(nullptr));
         return 91;
-    }
-    if (what == "node-then-link") {
-        // PATH: makes something else than it was asked to make.
-        return symlink("/etc/passwd", argv[2]) == 0 ? 0 : 1;
     }
     return 64;
 }
@@ -194,6 +185,8 @@ int main(int argc, char** argv) {
         ShowFile(argv[2]);
     } else if (what == "secret") {
         ShowSecret();
+    } else if (what == "euid") {
+        return geteuid() == 0 ? 42 : 0;
     } else if (what == "exit") {
         return atoi(argv[2]);
     } else if (what == "signal") {

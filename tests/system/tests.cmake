@@ -14,6 +14,10 @@ endif()
 if(TARGET sentrel-agent)
   sentrel_test(AttackTest system/AttackTest.cpp bus/Listener.cpp LIBRARY LABEL system
     LIBS agent_support)
+  sentrel_test(MomentTest system/MomentTest.cpp bus/Listener.cpp LIBRARY LABEL system
+    LIBS agent_support)
+  target_compile_definitions(MomentTest PRIVATE STAND_IN_TOOL="$<TARGET_FILE:stand_in_tool>")
+  add_dependencies(MomentTest stand_in_tool)
   add_executable(silent_files support/silent_files.c)
   target_link_libraries(silent_files PRIVATE sentrel_warnings)
   sentrel_test(SilentFilesTest system/SilentFilesTest.cpp bus/Listener.cpp LIBRARY LABEL system
