@@ -4,9 +4,9 @@
 #include <sentrel/SR_Message.h>
 
 #include <boost/make_shared.hpp>
-#include <cstdio>
 #include <exception>
 
+#include "Log.h"
 #include "Words.h"
 
 namespace agent {
@@ -92,8 +92,7 @@ void Guarded(const std::string& sender, const Function& function) {
     try {
         function();
     } catch (const std::exception& exception) {
-        (void)std::fprintf(stderr, "sentrel-agent: a call of %s: %s\n", sender.c_str(),
-                           exception.what());
+        StandardError().WriteLine("a call of " + sender + ": " + exception.what());
     }
 }
 

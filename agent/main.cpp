@@ -32,6 +32,8 @@
 
 #include "Control.h"
 #include "Events.h"
+#include "LibraryLog.h"
+#include "Log.h"
 #include "Mock.h"
 #include "Options.h"
 #include "OwnedFd.h"
@@ -216,6 +218,14 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
     }
 }
 
+// While the loop runs, nothing that is said waits for whoever reads it.
+struct Logs {
+    explicit Logs(sentrel::SR_MainLoop& loop)
+        : errors(agent::StandardError(), loop), library(loop) {}
+    agent::AttachedLog errors;
+    agent::LibraryLog library;
+};
+
 int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::RuleStore store(options.rules, geteuid(), options.toolPath);
     const agent::LoadResult loaded = store.Load();
@@ -224,8 +234,12 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
         Complain("the rules are wrong; see above");
         return 1;
     }
-    agent::Audit audit = options.auditToStandardError ? agent::Audit(std::cerr) : agent::Audit();
     sentrel::SR_DBusDispatcher dispatcher;
+    const Logs logs(dispatcher);
+    agent::SystemLog systemLog("sentrel-agent", agent::StandardError());
+    const agent::AttachedLog attached(systemLog, dispatcher);
+    agent::Audit audit = options.auditToStandardError ? agent::Audit(agent::StandardError())
+                                                      : agent::Audit(systemLog);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(connection);
     agent::Requests requests(dispatcher, store, audit, options.limits);
@@ -260,6 +274,7 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
         return 1;
     }
     sentrel::SR_DBusDispatcher dispatcher;
+    const Logs logs(dispatcher);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(connection);
     agent::Mock mock(dispatcher, rows);

@@ -12,8 +12,10 @@ if(TARGET sentrel-agent AND TARGET sentrel)
     LIBS agent_support cli_support)
 endif()
 if(TARGET sentrel-agent)
-  sentrel_test(AttackTest system/AttackTest.cpp bus/Listener.cpp LIBRARY LABEL system
-    LIBS agent_support)
+  foreach(name AttackTest SilentLogTest)
+    sentrel_test(${name} system/${name}.cpp bus/Listener.cpp LIBRARY LABEL system
+      LIBS agent_support)
+  endforeach()
   add_executable(silent_files support/silent_files.c)
   target_link_libraries(silent_files PRIVATE sentrel_warnings)
   sentrel_test(SilentFilesTest system/SilentFilesTest.cpp bus/Listener.cpp LIBRARY LABEL system
