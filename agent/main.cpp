@@ -38,6 +38,7 @@
 #include "Options.h"
 #include "OwnedFd.h"
 #include "Requests.h"
+#include "RuleLoader.h"
 #include "RuleStore.h"
 #include "Service.h"
 
@@ -47,6 +48,8 @@ using agent::Complain;
 
 const int kDoNotQueue = 4;  // libdbus's name flag
 const std::chrono::seconds kLongestEnd(5);
+const std::chrono::seconds kLongestStart(60);
+const std::chrono::seconds kLongestLoad(10);
 
 // Later descriptors must never be taken for the standard ones.
 bool FillStandardDescriptors() {
@@ -101,12 +104,29 @@ void Report(const agent::LoadResult& result) {
     }
 }
 
-agent::LoadResult Reload(agent::RuleStore& store) {
-    agent::LoadResult result = store.Load();
-    Report(result);
-    Complain(result.errors.empty()
-                 ? "rules: " + std::to_string(store.Count()) + " loaded"
-                 : std::string("rules: not loaded; the ones of before stay in force"));
+void Reload(agent::RuleLoader& loader, const agent::RuleStore& store,
+            const agent::RuleLoader::Done& done) {
+    loader.Load([&store, done](const agent::LoadResult& result) {
+        Report(result);
+        Complain(result.errors.empty()
+                     ? "rules: " + std::to_string(store.Count()) + " loaded"
+                     : std::string("rules: not loaded; the ones of before stay in force"));
+        done(result);
+    });
+}
+
+// In the loop's other process too, so that this one never opens the account database.
+agent::LoadResult LoadAtStart(sentrel::SR_MainLoop& loop, agent::RuleStore& store) {
+    agent::RuleLoader loader(loop, store, kLongestStart);
+    agent::LoadResult result;
+    bool over = false;
+    loader.Load([&result, &over](const agent::LoadResult& loaded) {
+        result = loaded;
+        over = true;
+    });
+    while (!over) {
+        loop.Dispatch();
+    }
     return result;
 }
 
@@ -228,14 +248,14 @@ struct Logs {
 
 int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::RuleStore store(options.rules, geteuid(), options.toolPath);
-    const agent::LoadResult loaded = store.Load();
+    sentrel::SR_DBusDispatcher dispatcher;
+    const Logs logs(dispatcher);
+    const agent::LoadResult loaded = LoadAtStart(dispatcher, store);
     Report(loaded);
     if (!loaded.errors.empty()) {
         Complain("the rules are wrong; see above");
         return 1;
     }
-    sentrel::SR_DBusDispatcher dispatcher;
-    const Logs logs(dispatcher);
     agent::SystemLog systemLog("sentrel-agent", agent::StandardError());
     const agent::AttachedLog attached(systemLog, dispatcher);
     agent::Audit audit = options.auditToStandardError ? agent::Audit(agent::StandardError())
@@ -243,7 +263,9 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(connection);
     agent::Requests requests(dispatcher, store, audit, options.limits);
-    agent::Control control(requests, store, [&store] { return Reload(store); });
+    agent::RuleLoader loader(dispatcher, store, kLongestLoad);
+    agent::Control control(
+        requests, store, [&](const agent::RuleLoader::Done& done) { Reload(loader, store, done); });
     service.Serve([&](const agent::Arrival& arrival) { requests.Take(arrival); },
                   [&](const agent::Question& question, const agent::Caller& caller,
                       const std::shared_ptr<agent::TextReply>& reply) {
@@ -258,7 +280,7 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     Complain(std::string("serving ") + agent::kName + ", " + std::to_string(store.Count()) +
              " rules");
     Handlers handlers;
-    handlers.onHangUp = [&store] { (void)Reload(store); };
+    handlers.onHangUp = [&] { Reload(loader, store, [](const agent::LoadResult&) {}); };
     handlers.endAll = [&requests] { requests.EndAll(); };
     handlers.settled = [&requests] { return requests.Settled(); };
     return Run(dispatcher, service, signals, handlers);

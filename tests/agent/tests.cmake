@@ -24,7 +24,9 @@ if(TARGET sentrel-agent)
     add_dependencies(${name} stand_in_tool)
   endforeach()
 
-  sentrel_test(CallersTest agent/CallersTest.cpp LIBRARY LABEL agent LIBS sentrel_agent_objects)
+  foreach(name CallersTest RuleLoaderTest)
+    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_objects)
+  endforeach()
 
   add_library(agent_support STATIC agent/OtherUsers.cpp agent/Programs.cpp)
   target_include_directories(agent_support PUBLIC agent)

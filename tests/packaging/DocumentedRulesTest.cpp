@@ -76,9 +76,10 @@ protected:
     int Ask(const agent::LoadResult& result, const std::string& name, const std::string& text) {
         agent::Caller caller;
         caller.uid = kMe;
+        caller.account = agent::LookUp(accounts, kMe, {{}, true});
         const agent::Parsed parsed = agent::Parse(name, text);
         EXPECT_EQ(agent::kOk, parsed.status) << parsed.error;
-        return agent::Decider(agent::Tools(), accounts)
+        return agent::Decider(agent::Tools())
             .Decide(*result.rules, caller, parsed.request)
             .status;
     }

@@ -12,7 +12,7 @@ if(TARGET sentrel-agent AND TARGET sentrel)
     LIBS agent_support cli_support)
 endif()
 if(TARGET sentrel-agent)
-  foreach(name AttackTest SilentLogTest)
+  foreach(name AccountsTest AttackTest SilentLogTest)
     sentrel_test(${name} system/${name}.cpp bus/Listener.cpp LIBRARY LABEL system
       LIBS agent_support)
   endforeach()
