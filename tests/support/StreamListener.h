@@ -38,6 +38,9 @@ public:
                                                                                              : -1;
     }
 
+    // The other end of the next of these.
+    int Accept() const { return accept4(descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC); }
+
 private:
     static sockaddr_un AddressOf(const std::string& where) {
         sockaddr_un address = {};
