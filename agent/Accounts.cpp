@@ -14,7 +14,7 @@ namespace agent {
 namespace {
 
 const std::size_t kFirstSize = 4096;
-const std::size_t kLargestSize = 64U * 1024 * 1024;  // an entry with millions of members
+const std::size_t kLargestSize = 67108864;  // an entry with millions of members
 
 // Asks with room enough for the entry. False when there is none.
 template <typename Entry, typename Function>

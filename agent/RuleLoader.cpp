@@ -18,7 +18,7 @@ namespace agent {
 
 namespace {
 
-const std::size_t kLargest = 64U * 1024 * 1024;
+const std::size_t kLargest = 67108864;
 const std::size_t kMostDying = 4;
 
 [[noreturn]] void RunReader(int output, pid_t parent, const RuleLoader::Reader& reader) {

@@ -79,9 +79,7 @@ protected:
         caller.account = agent::LookUp(accounts, kMe, {{}, true});
         const agent::Parsed parsed = agent::Parse(name, text);
         EXPECT_EQ(agent::kOk, parsed.status) << parsed.error;
-        return agent::Decider(agent::Tools())
-            .Decide(*result.rules, caller, parsed.request)
-            .status;
+        return agent::Decider(agent::Tools()).Decide(*result.rules, caller, parsed.request).status;
     }
 
     EveryName accounts;
