@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Audit.h"
 
-#include <syslog.h>
-
 #include <algorithm>
 #include <ostream>
-#include <sstream>
+
+#include "Log.h"
 
 namespace agent {
 
@@ -57,50 +56,90 @@ void AppendHex(std::string& text, unsigned char byte) {
     text += kDigits[byte & 15];
 }
 
-std::string Head(const char* phase, const AuditRequest& request) {
-    std::string arguments;
-    for (const std::string& word : request.arguments) {
-        arguments += arguments.empty() ? "" : " ";
-        arguments += Audit::Redact(word, request.split);
-    }
-    std::ostringstream line;
-    line << "phase=" << phase << " id=" << request.id << " uid=" << static_cast<long>(request.uid)
-         << " pid=" << request.pid << " exe=" << Audit::Quote(request.executable, kLongestField)
-         << " agent=" << Audit::Quote(request.agent, kLongestField)
-         << " args=" << Audit::Quote(arguments, kLongestArguments)
-         << " rule=" << Audit::Quote(request.rule, kLongestField);
-    return line.str();
-}
-
 }  // namespace
 
-Audit::Audit() : out(nullptr) {}
+// Its values as text and as fields.
+class Audit::Line {
+public:
+    Line(const char* phase, const AuditRequest& request) {
+        std::string arguments;
+        for (const std::string& word : request.arguments) {
+            arguments += arguments.empty() ? "" : " ";
+            arguments += Redact(word, request.split);
+        }
+        Word("phase", phase);
+        Number("id", request.id);
+        Number("uid", static_cast<long>(request.uid));
+        Number("pid", request.pid);
+        Text("exe", request.executable);
+        Text("agent", request.agent);
+        Text("args", arguments, kLongestArguments);
+        Text("rule", request.rule);
+    }
 
-Audit::Audit(std::ostream& stream) : out(&stream) {}
+    void Word(const char* name, const std::string& value) { Add(name, value, value); }
+    template <typename Value>
+    void Number(const char* name, Value value) {
+        Word(name, std::to_string(value));
+    }
+    void Text(const char* name, const std::string& value, std::size_t cap = kLongestField) {
+        const std::string escaped = Escape(value, cap);
+        Add(name, "\"" + escaped + "\"", escaped);
+    }
+    const LogEntry& Get() const { return entry; }
+
+private:
+    void Add(const char* name, const std::string& shown, const std::string& value) {
+        entry.text.append(entry.text.empty() ? "" : " ").append(name).append("=").append(shown);
+        std::string field = "SENTREL_";
+        for (const char* letter = name; *letter != '\0'; ++letter) {
+            field += *letter >= 'a' ? static_cast<char>(*letter - 'a' + 'A') : *letter;
+        }
+        entry.fields.emplace_back(field, value);
+    }
+
+    LogEntry entry;
+};
+
+Audit::Audit(LogQueue& queue) : log(&queue), out(nullptr) {}
+
+Audit::Audit(std::ostream& stream) : log(nullptr), out(&stream) {}
 
 void Audit::Before(const AuditRequest& request) {
-    Write(Head("start", request) + " decision=allow");
+    Line line("start", request);
+    line.Word("decision", "allow");
+    Write(line);
 }
 
 void Audit::After(const AuditRequest& request, const AuditResult& result) {
-    std::ostringstream line;
-    line << Head("end", request) << " decision=allow status=" << result.status
-         << " exit=" << result.exit << " signal=" << result.signal
-         << " duration_ms=" << result.duration.count() << " out_bytes=" << result.outBytes
-         << " dropped_bytes=" << result.droppedBytes
-         << " reason=" << Quote(result.reason, kLongestField);
-    Write(line.str());
+    Line line("end", request);
+    line.Word("decision", "allow");
+    line.Number("status", result.status);
+    line.Number("exit", result.exit);
+    line.Number("signal", result.signal);
+    line.Number("duration_ms", result.duration.count());
+    line.Number("out_bytes", result.outBytes);
+    line.Number("dropped_bytes", result.droppedBytes);
+    line.Text("reason", result.reason);
+    Write(line);
 }
 
 void Audit::Denied(const AuditRequest& request, int status, const std::string& reason) {
-    Write(Head("end", request) + " decision=deny status=" + std::to_string(status) +
-          " reason=" + Quote(reason, kLongestField));
+    Line line("end", request);
+    line.Word("decision", "deny");
+    line.Number("status", status);
+    line.Text("reason", reason);
+    Write(line);
 }
 
 std::string Audit::Quote(const std::string& text, std::size_t cap) {
+    return "\"" + Escape(text, cap) + "\"";
+}
+
+std::string Audit::Escape(const std::string& text, std::size_t cap) {
     const bool cut = text.size() > cap;
     const std::string kept = text.substr(0, cap);
-    std::string quoted = "\"";
+    std::string quoted;
     for (std::size_t at = 0; at < kept.size();) {
         const std::size_t length = PrintableLength(kept, at);
         if (length == 0) {
@@ -114,7 +153,7 @@ std::string Audit::Quote(const std::string& text, std::size_t cap) {
         quoted.append(kept, at, length);
         at += length;
     }
-    return quoted + (cut ? "...\"" : "\"");
+    return quoted + (cut ? "..." : "");
 }
 
 // A password may hold commas, so nothing behind its name is shown. Text that could not be split may
@@ -155,11 +194,11 @@ bool Audit::HidesSome(const AuditRequest& request) {
         [&request](const std::string& word) { return Redact(word, request.split) != word; });
 }
 
-void Audit::Write(const std::string& line) {
+void Audit::Write(const Line& line) {
     if (out != nullptr) {
-        *out << "sentrel-agent: " << line << std::endl;
+        *out << "sentrel-agent: " << line.Get().text << std::endl;
     } else {
-        syslog(LOG_AUTHPRIV | LOG_NOTICE, "%s", line.c_str());
+        log->Write(line.Get());
     }
 }
 

@@ -2,7 +2,7 @@
 // The record of what was asked and what came of it: one line before an operation and one after it,
 // one line for a refusal. Text that a caller chose can neither end a line nor look like a field.
 //
-// The stream is not owned. Threads: one.
+// Neither the log nor the stream is owned. Threads: one.
 #ifndef SENTREL_AGENT_AUDIT_H
 #define SENTREL_AGENT_AUDIT_H
 
@@ -15,6 +15,8 @@
 #include <vector>
 
 namespace agent {
+
+class LogQueue;
 
 struct AuditRequest {
     std::uint64_t id = 0;
@@ -39,8 +41,8 @@ struct AuditResult {
 
 class Audit {
 public:
-    // To syslog(3), facility authpriv.
-    Audit();
+    // With the facility authpriv, and for the journal with a field for each value.
+    explicit Audit(LogQueue& queue);
     explicit Audit(std::ostream& stream);
 
     void Before(const AuditRequest& request);
@@ -51,14 +53,18 @@ public:
     // Valid UTF-8 without control characters, in quotes: \xHH for every other byte, \" and \\.
     // What is longer than `cap` bytes is cut there and marked.
     static std::string Quote(const std::string& text, std::size_t cap);
+    // The same without the quotes around it.
+    static std::string Escape(const std::string& text, std::size_t cap);
     // The word with what follows the name of a password replaced by "***".
     static std::string Redact(const std::string& word, bool split);
     // Whether a request's arguments hold what a line does not show.
     static bool HidesSome(const AuditRequest& request);
 
 private:
-    void Write(const std::string& line);
+    class Line;
+    void Write(const Line& line);
 
+    LogQueue* log;
     std::ostream* out;
 };
 

@@ -17,11 +17,11 @@ Control::Control(Requests& agentRequests, const RuleStore& ruleStore, const Relo
 void Control::Answer(const Question& question, const Caller& caller,
                      const std::shared_ptr<TextReply>& reply) {
     if (question.member == "Test") {
-        // Rules may ask for the executable.
+        // Rules may ask for the executable and for groups.
         const auto answer = [this, question, reply](const Caller& whole) {
             reply->Set(Test(question, whole));
         };
-        if (!requests.FindExecutable(caller, answer)) {
+        if (!requests.LookAt(caller, question.agent, answer)) {
             reply->SetError("org.freedesktop.DBus.Error.LimitsExceeded",
                             "too many requests at once");
         }
@@ -30,7 +30,7 @@ void Control::Answer(const Question& question, const Caller& caller,
     } else if (question.member == "Mounts") {
         reply->Set(Mounts());
     } else if (caller.uid == 0 || caller.uid == geteuid()) {
-        reply->Set(Reload());
+        reload([this, reply](const LoadResult& result) { reply->Set(Loaded(result)); });
     } else {
         reply->SetError("org.freedesktop.DBus.Error.AccessDenied",
                         "only root may have the rules loaded again");
@@ -74,8 +74,7 @@ std::string Control::Status() const {
     return answer.Text();
 }
 
-std::string Control::Reload() const {
-    const LoadResult result = reload();
+std::string Control::Loaded(const LoadResult& result) const {
     JsonObject answer;
     answer.Add("rules", static_cast<long long>(store.Count()));
     answer.Put("errors", JsonTexts(result.errors)).Put("warnings", JsonTexts(result.warnings));

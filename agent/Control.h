@@ -20,7 +20,8 @@ namespace agent {
 
 class Control {
 public:
-    typedef std::function<LoadResult()> Reloader;
+    // Calls its argument when the rules have been loaded, or could not be.
+    typedef std::function<void(const std::function<void(const LoadResult&)>&)> Reloader;
 
     Control(Requests& agentRequests, const RuleStore& ruleStore, const Reloader& reloader);
 
@@ -31,7 +32,7 @@ public:
 private:
     std::string Test(const Question& question, const Caller& caller) const;
     std::string Status() const;
-    std::string Reload() const;
+    std::string Loaded(const LoadResult& result) const;
     std::string Mounts() const;
 
     Requests& requests;

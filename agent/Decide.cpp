@@ -25,6 +25,8 @@ public:
     std::string miss;
     // How many fields did.
     int score = 0;
+    // It matches because nobody could tell whether the caller is in a group.
+    bool unsure = false;
 
 private:
     bool Miss(const std::string& field) {
@@ -43,7 +45,7 @@ private:
         const bool named = users.any || users.uids.count(caller.uid) != 0 ||
                            std::any_of(caller.groups.begin(), caller.groups.end(),
                                        [&](gid_t group) { return users.gids.count(group) != 0; });
-        if (!named) {
+        if (!named && !IsDeniedAsAccount()) {
             return Miss("the caller");
         }
         ++score;
@@ -54,6 +56,21 @@ private:
         }
         ++score;
         return true;
+    }
+
+    // A caller can lay a group down, but stays in the account database what he is.
+    bool IsDeniedAsAccount() {
+        if (rule.permit) {
+            return false;
+        }
+        const Account& account = caller.account;
+        bool denied = false;
+        for (const gid_t group : rule.users.gids) {
+            denied = denied || account.groups.count(group) != 0;
+            unsure = unsure || account.asked.count(group) == 0;
+        }
+        unsure = unsure && !denied;
+        return denied || unsure;
     }
 
     bool MatchFields() {
@@ -215,7 +232,9 @@ Decision Decider::Decide(const RuleSet& set, const Caller& caller, const Request
     }
     Variables variables;
     variables.uid = std::to_string(caller.uid);
-    bool asked = false;
+    if (caller.account.primary) {
+        variables.gid = std::to_string(*caller.account.primary);
+    }
     std::string nearest;
     int best = 0;
     for (const Rule& rule : set.rules) {
@@ -223,14 +242,12 @@ Decision Decider::Decide(const RuleSet& set, const Caller& caller, const Request
         if (rule.agent != request.agent) {
             continue;
         }
-        // Once, and only where it is needed: the account may be in a database far away.
-        gid_t group = 0;
-        if (rule.usesGroup && !asked && accounts.FindPrimaryGroup(caller.uid, group)) {
-            variables.gid = std::to_string(group);
-        }
-        asked = asked || rule.usesGroup;
         if (matching.Run()) {
-            return Apply(rule, request, variables);
+            Decision decision = Apply(rule, request, variables);
+            decision.detail += matching.unsure
+                                   ? "; whether the caller's account is in its group is not known"
+                                   : "";
+            return decision;
         }
         if (rule.permit && matching.score > best) {
             best = matching.score;

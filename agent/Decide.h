@@ -4,15 +4,16 @@
 // The rules are asked in their order and the first that matches decides; when none does, the answer
 // is no. A rule that permits matches when the caller and every field of the request match and each
 // option, parameter and unit is allowed; a rule that denies matches on the fields that it names,
-// and on any one of several units. Nobody is exempt, root included. A Decider has no state that
-// changes: it may be used by several threads.
+// and on any one of several units. A group that is permitted is one that the caller's connection
+// has; a group that is denied is that or one of the caller's account, and where it is not known
+// whether the account is in it, it counts as if it were. Nobody is exempt, root included. A Decider
+// has no state that changes: it may be used by several threads.
 #ifndef SENTREL_AGENT_DECIDE_H
 #define SENTREL_AGENT_DECIDE_H
 
 #include <optional>
 #include <string>
 
-#include "Accounts.h"
 #include "Grammar.h"
 #include "Permit.h"
 #include "Rules.h"
@@ -30,8 +31,7 @@ struct Decision {
 
 class Decider {
 public:
-    // `users` must outlive the Decider.
-    Decider(const Tools& paths, const Accounts& users) : tools(paths), accounts(users) {}
+    explicit Decider(const Tools& paths) : tools(paths) {}
 
     // `request` must come from Parse().
     Decision Decide(const RuleSet& set, const Caller& caller, const Request& request) const;
@@ -40,7 +40,6 @@ private:
     Decision Apply(const Rule& rule, const Request& request, const Variables& variables) const;
 
     const Tools tools;
-    const Accounts& accounts;
 };
 
 }  // namespace agent

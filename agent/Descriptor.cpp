@@ -19,8 +19,10 @@
 #include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -148,6 +150,38 @@ bool IsStreamSocket(int fd) {
            type == SOCK_STREAM;
 }
 
+// Whether a socket of this address is where a system's log is read. The address is the one that its
+// owner bound it to: it stays the same in every namespace, and whatever is renamed or mounted. The
+// journal has instances of its own names beside the first, and a daemon may bind its socket from
+// within a directory that it serves.
+bool IsOfTheLog(const std::string& address) {
+    const auto ends = [&address](const std::string& end) {
+        return address.size() >= end.size() &&
+               address.compare(address.size() - end.size(), end.size(), end) == 0;
+    };
+    return address.find("systemd/journal") != std::string::npos || ends("dev/log") ||
+           ends("run/log");
+}
+
+// Lines in there are the caller's, but a hasty reader might take them for the agent's. One that is
+// not connected could be connected to a log later; one that is stays as it is.
+std::string SocketRefusal(int fd) {
+    if (!IsStreamSocket(fd)) {
+        return "the output descriptor is a socket of another kind";
+    }
+    sockaddr_un address = {};
+    socklen_t length = sizeof address;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return "the output descriptor is a socket that is not connected";
+    }
+    // Without a name, with one that is no path, or with one that may fill all of its room.
+    const std::size_t start = offsetof(sockaddr_un, sun_path);
+    const std::string name(address.sun_path, std::max<std::size_t>(length, start) - start);
+    return IsOfTheLog(name.substr(0, name.find('\0')))
+               ? "the output descriptor leads to the system's log"
+               : "";
+}
+
 // File systems in which writing is a command to the kernel.
 bool IsControlFileSystem(int fd) {
     static const std::uint32_t kMagic[] = {
@@ -173,7 +207,7 @@ std::string KindRefusal(int fd, const struct stat& file) {
         return "";
     }
     if (S_ISSOCK(file.st_mode)) {
-        return IsStreamSocket(fd) ? "" : "the output descriptor is a socket of another kind";
+        return SocketRefusal(fd);
     }
     if (S_ISREG(file.st_mode)) {
         return IsControlFileSystem(fd) ? "the output descriptor is a file of the kernel's" : "";

@@ -24,8 +24,9 @@ struct Descriptor {
 // The program that the process runs; empty when it cannot be read.
 std::string ExecutableOf(pid_t pid);
 
-// The open file itself, never a new opening of it. Number <= 0: no output is wanted. Nothing is
-// ever written to it here, and its flags are left as they are.
+// A socket must be connected, and not to the system's log. The open file itself, never a new
+// opening of it. Number <= 0: no output is wanted. Nothing is ever written to it here, and its
+// flags are left as they are.
 Descriptor TakeDescriptor(const Caller& caller, int number);
 
 }  // namespace agent

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Events of the loop with a function for a handler: a descriptor that became readable, and a time
-// that has come.
+// Events of the loop with a function for a handler: a descriptor that became readable (or
+// writable), and a time that has come.
 //
 // Ownership: neither the loop nor the descriptor is owned; both must outlive the event. A handler
 // may destroy its own event.
@@ -25,8 +25,9 @@ namespace agent {
 
 class Watch : public sentrel::SR_WatchEvent {
 public:
-    Watch(sentrel::SR_MainLoop& mainLoop, int fd, const std::function<void()>& function)
-        : SR_WatchEvent(fd, POLLIN, &mainLoop), handler(function) {
+    Watch(sentrel::SR_MainLoop& mainLoop, int fd, const std::function<void()>& function,
+          int awaited = POLLIN)
+        : SR_WatchEvent(fd, awaited, &mainLoop), handler(function) {
         callback = boost::make_shared<sentrel::Callback<Watch, void, sentrel::SR_WatchEvent&> >(
             this, &Watch::Ready);
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "Log.h"
 #include "Text.h"
 
 namespace agent {
@@ -86,7 +87,7 @@ bool ReadOperands(int argc, char** argv, Options& options) {
 }  // namespace
 
 void Complain(const std::string& text) {
-    (void)std::fprintf(stderr, "sentrel-agent: %s\n", text.c_str());
+    StandardError().WriteLine(text);
 }
 
 int ReadOptions(int argc, char** argv, Options& options) {

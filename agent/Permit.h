@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "Accounts.h"
+
 namespace agent {
 
 // Who asks, in the bus's word.
@@ -25,6 +27,7 @@ struct Caller {
     pid_t pid = 0;           // 0: unknown
     std::string busName;     // ":1.42"
     std::string executable;  // /proc/PID/exe as read at receipt; advisory, may be empty
+    Account account;         // as far as the rules ask for it
 };
 
 // A path of the caller's that the tool's child pins before the tool runs: it is opened without

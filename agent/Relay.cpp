@@ -39,7 +39,7 @@ void KillProcess(pid_t pid) {
 
 }  // namespace
 
-Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, bool outputWanted,
+Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, const RelayTask& task,
              const Known& whenKnown)
     : relays(owner),
       pid(started.pid),
@@ -47,8 +47,9 @@ Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, bool outputWanted
       input(std::move(started.input)),
       report(std::move(started.report)),
       uid(callersUid),
-      wanted(outputWanted),
+      wanted(static_cast<bool>(task.output)),
       known(whenKnown),
+      questions(task.questions),
       end(owner.loop, pidfd.Get(), [this] { ChildEnded(); }),
       reports(std::make_unique<Watch>(owner.loop, report.Get(), [this] { ReadLook(); })),
       limit(std::make_unique<Timer>(owner.loop, Now() + owner.limits.look,
@@ -102,6 +103,7 @@ void Relay::ReadLook() {
     while (known &&
            (count = read(report.Get(), &next, sizeof next)) == static_cast<ssize_t>(sizeof next)) {
         found = next;
+        TakeAccount(next);
         if (found.state != LookReport::kLooking) {
             LookEnds(found.refusal);
             return;
@@ -112,10 +114,22 @@ void Relay::ReadLook() {
     }
 }
 
+void Relay::TakeAccount(const LookReport& next) {
+    const std::size_t count = std::min(next.groupCount, LookReport::kGroups);
+    account.groups.insert(next.groups, next.groups + count);
+    if (next.accountKnown) {
+        account.asked = questions.groups;
+    }
+    if (next.accountKnown && next.hasPrimary) {
+        account.primary = next.primary;
+    }
+}
+
 void Relay::LookEnds(const std::string& refusal) {
     reports.reset();
     Look look;
     look.executable = found.executable;
+    look.account = account;
     if (found.state == LookReport::kTaken) {
         look.output = shared_from_this();
         limit.reset();
@@ -206,6 +220,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     setup.report = report.writer.Get();
     setup.cap = limits.cap;
     setup.parent = getpid();
+    setup.accountLimit = limits.look / 2;
     Relay::Child child;
     child.pid = fork();
     if (child.pid < 0) {
@@ -227,8 +242,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     child.report = std::move(report.reader);
     const pid_t pid = child.pid;
     try {
-        std::shared_ptr<Relay> relay(
-            new Relay(*this, std::move(child), caller.uid, static_cast<bool>(task.output), known));
+        std::shared_ptr<Relay> relay(new Relay(*this, std::move(child), caller.uid, task, known));
         running.push_back(relay);
         return relay;
     } catch (const std::system_error&) {

@@ -45,6 +45,7 @@ class Relays;
 // What the child found out.
 struct Look {
     std::string executable;         // empty: unknown
+    Account account;                // what was asked of it, when that is known
     std::shared_ptr<Relay> output;  // to be abandoned or killed in the end; none: no output
     std::string refusal;            // why there is none although one is wanted
 };
@@ -86,10 +87,11 @@ private:
         OwnedFd report;
     };
 
-    Relay(Relays& owner, Child&& started, uid_t callersUid, bool outputWanted,
+    Relay(Relays& owner, Child&& started, uid_t callersUid, const RelayTask& task,
           const Known& whenKnown);
     bool Hangs() const;
     void ReadLook();
+    void TakeAccount(const LookReport& next);
     void LookEnds(const std::string& refusal);
     void LookTooLong();
     void ChildEnded();
@@ -103,6 +105,8 @@ private:
     bool wanted;
     Known known;  // empty once it was called
     LookReport found;
+    AccountQuestions questions;
+    Account account;
     Watch end;
     std::unique_ptr<Watch> reports;  // until the look is over
     std::unique_ptr<Timer> limit;

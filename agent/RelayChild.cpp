@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Pidfd.h"
 #include "Signals.h"
 
 namespace agent {
@@ -33,7 +34,7 @@ namespace {
 
 const int kInput = 0;
 const int kOutput = 1;
-const int kReport = 2;
+const int kReport = 3;
 const gid_t kNobody = 65534;
 const std::size_t kTail = 128;  // room in the buffer for the last line
 
@@ -101,24 +102,26 @@ bool BecomeCaller(const Caller& caller) {
     return syscall(SYS_capset, &header, none) == 0;
 }
 
-// The pipe's end, what is at hand and the report become 0, 1 and 2; all else is closed. With
-// nothing at hand, 1 is taken by the pipe's end as well until the output is known.
+// The pipe's end, what is at hand and the report become 0, 1 and 3; all else is closed. With
+// nothing at hand, 1 is taken by the pipe's end as well until the output is known; so is 2, where
+// nobody can write to it.
 bool KeepOnly(const RelayChildSetup& setup) {
-    const int wanted[] = {setup.input, setup.atHand >= 0 ? setup.atHand : setup.input,
+    const int wanted[] = {setup.input, setup.atHand >= 0 ? setup.atHand : setup.input, setup.input,
                           setup.report};
-    int high[3];
-    for (int i = 0; i < 3; ++i) {
-        high[i] = fcntl(wanted[i], F_DUPFD, 3);
+    const int count = 4;
+    int high[count];
+    for (int i = 0; i < count; ++i) {
+        high[i] = fcntl(wanted[i], F_DUPFD, count);
         if (high[i] < 0) {
             return false;
         }
     }
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < count; ++i) {
         if (dup2(high[i], i) < 0) {
             return false;
         }
     }
-    return syscall(SYS_close_range, 3U, ~0U, 0U) == 0;
+    return syscall(SYS_close_range, static_cast<unsigned>(count), ~0U, 0U) == 0;
 }
 
 void SetRelaysSignals() {
@@ -224,12 +227,58 @@ bool PlaceOutput(OwnedFd&& taken) {
     return dup2(output.Get(), kOutput) == kOutput;
 }
 
+bool SendAccount(LookReport report, const Account& account) {
+    report.hasPrimary = account.primary.has_value();
+    report.primary = account.primary.value_or(0);
+    for (const gid_t group : account.groups) {
+        if (report.groupCount == LookReport::kGroups) {
+            if (!Send(report)) {
+                return false;
+            }
+            report.groupCount = 0;
+        }
+        report.groups[report.groupCount++] = group;
+    }
+    report.accountKnown = true;
+    return Send(report);
+}
+
+// What the account database loads into a process, opens or starts there goes with that process, and
+// so does one that never answers.
+void FindAccount(const RelayTask& task, const LookReport& report, std::chrono::milliseconds limit) {
+    const pid_t parent = getpid();
+    const pid_t child = fork();
+    if (child == 0) {
+        (void)close(kInput);
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent) {
+            try {
+                (void)SendAccount(report, task.account());
+            } catch (const std::exception&) {
+                _exit(1);
+            }
+        }
+        _exit(0);
+    }
+    if (child < 0) {
+        return;
+    }
+    const OwnedFd process(OpenProcess(child));
+    pollfd slot = {process.Get(), POLLIN, 0};
+    if (!process || poll(&slot, 1, static_cast<int>(limit.count())) <= 0) {
+        (void)kill(child, SIGKILL);
+    }
+    (void)waitpid(child, nullptr, WNOHANG);
+}
+
 // Whether there is something to copy to.
-bool TakeLook(const RelayTask& task) {
+bool TakeLook(const RelayTask& task, const RelayChildSetup& setup) {
     LookReport report;
     Put(report.executable, task.executable ? task.executable() : "");
     if (!Send(report)) {
         return false;
+    }
+    if (task.account && task.questions.Any()) {
+        FindAccount(task, report, setup.accountLimit);
     }
     report.state = LookReport::kNoOutput;
     if (task.output) {
@@ -255,7 +304,7 @@ bool TakeLook(const RelayTask& task) {
     if (!KeepOnly(setup) || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != setup.parent) {
         _exit(1);
     }
-    if (!TakeLook(task)) {
+    if (!TakeLook(task, setup)) {
         _exit(0);
     }
     void* memory = mmap(nullptr, setup.cap + kTail, PROT_READ | PROT_WRITE,

@@ -6,6 +6,7 @@
 
 #include <limits.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,16 +18,27 @@
 namespace agent {
 
 // What is to be found out. The functions run in the child, which has closed every descriptor but
-// its own three: 0 and 2 are not theirs to use, 1 is what was at hand, if anything.
+// its own: 0 and 3 are not theirs to use, 1 is what was at hand, if anything, and 2 leads nowhere.
 struct RelayTask {
     std::function<std::string()> executable;  // empty: not asked for
-    std::function<Descriptor()> output;       // empty: none is wanted
+    AccountQuestions questions;               // of the caller's account
+    // Answers them; in a process of its own, which gets half of the time for the look. May throw.
+    std::function<Account()> account;
+    std::function<Descriptor()> output;  // empty: none is wanted
 };
 
-// Written once when the executable is known and once at the look's end, each in one piece.
+// Written when the executable and when the account is known, and at the look's end, each in one
+// piece.
 struct LookReport {
     enum State { kLooking, kNoOutput, kTaken, kRefused };
+    static constexpr std::size_t kGroups = 32;
     State state = kLooking;
+    // Of the account, in as many reports as it takes; the last of them says that it is complete.
+    bool accountKnown = false;
+    bool hasPrimary = false;
+    gid_t primary = 0;
+    std::size_t groupCount = 0;
+    gid_t groups[kGroups] = {};
     char executable[3584] = {};  // empty: unknown, or longer
     char refusal[256] = {};
 };
@@ -44,6 +56,7 @@ struct RelayChildSetup {
     int report = -1;  // for the reports
     std::size_t cap = 0;
     pid_t parent = 0;
+    std::chrono::milliseconds accountLimit{1000};
 };
 
 // Runs in a new process. After the look, and when there is an output, it gives up every right but

@@ -35,8 +35,10 @@ RelayLimits LimitsFor(const QuotaLimits& quota) {
     return limits;
 }
 
-RelayTask TaskFor(const Caller& caller, int descriptor) {
+RelayTask TaskFor(const Caller& caller, int descriptor, const AccountQuestions& questions) {
     RelayTask task;
+    task.questions = questions;
+    task.account = [uid = caller.uid, questions] { return LookUp(Accounts(), uid, questions); };
     task.executable = [caller] { return caller.pid > 0 ? ExecutableOf(caller.pid) : ""; };
     if (descriptor > 0) {
         task.output = [caller, descriptor] { return TakeDescriptor(caller, descriptor); };
@@ -93,7 +95,8 @@ void Requests::Take(const Arrival& arrival) {
         return Refuse(*job, SR_FAIL, reason, reason);
     }
     const std::uint64_t id = job->id;
-    if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor), arrival.caller,
+    const AccountQuestions questions = store.QuestionsOf(arrival.call.agent);
+    if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
                       [this, id](const Look& look) { Looked(id, look); })) {
         reason = "the process for it cannot be started";
         return Refuse(*job, SR_FORK_FAILED, reason, reason);
@@ -112,7 +115,8 @@ void Requests::TurnAway(const Arrival& arrival) {
         const auto say = [this, uid = caller.uid, answer = arrival.answer](const Look& look) {
             refusals.Say(uid, look.output, "too many calls in a minute");
         };
-        (void)relays.Start(TaskFor(caller, arrival.call.descriptor), caller, say);
+        (void)relays.Start(TaskFor(caller, arrival.call.descriptor, AccountQuestions()), caller,
+                           say);
     }
 }
 
@@ -142,15 +146,17 @@ void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
                      std::to_string(unreadBytes) + " bytes unread");
 }
 
-bool Requests::FindExecutable(const Caller& caller,
-                              const std::function<void(const Caller&)>& known) {
+bool Requests::LookAt(const Caller& caller, const std::string& agent,
+                      const std::function<void(const Caller&)>& known) {
     std::string reason;
     const auto found = [caller, known](const Look& look) {
         Caller whole = caller;
         whole.executable = look.executable;
+        whole.account = look.account;
         known(whole);
     };
-    return relays.HasRoom(caller.uid, reason) && relays.Start(TaskFor(caller, 0), caller, found);
+    return relays.HasRoom(caller.uid, reason) &&
+           relays.Start(TaskFor(caller, 0, store.QuestionsOf(agent)), caller, found);
 }
 
 // A look may take longer than the next one; what came over one connection keeps its order.
@@ -185,6 +191,7 @@ void Requests::Looked(std::uint64_t id, const Look& look) {
 void Requests::Decide(const std::shared_ptr<Job>& job) {
     Caller& caller = job->arrival.caller;
     caller.executable = job->look->executable;
+    caller.account = job->look->account;
     job->audit.executable = caller.executable;
     if (job->parsed.status != kOk) {
         const std::string reason = ReasonOf(job->parsed, job->audit);

@@ -51,9 +51,11 @@ public:
                      const std::string& reason);
     void TakeTooMany(uid_t uid);
     void TakeLeftAlone(uid_t uid, std::size_t unreadBytes);
-    // Calls `known` once, with the caller's executable or, when that does not come, without. False,
-    // and never a call, when there is no room for that.
-    bool FindExecutable(const Caller& caller, const std::function<void(const Caller&)>& known);
+    // Calls `known` once, with what the rules for the operation need of the caller's process and
+    // account or, when that does not come, without. False, and never a call, when there is no room
+    // for that.
+    bool LookAt(const Caller& caller, const std::string& agent,
+                const std::function<void(const Caller&)>& known);
     // Nothing new is taken on, what waits is refused and what runs is asked to end.
     void EndAll();
     // Whether every answer has been given.

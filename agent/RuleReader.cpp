@@ -94,6 +94,10 @@ private:
     void ReadNumbers(const toml::node& node, unsigned most, Numbers& numbers);
     void ReadRange(const toml::node& node, unsigned most, Numbers& numbers);
     void ReadUserElement(const toml::node& node, Users& users);
+    // Whether there is such an account; what cannot be told is an error.
+    enum class Account { kFound, kNone, kUnknown };
+    Account FindUser(const toml::node& node, const std::string& name, uid_t& uid);
+    Account FindGroup(const toml::node& node, const std::string& name, gid_t& gid);
     void ReadUserName(const toml::node& node, const std::string& name, Users& users);
     void ReadAlways(const toml::node& node, Rule& rule);
     void CheckAlways(const toml::node& node, const std::string& option, const Rule& rule);
@@ -325,36 +329,60 @@ void RuleReader::ReadUserElement(const toml::node& node, Users& users) {
     }
 }
 
+RuleReader::Account RuleReader::FindUser(const toml::node& node, const std::string& name,
+                                         uid_t& uid) {
+    try {
+        return accounts.FindUser(name, uid) ? Account::kFound : Account::kNone;
+    } catch (const LookUpFailed& failure) {
+        Error(node, "user " + Quote(name) + " cannot be looked up: " + failure.what());
+        return Account::kUnknown;
+    }
+}
+
+RuleReader::Account RuleReader::FindGroup(const toml::node& node, const std::string& name,
+                                          gid_t& gid) {
+    try {
+        return accounts.FindGroup(name, gid) ? Account::kFound : Account::kNone;
+    } catch (const LookUpFailed& failure) {
+        Error(node, "group " + Quote(name) + " cannot be looked up: " + failure.what());
+        return Account::kUnknown;
+    }
+}
+
 void RuleReader::ReadUserName(const toml::node& node, const std::string& name, Users& users) {
     uid_t uid = 0;
     gid_t gid = 0;
     if (name == "*") {
         users.any = true;
     } else if (name[0] == '@') {
-        if (accounts.FindGroup(name.substr(1), gid)) {
+        const Account group = FindGroup(node, name.substr(1), gid);
+        if (group == Account::kFound) {
             users.gids.insert(gid);
-        } else {
+        } else if (group == Account::kNone) {
             Warn(node, "there is no group " + Quote(name.substr(1)));
         }
     } else if (IsMadeOf(name, kDigits)) {
         Error(node, "a user's number is written without quotes");
-    } else if (accounts.FindUser(name, uid)) {
-        users.uids.insert(uid);
     } else {
-        Warn(node, "there is no user " + Quote(name));
+        const Account user = FindUser(node, name, uid);
+        if (user == Account::kFound) {
+            users.uids.insert(uid);
+        } else if (user == Account::kNone) {
+            Warn(node, "there is no user " + Quote(name));
+        }
     }
 }
 
 void RuleReader::ReadOwner(const toml::node& node, Rule& rule) {
     std::string name;
-    if (ReadText(node, name) && !accounts.FindUser(name, rule.owner)) {
+    if (ReadText(node, name) && FindUser(node, name, rule.owner) == Account::kNone) {
         Error(node, "there is no user " + Quote(name));
     }
 }
 
 void RuleReader::ReadGroup(const toml::node& node, Rule& rule) {
     std::string name;
-    if (ReadText(node, name) && !accounts.FindGroup(name, rule.group)) {
+    if (ReadText(node, name) && FindGroup(node, name, rule.group) == Account::kNone) {
         Error(node, "there is no group " + Quote(name));
     }
 }

@@ -45,17 +45,31 @@ RuleStore::RuleStore(const std::vector<std::string>& ruleDirectories, uid_t rule
                      const std::string& toolDirectories)
     : directories(ruleDirectories), owner(ruleOwner), toolPath(toolDirectories) {}
 
-LoadResult RuleStore::Load() {
-    LoadResult result = LoadRules(directories, owner, accounts);
+RuleSource RuleStore::Read() const {
+    const Accounts database;
+    const RecordedAccounts asked(database);
+    RuleSource source;
+    source.files = ReadRuleFiles(directories, owner);
+    (void)ParseRuleFiles(source.files, asked);
+    source.accounts = asked.GetTable();
+    return source;
+}
+
+LoadResult RuleStore::Take(const RuleSource& source) {
+    LoadResult result = ParseRuleFiles(source.files, TabledAccounts(source.accounts));
     if (!result.rules) {
         return result;
     }
     for (const std::string& warning : CheckRules(*result.rules)) {
         result.warnings.push_back(warning);
     }
-    decider = std::make_unique<Decider>(FindTools(toolPath, result.warnings), accounts);
+    decider = std::make_unique<Decider>(FindTools(toolPath, result.warnings));
     set = result.rules;
     return result;
+}
+
+AccountQuestions RuleStore::QuestionsOf(const std::string& agent) const {
+    return set ? agent::QuestionsOf(*set, agent) : AccountQuestions();
 }
 
 Decision RuleStore::Decide(const Caller& caller, const Request& request) const {

@@ -14,6 +14,7 @@
 
 #include "Accounts.h"
 #include "Decide.h"
+#include "RuleSource.h"
 #include "Rules.h"
 #include "Tools.h"
 
@@ -29,17 +30,21 @@ public:
     RuleStore(const std::vector<std::string>& ruleDirectories, uid_t ruleOwner,
               const std::string& toolDirectories);
 
-    // With errors in the result, everything stays as it was.
-    LoadResult Load();
+    // With errors in the result, everything stays as it was. May wait for the account database.
+    LoadResult Load() { return Take(Read()); }
+    // The two halves of it: the first waits and changes nothing, the second does not wait.
+    RuleSource Read() const;
+    LoadResult Take(const RuleSource& source);
     // 0 before the first successful load.
     std::size_t Count() const { return set ? set->rules.size() : 0; }
     Decision Decide(const Caller& caller, const Request& request) const;
+    // What that needs of the caller's account.
+    AccountQuestions QuestionsOf(const std::string& agent) const;
 
 private:
     std::vector<std::string> directories;
     uid_t owner;
     std::string toolPath;
-    Accounts accounts;
     std::shared_ptr<const RuleSet> set;
     std::unique_ptr<Decider> decider;
 };

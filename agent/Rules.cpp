@@ -150,27 +150,42 @@ bool Numbers::Has(unsigned number) const {
                        });
 }
 
-LoadResult LoadRules(const std::vector<std::string>& directories, uid_t owner,
-                     const Accounts& accounts) {
-    LoadResult result;
-    std::map<std::string, std::string> files;
-    std::vector<Rule> rules;
+RuleFiles ReadRuleFiles(const std::vector<std::string>& directories, uid_t owner) {
+    RuleFiles read;
+    std::map<std::string, std::string> names;
     for (const std::string& directory : directories) {
-        ListFiles(directory, owner, files, result.errors);
+        ListFiles(directory, owner, names, read.errors);
     }
-    for (const auto& [name, directory] : files) {
-        std::string path = directory;
-        path.append("/").append(name);
-        std::string text;
-        std::string why;
-        if (ReadFile(path, owner, text, why)) {
-            ReadRules(text, path, accounts, rules, result);
+    for (const auto& [name, directory] : names) {
+        RuleFiles::File file;
+        file.path = directory;
+        file.path.append("/").append(name);
+        if (!ReadFile(file.path, owner, file.text, file.error)) {
+            file.text.clear();
+        }
+        read.files.push_back(std::move(file));
+    }
+    return read;
+}
+
+LoadResult ParseRuleFiles(const RuleFiles& files, const Accounts& accounts) {
+    LoadResult result;
+    result.errors = files.errors;
+    std::vector<Rule> rules;
+    for (const RuleFiles::File& file : files.files) {
+        if (file.error.empty()) {
+            ReadRules(file.text, file.path, accounts, rules, result);
         } else {
-            result.errors.push_back(path.append(":0: ").append(why));
+            result.errors.push_back(file.path + ":0: " + file.error);
         }
     }
     Finish(std::move(rules), result);
     return result;
+}
+
+LoadResult LoadRules(const std::vector<std::string>& directories, uid_t owner,
+                     const Accounts& accounts) {
+    return ParseRuleFiles(ReadRuleFiles(directories, owner), accounts);
 }
 
 LoadResult ParseRules(const std::string& text, const std::string& file, const Accounts& accounts) {
@@ -179,6 +194,19 @@ LoadResult ParseRules(const std::string& text, const std::string& file, const Ac
     ReadRules(text, file, accounts, rules, result);
     Finish(std::move(rules), result);
     return result;
+}
+
+AccountQuestions QuestionsOf(const RuleSet& set, const std::string& agent) {
+    AccountQuestions questions;
+    for (const Rule& rule : set.rules) {
+        if (rule.agent == agent) {
+            questions.primary = questions.primary || rule.usesGroup;
+            if (!rule.permit) {
+                questions.groups.insert(rule.users.gids.begin(), rule.users.gids.end());
+            }
+        }
+    }
+    return questions;
 }
 
 }  // namespace agent

@@ -3,7 +3,8 @@
 //
 // A load gives either a complete new set or errors; a set is immutable and shared, so a request
 // that is being decided keeps the set it began with. Names of users and groups are looked up once,
-// while loading. Loading is for one thread at a time; a loaded set may be read by any.
+// while loading; one that cannot be looked up is an error. Loading is for one thread at a time; a
+// loaded set may be read by any.
 #ifndef SENTREL_AGENT_RULES_H
 #define SENTREL_AGENT_RULES_H
 
@@ -79,10 +80,23 @@ struct LoadResult {
     std::vector<std::string> warnings;     // the same; the set is usable all the same
 };
 
+// The files' texts, from which the rules can be read anywhere.
+struct RuleFiles {
+    struct File {
+        std::string path;
+        std::string text;
+        std::string error;  // why it cannot be used; empty: it can
+    };
+    std::vector<std::string> errors;
+    std::vector<File> files;
+};
+
 // Reads *.toml of the directories; a file of a later directory takes the place of one of the same
 // name in an earlier one. Files are read in the order of their names. Directories and files must
 // belong to `owner` and be closed to the writing of others, files must not be symbolic links; a
 // directory that is not there has no rules.
+RuleFiles ReadRuleFiles(const std::vector<std::string>& directories, uid_t owner);
+LoadResult ParseRuleFiles(const RuleFiles& files, const Accounts& accounts);
 LoadResult LoadRules(const std::vector<std::string>& directories, uid_t owner,
                      const Accounts& accounts);
 
@@ -92,6 +106,9 @@ LoadResult ParseRules(const std::string& text, const std::string& file, const Ac
 // Rules that can never match, as far as that can be seen from the rules alone, and patterns that do
 // not compile: "FILE:LINE: sentence" each.
 std::vector<std::string> CheckRules(const RuleSet& set);
+
+// What is to be known of an account before the rules decide about the operation.
+AccountQuestions QuestionsOf(const RuleSet& set, const std::string& agent);
 
 }  // namespace agent
 

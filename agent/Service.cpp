@@ -2,9 +2,10 @@
 #include "Service.h"
 
 #include <boost/make_shared.hpp>
-#include <cstdio>
 #include <cstring>
 #include <exception>
+
+#include "Log.h"
 
 namespace agent {
 
@@ -30,8 +31,7 @@ void Guarded(const std::string& sender, const Function& function) {
     try {
         function();
     } catch (const std::exception& exception) {
-        (void)std::fprintf(stderr, "sentrel-agent: a message of %s: %s\n", sender.c_str(),
-                           exception.what());
+        StandardError().WriteLine("a message of " + sender + ": " + exception.what());
     }
 }
 

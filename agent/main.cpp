@@ -31,10 +31,13 @@
 
 #include "Control.h"
 #include "Events.h"
+#include "LibraryLog.h"
+#include "Log.h"
 #include "Mock.h"
 #include "Options.h"
 #include "OwnedFd.h"
 #include "Requests.h"
+#include "RuleLoader.h"
 #include "RuleStore.h"
 #include "Service.h"
 
@@ -44,6 +47,8 @@ using agent::Complain;
 
 const int kDoNotQueue = 4;  // libdbus's name flag
 const std::chrono::seconds kLongestEnd(5);
+const std::chrono::seconds kLongestStart(60);
+const std::chrono::seconds kLongestLoad(10);
 
 // Later descriptors must never be taken for the standard ones.
 bool FillStandardDescriptors() {
@@ -98,12 +103,29 @@ void Report(const agent::LoadResult& result) {
     }
 }
 
-agent::LoadResult Reload(agent::RuleStore& store) {
-    agent::LoadResult result = store.Load();
-    Report(result);
-    Complain(result.errors.empty()
-                 ? "rules: " + std::to_string(store.Count()) + " loaded"
-                 : std::string("rules: not loaded; the ones of before stay in force"));
+void Reload(agent::RuleLoader& loader, const agent::RuleStore& store,
+            const agent::RuleLoader::Done& done) {
+    loader.Load([&store, done](const agent::LoadResult& result) {
+        Report(result);
+        Complain(result.errors.empty()
+                     ? "rules: " + std::to_string(store.Count()) + " loaded"
+                     : std::string("rules: not loaded; the ones of before stay in force"));
+        done(result);
+    });
+}
+
+// In the loop's other process too, so that this one never opens the account database.
+agent::LoadResult LoadAtStart(sentrel::SR_MainLoop& loop, agent::RuleStore& store) {
+    agent::RuleLoader loader(loop, store, kLongestStart);
+    agent::LoadResult result;
+    bool over = false;
+    loader.Load([&result, &over](const agent::LoadResult& loaded) {
+        result = loaded;
+        over = true;
+    });
+    while (!over) {
+        loop.Dispatch();
+    }
     return result;
 }
 
@@ -188,20 +210,34 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
     }
 }
 
+// While the loop runs, nothing that is said waits for whoever reads it.
+struct Logs {
+    explicit Logs(sentrel::SR_MainLoop& loop)
+        : errors(agent::StandardError(), loop), library(loop) {}
+    agent::AttachedLog errors;
+    agent::LibraryLog library;
+};
+
 int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::RuleStore store(options.rules, geteuid(), options.toolPath);
-    const agent::LoadResult loaded = store.Load();
+    sentrel::SR_DBusDispatcher dispatcher;
+    const Logs logs(dispatcher);
+    const agent::LoadResult loaded = LoadAtStart(dispatcher, store);
     Report(loaded);
     if (!loaded.errors.empty()) {
         Complain("the rules are wrong; see above");
         return 1;
     }
-    agent::Audit audit = options.auditToStandardError ? agent::Audit(std::cerr) : agent::Audit();
-    sentrel::SR_DBusDispatcher dispatcher;
+    agent::SystemLog systemLog("sentrel-agent", agent::StandardError());
+    const agent::AttachedLog attached(systemLog, dispatcher);
+    agent::Audit audit = options.auditToStandardError ? agent::Audit(agent::StandardError())
+                                                      : agent::Audit(systemLog);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(connection, options.limits.perMinute);
     agent::Requests requests(dispatcher, store, audit, options.limits);
-    agent::Control control(requests, store, [&store] { return Reload(store); });
+    agent::RuleLoader loader(dispatcher, store, kLongestLoad);
+    agent::Control control(
+        requests, store, [&](const agent::RuleLoader::Done& done) { Reload(loader, store, done); });
     agent::Receivers receivers;
     receivers.request = [&](const agent::Arrival& arrival) { requests.Take(arrival); };
     receivers.question = [&](const agent::Question& question, const agent::Caller& caller,
@@ -221,7 +257,7 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     Complain(std::string("serving ") + agent::kName + ", " + std::to_string(store.Count()) +
              " rules");
     Handlers handlers;
-    handlers.onHangUp = [&store] { (void)Reload(store); };
+    handlers.onHangUp = [&] { Reload(loader, store, [](const agent::LoadResult&) {}); };
     handlers.endAll = [&requests] { requests.EndAll(); };
     handlers.settled = [&requests] { return requests.Settled(); };
     return Run(dispatcher, service, signals, handlers);
@@ -237,6 +273,7 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
         return 1;
     }
     sentrel::SR_DBusDispatcher dispatcher;
+    const Logs logs(dispatcher);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(connection, options.limits.perMinute);
     agent::Mock mock(dispatcher, rows);

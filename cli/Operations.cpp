@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sentrel/SR_API.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -122,6 +123,12 @@ Outcome CallOnTerminal(const Operation& operation, const std::string& text) {
     return outcome;
 }
 
+// A service's output often leads to the system's log, where the agent does not write for others.
+bool IsSocket(int descriptor) {
+    struct stat status = {};
+    return fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 int CarryForProgram(const Operation& operation, const std::string& text) {
     std::string output;
     const Outcome outcome = CallWith(operation, text, [&](const std::string& bytes) {
@@ -202,8 +209,9 @@ int Carry(const Operation& operation, const std::string& text, const Options& op
     // A standard output that is not there: no output, rather than a descriptor that is refused.
     const int output = fcntl(STDOUT_FILENO, F_GETFD) >= 0 ? STDOUT_FILENO : 0;
     const bool filtered = !options.raw && isatty(output) != 0 && output != 0;
-    const Outcome outcome =
-        filtered ? CallOnTerminal(operation, text) : Call(operation, text, output);
+    const Outcome outcome = filtered           ? CallOnTerminal(operation, text)
+                            : IsSocket(output) ? CallWith(operation, text, Show)
+                                               : Call(operation, text, output);
     if (!outcome.IsTools() && !options.quiet) {
         Explain(operation, outcome);
     }

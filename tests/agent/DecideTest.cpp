@@ -25,7 +25,7 @@ Decision Decide(const agent::RuleSet& set, const Caller& caller, const std::stri
                 const std::string& text, const agent::Tools& tools = agent::Tools()) {
     const agent::Parsed parsed = agent::Parse(agentName, text);
     EXPECT_EQ(parsed.status, agent::kOk) << parsed.error;
-    return agent::Decider(tools, TestAccounts()).Decide(set, caller, parsed.request);
+    return agent::Decider(tools).Decide(set, caller, parsed.request);
 }
 
 // The plan that the only rule gives to player; an empty one when it is refused.
@@ -486,36 +486,67 @@ TEST(Decide, AToolThatIsNotThereIsNotImplementedOnlyForThoseWhoMay) {
 }
 
 // The account database may be on a network.
-TEST(Decide, AnAccountIsLookedUpOnlyForARuleOfTheOperationThatNamesItsGroup) {
-    class CountingAccounts : public FixedAccounts {
-    public:
-        bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override {
-            ++asked;
-            return FixedAccounts::FindPrimaryGroup(uid, gid);
+TEST(Decide, AnAccountIsAskedForOnlyWhatTheOperationsRulesNeed) {
+    const auto asked = [](const std::string& rules, const char* agentName) {
+        const agent::AccountQuestions questions = agent::QuestionsOf(*MakeRules(rules), agentName);
+        std::string text = questions.primary ? "primary" : "";
+        for (const gid_t group : questions.groups) {
+            text += (text.empty() ? "" : " ") + std::to_string(group);
         }
-        mutable int asked = 0;
+        EXPECT_EQ(text.empty(), !questions.Any());
+        return text;
     };
-    const auto asked = [](const std::string& rules, const char* agentName, const char* text) {
-        const CountingAccounts accounts;
-        const agent::Decision decision =
-            agent::Decider(agent::Tools(), accounts)
-                .Decide(*MakeRules(rules), MakeCaller(1000), agent::Parse(agentName, text).request);
-        EXPECT_EQ(decision.status, agent::kOk) << text;
-        return accounts.asked;
-    };
-    const std::string off = Rmmod("off", true, "user = 1000\nmodule = \"m\"\n");
+    const std::string off = Rmmod("off", true, "user = [1000, \"@disk\"]\nmodule = \"m\"\n");
+    const std::string never = Rmmod("never", false, "user = [\"@media\", \"@disk\"]\n");
     const std::string start =
         "[[rule]]\nname = \"r\"\nagent = \"sr_mount\"\npermit = true\nuser = 1000\n" +
         std::string(kMountRule);
     const std::string allow = start + "options.allow = [\"uid=%uid\", \"gid=%gid\"]\n";
     const std::string always = start + "options.always = \"gid=%gid\"\n";
     const std::string exact = start + "options.allow = { exact = \"gid=1\" }\n";
-    EXPECT_EQ(asked(off, "sr_rmmod", "m"), 0);
-    EXPECT_EQ(asked(allow + off, "sr_rmmod", "m"), 0);
-    EXPECT_EQ(asked(exact, "sr_mount", "-t vfat /a /m"), 0);
-    EXPECT_EQ(asked(allow, "sr_mount", "-t vfat -o gid=1100 /a /m"), 1);
-    EXPECT_EQ(asked(always + allow, "sr_mount", "-t vfat /a /m"), 1);
-    EXPECT_EQ(asked(off + allow + always, "sr_mount", "-t vfat -o gid=1100 /a /m"), 1);
+    EXPECT_EQ(asked(off, "sr_rmmod"), "");
+    EXPECT_EQ(asked(allow + off, "sr_rmmod"), "");
+    EXPECT_EQ(asked(never + off, "sr_rmmod"), "6 44");
+    EXPECT_EQ(asked(never + off, "sr_mount"), "");
+    EXPECT_EQ(asked(exact, "sr_mount"), "");
+    EXPECT_EQ(asked(allow, "sr_mount"), "primary");
+    EXPECT_EQ(asked(always + allow + never, "sr_mount"), "primary");
+}
+
+// Whoever lays a group down for a connection is still in it by his account.
+TEST(Decide, AGroupThatIsForbiddenCountsByTheAccountAndOneThatIsAllowedByTheConnection) {
+    const auto set = MakeRules(Rmmod("never", false, "user = \"@media\"\nmodule = \"m\"\n") +
+                               Rmmod("group", true, "user = \"@disk\"\nmodule = \"m\"\n") +
+                               Rmmod("all", true, "user = [1000, 1001]\nmodule = \"?\"\n"));
+    EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "m").detail,
+              "rule 'never' (test.toml:1) forbids it");
+    EXPECT_EQ(Decide(*set, MakeCaller(1000, {44}), "sr_rmmod", "m").rule, "test.toml:1");
+    EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "n").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1002, {6}), "sr_rmmod", "m").status, agent::kOk);
+    Caller caller = MakeCaller(1002);
+    caller.account.groups = {6};
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kRuleNotFound);
+}
+
+TEST(Decide, ARuleThatForbidsAGroupMatchesWhereTheAccountIsNotKnown) {
+    const auto set = MakeRules(Rmmod("never", false, "user = [7, \"@media\"]\nmodule = \"m\"\n") +
+                               Rmmod("all", true, "user = 1000\nmodule = \"?\"\n"));
+    Caller caller = MakeCaller(1000);
+    caller.account = agent::Account();
+    const Decision decision = Decide(*set, caller, "sr_rmmod", "m");
+    EXPECT_EQ(decision.status, agent::kRuleNotFound);
+    EXPECT_EQ(decision.reason, "a rule forbids this");
+    EXPECT_EQ(decision.detail,
+              "rule 'never' (test.toml:1) forbids it; whether the caller's account is in its group "
+              "is not known");
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "n").status, agent::kOk);
+    caller.account.asked = {6};  // another group than the rule's
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kRuleNotFound);
+    caller.account.asked = {44};
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(7), "sr_rmmod", "m").detail,
+              "rule 'never' (test.toml:1) forbids it");
 }
 
 TEST(Decide, AnAdditionThatNeedsAnUnknownGroupIsRefused) {

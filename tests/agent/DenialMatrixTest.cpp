@@ -22,7 +22,7 @@ int Answer(const agent::RuleSet& set, const DenialCase& one) {
         return parsed.status;
     }
     const agent::Decision decision =
-        agent::Decider(agent::Tools(), TestAccounts()).Decide(set, one.caller, parsed.request);
+        agent::Decider(agent::Tools()).Decide(set, one.caller, parsed.request);
     EXPECT_EQ(decision.permit.has_value(), decision.status == agent::kOk) << one.text;
     return decision.status;
 }

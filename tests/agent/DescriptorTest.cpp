@@ -12,8 +12,10 @@
 
 #include <functional>
 
+#include "MountNamespace.h"
 #include "Pidfd.h"
 #include "RunFixture.h"
+#include "StreamListener.h"
 
 using agent::Caller;
 using agent::Descriptor;
@@ -165,6 +167,38 @@ TEST_F(DescriptorTest, WhatOutputMayNotGoToIsRefused) {
     ExpectRefused([] { return open("/dev/zero", O_WRONLY); }, "kind that is not written");
     ExpectRefused([] { return open("/proc/self/comm", O_WRONLY); }, "file of the kernel's");
     ExpectRefused([] { return open("/proc/self/oom_score_adj", O_RDWR); }, "file of the kernel's");
+}
+
+// What such a stream writes stands in the log, and the tool's lines would stand there too.
+TEST_F(DescriptorTest, ASocketThatLeadsToTheSystemsLogIsRefused) {
+    ASSERT_EQ(mkdir((directory / "dev").c_str(), 0755), 0);
+    const test::StreamListener log(directory / "dev/log");
+    ExpectRefused([&log] { return log.Connect(); }, "leads to the system's log");
+    ASSERT_EQ(rename((directory / "dev/log").c_str(), (directory / "plain").c_str()), 0);
+    ExpectRefused([&log, this] { return log.Connect(directory / "plain"); },
+                  "leads to the system's log");  // it is what it was bound as
+    const test::StreamListener other(directory / "catalog");
+    ExpectTaken([&other] { return other.Connect(); });
+}
+
+TEST_F(DescriptorTest, AStreamToTheJournalIsRefused) {
+    NEEDS_MOUNT_NAMESPACE();
+    ASSERT_EQ(mount("none", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755"), 0);
+    for (const char* folder :
+         {"/run/systemd", "/run/systemd/journal", "/run/systemd/journal.own"}) {
+        ASSERT_EQ(mkdir(folder, 0755), 0);
+    }
+    for (const char* path : {"/run/systemd/journal/stdout", "/run/systemd/journal.own/stdout",
+                             "/run/systemd/journal/dev-log"}) {
+        const test::StreamListener journal(path);
+        ExpectRefused([&journal] { return journal.Connect(); }, "leads to the system's log");
+    }
+    EXPECT_EQ(umount2("/run", MNT_DETACH), 0);
+}
+
+// Its owner could connect it to anything as soon as it has been looked at.
+TEST_F(DescriptorTest, ASocketThatIsNotConnectedIsRefused) {
+    ExpectRefused([] { return socket(AF_UNIX, SOCK_STREAM, 0); }, "not connected");
 }
 
 TEST_F(DescriptorTest, ADescriptorThatMayOnlyReadRootsFileIsNeverWrittenThrough) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -78,14 +79,52 @@ TEST(Examples, LoadFromTheirDirectoryAsFiles) {
 }
 
 TEST(Examples, AStickIsForThePlayerOnly) {
-    const std::string text = "-t vfat -o uid=1000,umask=022 /dev/sda1 /media/usb0";
+    const std::string text = "-t vfat -o uid=1000,umask=022 /dev/sdb1 /media/usb0";
     EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_mount", text));
     EXPECT_FALSE(Allowed(MakeCaller(1001), "sr_mount", text));
     EXPECT_FALSE(Allowed(MakeCaller(0), "sr_mount", text));
-    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat -o uid=0 /dev/sda1 /media/usb0"));
-    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat /dev/sda2 /media/usb0"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat -o uid=0 /dev/sdb1 /media/usb0"));
+    EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount", "-t vfat /dev/sdb2 /media/usb0"));
     EXPECT_TRUE(Allowed(MakeCaller(1000), "sr_umount", "-l /media/usb0"));
     EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_umount", "-f /media/usb0"));
+}
+
+// A PC's boot partition is often the first of its first disk.
+TEST(Examples, TheMachinesOwnDisksAreNoSticks) {
+    for (const char* disk : {"/dev/sda1", "/dev/nvme0n1p1", "/dev/mmcblk0p1", "/dev/vda1"}) {
+        for (const char* type : {"vfat", "ext4"}) {
+            EXPECT_FALSE(Allowed(MakeCaller(1000), "sr_mount",
+                                 std::string("-t ") + type + " " + disk + " /media/usb0"))
+                << disk;
+        }
+    }
+}
+
+// What the superblock asks for may be a panic.
+TEST(Examples, AnExt4IsMountedOnlyWithAnAnswerToItsErrors) {
+    static const auto kSet = AllExamples();
+    const agent::Caller caller = MakeCaller(1000);
+    const agent::Decision decision =
+        agent::Decider(agent::Tools())
+            .Decide(*kSet, caller,
+                    agent::Parse("sr_mount", "-t ext4 -o ro /dev/sdb1 /media/usb0").request);
+    ASSERT_TRUE(decision.permit) << decision.detail;
+    std::string command;
+    for (const std::string& word : decision.permit->GetPlan().argv) {
+        command += word + " ";
+    }
+    EXPECT_NE(command.find("errors=remount-ro"), std::string::npos) << command;
+    EXPECT_FALSE(Allowed(caller, "sr_mount", "-t ext4 -o errors=panic /dev/sdb1 /media/usb0"));
+    EXPECT_FALSE(Allowed(caller, "sr_mount", "-t auto /dev/sdb1 /media/usb0"));
+    for (const agent::Rule& rule : kSet->rules) {
+        for (const char* type : {"ext2", "ext3", "ext4"}) {
+            const bool ext = rule.permit && rule.agent == "sr_mount" && rule.type.given &&
+                             rule.type.Match(type, agent::Variables());
+            EXPECT_TRUE(!ext || std::count(rule.always.begin(), rule.always.end(),
+                                           "errors=remount-ro") == 1)
+                << rule.where;
+        }
+    }
 }
 
 TEST(Examples, AShareIsMountedWithAPasswordOrACredentialsFile) {
@@ -136,6 +175,7 @@ TEST(Examples, TheFirstStepsAreMemoryAndHarmlessNodesAtOnePlaceForRoot) {
     EXPECT_TRUE(Allowed(root, "sr_umount", "/run/media/demo"));
     EXPECT_TRUE(Allowed(root, "sr_mknod", "-m 600 /run/media/demo/null c 1 3"));
     EXPECT_FALSE(Allowed(root, "sr_mknod", "/run/media/demo/mem c 1 1"));
+    EXPECT_FALSE(Allowed(root, "sr_mknod", "/run/media/demo/port c 1 4"));
     EXPECT_FALSE(Allowed(root, "sr_mknod", "/run/media/demo/disk b 8 0"));
 }
 

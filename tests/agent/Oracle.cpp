@@ -390,7 +390,7 @@ Words Ask(const agent::RuleSet& set, const agent::Caller& caller, const std::str
         return parsed.error.empty() ? Words{"a refusal without a reason"} : Words{};
     }
     const agent::Decision decision =
-        agent::Decider(kTools, TestAccounts()).Decide(set, caller, parsed.request);
+        agent::Decider(kTools).Decide(set, caller, parsed.request);
     if ((decision.status == agent::kOk) != decision.permit.has_value()) {
         return {"status and permit disagree"};
     }

@@ -61,6 +61,7 @@ public:
     std::string NextLineWith(const std::string& text);
     // What it has said and nobody has read.
     std::string Said() const;
+    int Log() const { return log.Reader(); }
     pid_t Pid() const { return pid; }
     void Signal(int signal) const;
     // Its wait status.

@@ -129,7 +129,7 @@ bool IsObjectedTo(std::size_t request, const std::function<void(agent::Plan&)>& 
     const GoodRequest& good = GoodRequests()[request];
     const agent::Caller caller = MakeCaller(1000);
     const agent::Decision decision =
-        agent::Decider(agent::Tools(), TestAccounts())
+        agent::Decider(agent::Tools())
             .Decide(*set, caller, agent::Parse(good.agent, good.text).request);
     EXPECT_TRUE(decision.permit);
     agent::Plan plan = decision.permit->GetPlan();

@@ -81,7 +81,7 @@ TEST_F(RelayTest, ItHasTheCallersIdsAndNoOtherRight) {
     if (geteuid() == 0) {  // nobody else may look
         const std::string list = "ls /proc/" + std::to_string(relay->GetPid()) + "/fd > ";
         ASSERT_EQ(system((list + (directory / "list")).c_str()), 0);
-        EXPECT_EQ(Contents(directory / "list"), "0\n1\n2\n");
+        EXPECT_EQ(Contents(directory / "list"), "0\n1\n2\n3\n");
     }
 }
 
@@ -245,6 +245,71 @@ TEST_F(RelayTest, ALookWithoutAnOutputTellsTheExecutableAndEnds) {
     EXPECT_FALSE(found.output);
     EXPECT_EQ(found.refusal, "");
     EXPECT_EQ(relays->Count(), 0u);
+}
+
+// More groups than one report holds.
+TEST_F(RelayTest, TheLookTellsAllThatWasAskedOfTheAccount) {
+    agent::Look found;
+    agent::RelayTask task;
+    task.executable = [] { return std::string("/usr/bin/some"); };
+    task.questions.primary = true;
+    for (gid_t group = 1000; group < 1200; ++group) {
+        task.questions.groups.insert(group);
+    }
+    std::set<gid_t> member;
+    for (gid_t group = 1000; group < 1200; group += 2) {
+        member.insert(group);
+    }
+    task.account = [&] {
+        agent::Account account;
+        account.groups = member;
+        account.primary = 77;
+        return account;
+    };
+    const std::shared_ptr<Relay> relay =
+        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+    ASSERT_TRUE(RunToItsEnd(relay));
+    EXPECT_EQ(found.executable, "/usr/bin/some");
+    EXPECT_EQ(found.account.groups, member);
+    EXPECT_EQ(found.account.asked, task.questions.groups);
+    ASSERT_TRUE(found.account.primary);
+    EXPECT_EQ(*found.account.primary, 77u);
+}
+
+TEST_F(RelayTest, AnAccountThatCannotBeLookedUpOrTakesTooLongIsUnknownAndTheOutputIsTaken) {
+    agent::RelayLimits limits;
+    limits.look = milliseconds(2000);
+    Restart(agent::ExecutorLimits(), limits);
+    agent::RelayTask task;
+    task.questions.groups = {44};
+    task.output = [] {
+        agent::Descriptor given;
+        given.fd.Reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
+        return given;
+    };
+    for (const bool hangs : {true, false}) {
+        agent::Look found;
+        bool told = false;
+        task.account = [hangs]() -> agent::Account {
+            while (hangs) {
+                pause();
+            }
+            throw agent::LookUpFailed("no");
+        };
+        const auto known = [&](const agent::Look& look) {
+            told = true;
+            found = look;
+        };
+        TestPipe pipe;
+        const std::shared_ptr<Relay> relay =
+            relays->Start(task, caller, known, std::move(pipe.writer));
+        ASSERT_TRUE(RunUntil([&told] { return told; }));
+        EXPECT_TRUE(found.account.asked.empty());
+        EXPECT_EQ(found.output, relay) << found.refusal;
+        found.output.reset();
+        relay->CloseInput();
+        ASSERT_TRUE(RunToItsEnd(relay));
+    }
 }
 
 TEST_F(RelayTest, ARefusedOutputIsToldWithItsReason) {

@@ -28,6 +28,10 @@ bool FixedAccounts::FindPrimaryGroup(uid_t uid, gid_t& gid) const {
     return true;
 }
 
+std::set<gid_t> FixedAccounts::FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const {
+    return uid == 1001 && asked.count(44) != 0 ? std::set<gid_t>{44} : std::set<gid_t>{};
+}
+
 const FixedAccounts& TestAccounts() {
     static const FixedAccounts kAccounts;
     return kAccounts;
@@ -41,6 +45,7 @@ agent::Caller MakeCaller(uid_t uid, const std::vector<gid_t>& groups,
     caller.pid = 4711;
     caller.busName = ":1.42";
     caller.executable = executable;
+    caller.account = agent::LookUp(TestAccounts(), uid, {{6, 44}, true});
     return caller;
 }
 

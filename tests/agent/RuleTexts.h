@@ -12,12 +12,14 @@
 #include "Permit.h"
 #include "Rules.h"
 
-// player is 1000 with the primary group 1100, media is 1001; the groups media (44) and disk (6).
+// player is 1000 with the primary group 1100, media is 1001 and in the group media (44); there
+// is the group disk (6) too.
 class FixedAccounts : public agent::Accounts {
 public:
     bool FindUser(const std::string& name, uid_t& uid) const override;
     bool FindGroup(const std::string& name, gid_t& gid) const override;
     bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override;
+    std::set<gid_t> FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const override;
 };
 
 const FixedAccounts& TestAccounts();

@@ -454,4 +454,33 @@ TEST_F(RuleFiles, LeaveNoDescriptorOpen) {
     EXPECT_EQ(before, after);
 }
 
+// A database that does not answer must not make a rule that forbids a group one that forbids
+// nobody.
+TEST(Rules, AnAccountThatCannotBeLookedUpIsAnErrorAndNotAWarning) {
+    class BrokenAccounts : public agent::Accounts {
+    public:
+        bool FindUser(const std::string&, uid_t&) const override {
+            throw agent::LookUpFailed("Input/output error");
+        }
+        bool FindGroup(const std::string&, gid_t&) const override {
+            throw agent::LookUpFailed("Numerical result out of range");
+        }
+    };
+    const std::string head = "[[rule]]\nname = \"r\"\nagent = \"sr_mknod\"\n";
+    const BrokenAccounts accounts;
+    const LoadResult result =
+        agent::ParseRules(head + "permit = false\nuser = [\n\"@media\",\n\"player\"]\n" + head +
+                              "permit = true\nuser = 7\npath = \"/x\"\nkind = \"p\"\n"
+                              "owner = \"o\"\ngroup = \"g\"\n",
+                          "f.toml", accounts);
+    EXPECT_FALSE(result.rules);
+    EXPECT_TRUE(result.warnings.empty());
+    EXPECT_EQ(result.errors,
+              (std::vector<std::string>{
+                  "f.toml:6: group 'media' cannot be looked up: Numerical result out of range",
+                  "f.toml:7: user 'player' cannot be looked up: Input/output error",
+                  "f.toml:15: user 'o' cannot be looked up: Input/output error",
+                  "f.toml:16: group 'g' cannot be looked up: Numerical result out of range"}));
+}
+
 }  // namespace

@@ -18,7 +18,7 @@ endforeach()
 
 add_library(cli_support STATIC cli/Command.cpp cli/FarAgent.cpp)
 target_include_directories(cli_support PUBLIC cli)
-target_compile_definitions(cli_support PRIVATE "SENTREL_COMMAND=\"$<TARGET_FILE:sentrel>\"")
+target_compile_definitions(cli_support PUBLIC "SENTREL_COMMAND=\"$<TARGET_FILE:sentrel>\"")
 target_link_libraries(cli_support PUBLIC test_support PRIVATE sentrel_warnings)
 add_dependencies(cli_support sentrel)
 foreach(name CliTest ControlQuestionsTest DoctorTest)

@@ -76,11 +76,10 @@ protected:
     int Ask(const agent::LoadResult& result, const std::string& name, const std::string& text) {
         agent::Caller caller;
         caller.uid = kMe;
+        caller.account = agent::LookUp(accounts, kMe, {{}, true});
         const agent::Parsed parsed = agent::Parse(name, text);
         EXPECT_EQ(agent::kOk, parsed.status) << parsed.error;
-        return agent::Decider(agent::Tools(), accounts)
-            .Decide(*result.rules, caller, parsed.request)
-            .status;
+        return agent::Decider(agent::Tools()).Decide(*result.rules, caller, parsed.request).status;
     }
 
     EveryName accounts;
@@ -91,10 +90,11 @@ TEST_F(DocumentedRulesTest, TheManualsRulesAllowWhatTheySay) {
         Load(Rules(SENTREL_DOCS "/man/sentrel-rules.5", ".Bd -literal -offset indent", ".Ed"));
     ASSERT_TRUE(result.rules);
     EXPECT_EQ(4U, result.rules->rules.size());
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_mount", "-t vfat -o ro,uid=1000 /dev/sda1 /media/usb0"));
+    EXPECT_EQ(agent::kOk, Ask(result, "sr_mount", "-t vfat -o ro,uid=1000 /dev/sdb1 /media/usb0"));
+    EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_mount", "-t vfat /dev/sda1 /media/usb0"));
     EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_mount", "-t vfat /dev/mmcblk0p1 /media/usb0"));
     EXPECT_EQ(agent::kRuleNotFound,
-              Ask(result, "sr_mount", "-t vfat -o exec /dev/sda1 /media/usb0"));
+              Ask(result, "sr_mount", "-t vfat -o exec /dev/sdb1 /media/usb0"));
     EXPECT_EQ(agent::kOk, Ask(result, "sr_umount", "-l /media/usb0"));
     EXPECT_EQ(agent::kOk, Ask(result, "sr_systemctl", "restart player player-db.service"));
     EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_systemctl", "stop player"));

@@ -24,6 +24,7 @@
 #include "PrivateBus.h"
 #include "Programs.h"
 #include "Skip.h"
+#include "StreamListener.h"
 
 namespace {
 
@@ -100,6 +101,31 @@ protected:
     std::unique_ptr<test::RuleFolder> rules;
     std::unique_ptr<test::RunningAgent> agent;
 };
+
+// A service's standard output leads to the journal, which the agent refuses; the command passes the
+// output on.
+TEST_F(OperationsTest, TheCommandServesAServiceWhoseOutputIsTheSystemsLog) {
+    const std::string folder = test::PrivateBus::Folder() + "/dev";
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    {
+        const test::StreamListener log(folder + "/log");
+        const test::Descriptor output(log.Connect());
+        const test::Descriptor reader(log.Accept());
+        int result = -1;
+        const std::string text = "-t tmpfs -o size=much test " + place;
+        EXPECT_EQ(SR_FAIL,
+                  SR_Mount(text.data(), static_cast<unsigned>(text.size()), output.Get(), &result));
+        (void)agent->NextLineWith("leads to the system's log");
+        EXPECT_EQ("", test::ReadReady(reader.Get()));
+        const pid_t command =
+            test::Spawn({SENTREL_COMMAND, "mount", "-t", "tmpfs", "-o", "size=much", "test", place},
+                        {}, output.Get());
+        EXPECT_EQ(32 << 8, test::Reap(command, test::kLimit));
+        EXPECT_NE("", test::ReadReady(reader.Get()));  // the tool's own words
+    }
+    (void)unlink((folder + "/log").c_str());
+    (void)rmdir(folder.c_str());
+}
 
 TEST_F(OperationsTest, AFileSystemIsMountedWithItsOptionsAndUnmountedAgain) {
     const bool before = FileSystemOf(place) == kTmpfs;

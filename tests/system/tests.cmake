@@ -12,10 +12,10 @@ if(TARGET sentrel-agent AND TARGET sentrel)
     LIBS agent_support cli_support)
 endif()
 if(TARGET sentrel-agent)
-  sentrel_test(AttackTest system/AttackTest.cpp bus/Listener.cpp LIBRARY LABEL system
-    LIBS agent_support)
-  sentrel_test(MomentTest system/MomentTest.cpp bus/Listener.cpp LIBRARY LABEL system
-    LIBS agent_support)
+  foreach(name AccountsTest AttackTest MomentTest SilentLogTest)
+    sentrel_test(${name} system/${name}.cpp bus/Listener.cpp LIBRARY LABEL system
+      LIBS agent_support)
+  endforeach()
   target_compile_definitions(MomentTest PRIVATE STAND_IN_TOOL="$<TARGET_FILE:stand_in_tool>")
   add_dependencies(MomentTest stand_in_tool)
   add_executable(silent_files support/silent_files.c)

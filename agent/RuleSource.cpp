@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The form: numbers in decimal, each with a blank behind it; texts behind the number of their
+// bytes; lists behind the number of their elements; a mark at the end.
+#include "RuleSource.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace agent {
+
+namespace {
+
+const char kEnd[] = "all of it";
+
+class Packer {
+public:
+    void Number(std::uint64_t number) { packed += std::to_string(number) + " "; }
+    void Text(const std::string& text) {
+        Number(text.size());
+        packed += text;
+    }
+    void Answers(const std::map<std::string, AccountTable::Answer>& answers) {
+        Number(answers.size());
+        for (const auto& [name, answer] : answers) {
+            Text(name);
+            Number(answer.found ? 1 : 0);
+            Number(answer.id);
+            Text(answer.failure);
+        }
+    }
+    std::string packed;
+};
+
+class Unpacker {
+public:
+    explicit Unpacker(const std::string& text) : packed(text) {}
+
+    std::uint64_t Number() {
+        const std::size_t end = packed.find(' ', at);
+        good = good && end != std::string::npos && end > at && end - at < 20 &&
+               packed.find_first_not_of("0123456789", at) == end;
+        if (!good) {
+            return 0;
+        }
+        const std::uint64_t number = std::strtoull(packed.c_str() + at, nullptr, 10);
+        at = end + 1;
+        return number;
+    }
+    std::string Text() {
+        const std::uint64_t size = Number();
+        good = good && size <= packed.size() - at;
+        if (!good) {
+            return "";
+        }
+        const std::size_t from = at;
+        at += size;
+        return packed.substr(from, size);
+    }
+    void Answers(std::map<std::string, AccountTable::Answer>& answers) {
+        for (std::uint64_t count = Number(); good && count > 0; --count) {
+            AccountTable::Answer& answer = answers[Text()];
+            answer.found = Number() == 1;
+            answer.id = static_cast<id_t>(Number());
+            answer.failure = Text();
+        }
+    }
+    bool AtEnd() { return Text() == kEnd && good && at == packed.size(); }
+
+    bool good = true;
+
+private:
+    const std::string& packed;
+    std::size_t at = 0;
+};
+
+}  // namespace
+
+std::string RuleSource::Pack() const {
+    Packer packer;
+    packer.Number(files.errors.size());
+    for (const std::string& error : files.errors) {
+        packer.Text(error);
+    }
+    packer.Number(files.files.size());
+    for (const RuleFiles::File& file : files.files) {
+        packer.Text(file.path);
+        packer.Text(file.text);
+        packer.Text(file.error);
+    }
+    packer.Answers(accounts.users);
+    packer.Answers(accounts.groups);
+    packer.Text(kEnd);
+    return packer.packed;
+}
+
+bool RuleSource::Unpack(const std::string& text) {
+    Unpacker unpacker(text);
+    for (std::uint64_t count = unpacker.Number(); unpacker.good && count > 0; --count) {
+        files.errors.push_back(unpacker.Text());
+    }
+    for (std::uint64_t count = unpacker.Number(); unpacker.good && count > 0; --count) {
+        RuleFiles::File file;
+        file.path = unpacker.Text();
+        file.text = unpacker.Text();
+        file.error = unpacker.Text();
+        files.files.push_back(file);
+    }
+    unpacker.Answers(accounts.users);
+    unpacker.Answers(accounts.groups);
+    return unpacker.AtEnd();
+}
+
+}  // namespace agent
