@@ -16,7 +16,9 @@ say_progress() {
     read -r count total at < <(progress_of "$2") || true
     text="$((SECONDS - $3)) s"
     if [ "${total:-0}" -gt 0 ]; then
-        text="$count of $total, $text, at $at"
+        text="$count of $total, $text"
+        # What ninja runs as a line of the shell ends with a colon.
+        [ "$at" = : ] || text="$text, at $at"
         printf -v bar '%*s' $((20 * count / total)) ''
         printf -v bar '[%-20s] ' "${bar// /#}"
     fi
