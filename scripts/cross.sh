@@ -20,7 +20,8 @@ armhf) tuple=arm-linux-gnueabihf ;;
     exit 2
     ;;
 esac
-need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config
+# The tests are configured with python3 and this machine's compiler, too.
+need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config python3 g++
 
 sysroot=$PWD/build/sysroot-$arch
 build=$PWD/build/cross-$arch
