@@ -74,9 +74,8 @@ if [ -z "$inside" ]; then
     prepare
     if [ "$(id -u)" -eq 0 ]; then
         enter private
-        if nothing_is_shared; then
-            enter unchanged
-        else
+        if unshare -m --propagation unchanged true 2>/dev/null; then
+            ! nothing_is_shared || enter unchanged
             echo "with propagation unchanged, what is mounted would be seen outside"
         fi
         echo "there is no mount namespace of its own here: what needs root is left out"
