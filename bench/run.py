@@ -544,7 +544,8 @@ def main():
             report.write(options.output)
     if log is not None:
         log.close()
-    print(report.table())
+    print(report.table().rstrip())
+    print(f"{', '.join(names)}: written to {options.output}")
 
 
 if __name__ == "__main__":
