@@ -38,6 +38,8 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 
 from processes import Bus, Process
 from report import Report, percentile, quartiles
@@ -476,6 +478,39 @@ def difference(counts, calls):
 WORKLOADS = ["call", "where", "threads", "growth", "soak", "loop", "drain", "serving", "parts"]
 
 
+class Progress:
+    """Says on standard error which workload runs: a bar on a terminal, elsewhere a line every ten
+    seconds."""
+
+    def __init__(self, names):
+        self.names = names
+        self.start = time.monotonic()
+        self.terminal = sys.stderr.isatty()
+
+    def say(self, number, over):
+        while not over.wait(1 if self.terminal else 10):
+            text = (f"{self.names[number]}: workload {number + 1} of {len(self.names)}, "
+                    f"{time.monotonic() - self.start:.0f} s")
+            if self.terminal:
+                bar = "#" * (20 * number // len(self.names))
+                print(f"\r{f'   [{bar:<20}] {text}':<79}", end="", file=sys.stderr, flush=True)
+            else:
+                print(f"   {text}", file=sys.stderr, flush=True)
+        if self.terminal:
+            print(f"\r{'':<79}\r", end="", file=sys.stderr, flush=True)
+
+    def during(self, number, work):
+        print(f"{self.names[number]} ...", file=sys.stderr, flush=True)
+        over = threading.Event()
+        teller = threading.Thread(target=self.say, args=(number, over))
+        teller.start()
+        try:
+            work()
+        finally:
+            over.set()
+            teller.join()
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -502,13 +537,15 @@ def main():
     with tempfile.TemporaryDirectory(prefix="sentrel-bench-") as directory:
         run = Run(build, options.quick, report, pathlib.Path(directory), options.output,
                   log)
-        for name in options.workloads or WORKLOADS:
-            print(f"{name} ...", file=sys.stderr, flush=True)
-            getattr(run, name)()
+        names = list(options.workloads or WORKLOADS)
+        progress = Progress(names)
+        for number, name in enumerate(names):
+            progress.during(number, getattr(run, name))
             report.write(options.output)
     if log is not None:
         log.close()
-    print(report.table())
+    print(report.table().rstrip())
+    print(f"{', '.join(names)}: written to {options.output}")
 
 
 if __name__ == "__main__":

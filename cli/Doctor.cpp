@@ -19,6 +19,7 @@ namespace {
 const int kLimit = 3000;  // milliseconds; a healthy agent refuses the probe at once
 const char kGroup[] = "sentrel";
 const char kAddress[] = "DBUS_SYSTEM_BUS_ADDRESS";
+const char kReload[] = "systemctl reload dbus";
 const char kPolicyFile[] = "/etc/dbus-1/system.d/org.sentrel.sr_agent.conf";
 
 bool IsError(const Answer& answer, const char* last) {
@@ -39,6 +40,24 @@ Step Unknown(const char* name, const std::string& detail) {
     return Step{name, State::kUnknown, detail, {}, 0};
 }
 
+// For programs: the command itself has found the library.
+Step LibraryStep(const Installed& installed) {
+    const std::string file = installed.library + "/libsentrel-client.so.1";
+    if (installed.found) {
+        return Good("library", "the loader finds it");
+    }
+    if (installed.listed) {
+        return Step{"library",
+                    State::kFailed,
+                    "the loader has not seen " + file + " yet",
+                    {"ldconfig"},
+                    kUsage};
+    }
+    return Good("library", file +
+                               "; the loader does not look there: link programs with -Wl,-rpath," +
+                               installed.library);
+}
+
 Step BusStep(const Answer& connected, const std::string& address) {
     const std::string place = address.empty() ? "the system's own address" : address;
     if (connected.error.empty()) {
@@ -52,7 +71,13 @@ Step BusStep(const Answer& connected, const std::string& address) {
     return step;
 }
 
-Step NameStep(const Findings& findings) {
+// The line that brings a file to where it is read.
+std::string Copy(const Placed& placed, const std::string& folder) {
+    const std::string name = placed.aside.substr(placed.aside.find_last_of('/') + 1);
+    return "install -D -m 644 " + JoinQuoted({placed.aside, folder + "/" + name});
+}
+
+Step NameStep(const Findings& findings, const Installed* installed) {
     if (findings.owned) {
         return Good("name", "org.sentrel.sr_agent is owned");
     }
@@ -60,24 +85,57 @@ Step NameStep(const Findings& findings) {
         return Unknown("name", "nobody owns it; the bus starts the agent for those who may send");
     }
     const std::string why = findings.probe.error.empty() ? "" : ": " + findings.probe.text;
-    return Step{"name",
-                State::kFailed,
-                "nobody owns org.sentrel.sr_agent" + why,
-                {"systemctl start sentrel-agent", "journalctl -u sentrel-agent"},
+    std::vector<std::string> advice;
+    if (installed != nullptr && !installed->activation.aside.empty()) {
+        advice.push_back(Copy(installed->activation, "/usr/local/share/dbus-1/system-services"));
+        advice.emplace_back(kReload);
+    }
+    if (installed != nullptr && !installed->unit.aside.empty()) {
+        advice.push_back("systemctl link " + JoinQuoted({installed->unit.aside}));
+    }
+    advice.emplace_back("systemctl start sentrel-agent");
+    advice.emplace_back("journalctl -u sentrel-agent");
+    return Step{"name", State::kFailed, "nobody owns org.sentrel.sr_agent" + why, advice,
                 kNobodyThere};
 }
 
-std::vector<std::string> PermissionAdvice(const Person& person) {
+std::string MakeGroup(const Installed* installed) {
+    const Placed none;
+    const Placed& file = installed != nullptr ? installed->group : none;
+    const std::string path = file.file.empty() ? file.aside : file.file;
+    return path.empty() ? "groupadd --system " + std::string(kGroup)
+                        : "systemd-sysusers " + JoinQuoted({path});
+}
+
+std::vector<std::string> PermissionAdvice(const Person& person, const Installed* installed) {
+    std::vector<std::string> advice;
+    if (installed != nullptr && installed->policy.file.empty()) {
+        advice.push_back(installed->policy.aside.empty()
+                             ? std::string("install the agent's policy, ") + kPolicyFile
+                             : Copy(installed->policy, "/etc/dbus-1/system.d"));
+    }
+    if (!person.groupExists && !person.root) {
+        advice.push_back(MakeGroup(installed));
+    }
+    // The bus takes no notice of a group that was not there when it read the policy.
+    if (!advice.empty()) {
+        advice.emplace_back(kReload);
+    }
     if (!person.root && !person.member) {
         if (person.listed) {
-            return {"log out and in again, or for one shell: newgrp " + std::string(kGroup)};
+            advice.push_back("log out and in again, or for one shell: newgrp " +
+                             std::string(kGroup));
+        } else {
+            advice.push_back("usermod -aG " + std::string(kGroup) + " " +
+                             JoinQuoted({person.name}));
+            advice.emplace_back("log out and in again");
         }
-        std::vector<std::string> advice;
-        if (!person.groupExists) {
-            advice.push_back("groupadd --system " + std::string(kGroup));
-        }
-        advice.push_back("usermod -aG " + std::string(kGroup) + " " + JoinQuoted({person.name}));
-        advice.emplace_back("log out and in again");
+        return advice;
+    }
+    if (installed != nullptr && advice.empty()) {
+        advice.emplace_back(kReload);
+    }
+    if (installed != nullptr && installed->policy.file.empty()) {
         return advice;
     }
     const std::string policy =
@@ -86,15 +144,25 @@ std::vector<std::string> PermissionAdvice(const Person& person) {
                       "send_interface=\"org.sentrel.sr_agent\"/><allow "
                       "send_destination=\"org.sentrel.sr_agent\" "
                       "send_interface=\"org.sentrel.sr_agent.Control1\"/>";
-    return {std::string("add within <busconfig> of ") + kPolicyFile + ": " + policy + "</policy>",
-            "systemctl reload dbus"};
+    advice.push_back(std::string("add within <busconfig> of ") + kPolicyFile + ": " + policy +
+                     "</policy>");
+    advice.emplace_back(kReload);
+    return advice;
 }
 
-Step PermissionStep(const Findings& findings, const Person& person) {
+Step PermissionStep(const Findings& findings, const Person& person, const Installed* installed) {
     if (IsError(findings.probe, "AccessDenied")) {
         return Step{"permission", State::kFailed,
                     person.name + " may not send to the agent: " + findings.probe.text,
-                    PermissionAdvice(person), kRefused};
+                    PermissionAdvice(person, installed), kRefused};
+    }
+    if (installed != nullptr && person.root && !person.groupExists && findings.owned) {
+        return Step{
+            "permission",
+            State::kFailed,
+            "there is no group " + std::string(kGroup) + ": nobody but root may send to the agent",
+            {MakeGroup(installed), kReload},
+            kRefused};
     }
     return findings.owned ? Good("permission", person.name + " may send to the agent")
                           : Unknown("permission", "not tried");
@@ -194,16 +262,17 @@ Person Person::Myself() {
 }
 
 std::vector<Step> Diagnose(const Findings& findings, const Person& person,
-                           const std::string& address) {
-    std::vector<Step> steps = {BusStep(findings.connected, address)};
-    if (steps[0].state != State::kGood) {
+                           const std::string& address, const Installed& installed) {
+    std::vector<Step> steps = {LibraryStep(installed), BusStep(findings.connected, address)};
+    if (steps.back().state != State::kGood) {
         for (const char* name : {"name", "permission", "answer", "rules"}) {
             steps.push_back(Unknown(name, "not tried"));
         }
         return steps;
     }
-    steps.push_back(NameStep(findings));
-    steps.push_back(PermissionStep(findings, person));
+    const Installed* const here = address.empty() ? &installed : nullptr;
+    steps.push_back(NameStep(findings, here));
+    steps.push_back(PermissionStep(findings, person, here));
     steps.push_back(AnswerStep(findings));
     steps.push_back(RulesStep(findings, steps.back()));
     return steps;
@@ -212,7 +281,8 @@ std::vector<Step> Diagnose(const Findings& findings, const Person& person,
 int Doctor(const Options& options) {
     const char* address = std::getenv(kAddress);
     const std::vector<Step> steps =
-        Diagnose(Examine(kLimit), Person::Myself(), address != nullptr ? address : "");
+        Diagnose(Examine(kLimit), Person::Myself(), address != nullptr ? address : "",
+                 Installed::OfThisMachine());
     int exit = 0;
     for (const Step& step : steps) {
         exit = exit == 0 && step.state == State::kFailed ? step.exit : exit;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Control.h"
+#include "Installed.h"
 #include "Options.h"
 
 namespace cli {
@@ -33,9 +34,10 @@ struct Step {
     int exit;  // the command's, when this is the first step that fails
 };
 
-// Pure. `address` is where the bus was looked for; empty for the system's own place.
+// Pure. `address` is where the bus was looked for; empty for the system's own place, the only bus
+// of which `installed` says anything.
 std::vector<Step> Diagnose(const Findings& findings, const Person& person,
-                           const std::string& address);
+                           const std::string& address, const Installed& installed);
 
 // Returns the exit status: 0, or that of the first step that fails.
 int Doctor(const Options& options);

@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Builds the benchmarks and their peers, optimised, and runs them against a private bus.
 #
@@ -36,6 +36,8 @@ fi
 
 # shellcheck source=scripts/packages.sh
 . "$root/scripts/packages.sh"
+# shellcheck source=scripts/progress.sh
+. "$root/scripts/progress.sh"
 
 quick=
 output=$root/build/bench-results
@@ -52,9 +54,12 @@ done
 need_packages g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev \
     libsystemd-dev libglib2.0-dev libsdbus-c++-dev libuv1-dev libevent-dev libbenchmark-dev \
     dbus-daemon dbus-bin systemd python3 strace valgrind util-linux mount
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSENTREL_BENCH=ON \
-    -DSENTREL_AGENT=OFF -DSENTREL_CLI=OFF >/dev/null
-ninja -C "$build"
+build() {
+    cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DSENTREL_BENCH=ON \
+        -DSENTREL_AGENT=OFF -DSENTREL_CLI=OFF && ninja -C "$build"
+}
+mkdir -p "$root/build"
+step "the benchmarks' build" "$root/build/bench.log" build
 
 # shellcheck disable=SC2086
 set -- python3 -B "$root/bench/run.py" --build "$build" --output "$output" $quick "$@"

@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Builds library, agent and command for another machine with Debian's cross compilers, and runs the
 # unit tests by qemu-user.
@@ -9,6 +9,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+. scripts/progress.sh
 
 arch=${1:-}
 case $arch in
@@ -19,7 +20,8 @@ armhf) tuple=arm-linux-gnueabihf ;;
     exit 2
     ;;
 esac
-need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config
+# The tests are configured with python3 and this machine's compiler, too.
+need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config python3 g++
 
 sysroot=$PWD/build/sysroot-$arch
 build=$PWD/build/cross-$arch
@@ -36,9 +38,9 @@ fetch() {
     # A list of several that did not come is no reason to end: the next step says what is missing.
     apt-get "$@" update || echo "going on with the lists that came"
     apt-get "$@" --download-only install libc6-dev libstdc++-12-dev libdbus-1-dev libboost-dev \
-        libgtest-dev libre2-dev libtomlplusplus-dev
+        libgtest-dev libre2-dev libtomlplusplus-dev || return
     for package in "$state"/cache/archives/*.deb; do
-        dpkg-deb -x "$package" "$sysroot"
+        dpkg-deb -x "$package" "$sysroot" || return
     done
     # Links to absolute places would lead out of it.
     find "$sysroot/usr/lib" -type l -lname '/*' | while read -r link; do
@@ -46,16 +48,26 @@ fetch() {
     done
     rm -rf "$state"
 }
-[ -e "$sysroot/usr/include/dbus-1.0" ] || fetch
+build() {
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$arch.cmake" -DSENTREL_SYSROOT="$sysroot" \
+        -DSENTREL_DLOG_LIBRARY= -DSENTREL_TESTS=ON -DSENTREL_WERROR=ON &&
+        cmake --build "$build" -j "$(nproc)"
+}
 
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$arch.cmake" -DSENTREL_SYSROOT="$sysroot" \
-    -DSENTREL_DLOG_LIBRARY= -DSENTREL_TESTS=ON -DSENTREL_WERROR=ON
-cmake --build "$build" -j "$(nproc)"
-# hygiene reads the library with this machine's tools, and Completion runs the command without the
-# emulator; what asks the kernel for what qemu-user does not have is left to the machine itself.
-LC_ALL=C.UTF-8 ctest --test-dir "$build" -L unit -LE 'hygiene|histories' -E '^Completion\.' \
-    --no-tests=error --output-on-failure
+# Completion runs the command without the emulator; what asks the kernel for what qemu-user does not
+# have is left to the machine itself.
+run_tests() {
+    LC_ALL=C.UTF-8 ctest --test-dir "$build" -L '^unit(-threads)?$' -E '^Completion\.' \
+        --no-tests=error --output-on-failure
+}
+
+mkdir -p build
+[ -e "$sysroot/usr/include/dbus-1.0" ] ||
+    step "the libraries of $arch" "build/sysroot-$arch.log" fetch
+step "the build for $arch" "$build.log" build
+step "the tests for $arch" "$build-tests.log" run_tests
+tail -n 20 "$build-tests.log" | grep 'tests passed'
 for program in service/libsentrel-client.so agent/sentrel-agent cli/sentrel; do
     "$tuple-readelf" -h "$build/$program" | sed -n "s|^ *Machine: *|$program: |p"
 done

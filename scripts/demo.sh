@@ -35,24 +35,50 @@ build() {
 prepare() {
     # shellcheck source=scripts/packages.sh
     . scripts/packages.sh
+    # shellcheck source=scripts/progress.sh
+    . scripts/progress.sh
     need_packages g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev dbus-daemon \
         libtomlplusplus-dev libre2-dev mount util-linux || exit 1
     echo "building (into $build) ..."
-    if ! build >"$build.log" 2>&1; then
-        tail -n 30 "$build.log" >&2
-        echo "FAILED: the build; its whole output is in $build.log" >&2
-        exit 1
+    step "the build" "$build.log" build
+}
+
+# enter PROPAGATION: goes on in a mount namespace of the script's own, or says why not and returns.
+enter() {
+    local refusal
+    if refusal=$(unshare -m --propagation "$1" true 2>&1); then
+        exec unshare -m --propagation "$1" scripts/demo.sh --inside "${trace[@]}"
     fi
+    echo "a mount namespace with propagation $1: $refusal"
+}
+
+# Where nothing can be made private, as in a chroot whose root is no mount point, nothing needs to be
+# if nothing is shared: a mount that is made on a shared one is shared itself.
+nothing_is_shared() {
+    local probe status=0
+    probe=$(mktemp -d)
+    # shellcheck disable=SC2016
+    unshare -m --propagation unchanged sh -c '
+        mount -t tmpfs probe "$1" || exit
+        grep -F " $1 " /proc/self/mountinfo >"$1/line"
+        ! grep -q " shared:" "$1/line" && [ -s "$1/line" ]
+        status=$?
+        umount "$1"
+        exit "$status"' sh "$probe" || status=$?
+    rmdir "$probe"
+    return "$status"
 }
 
 if [ -z "$inside" ]; then
     mkdir -p build
     prepare
     if [ "$(id -u)" -eq 0 ]; then
-        if unshare -m true 2>/dev/null; then
-            exec unshare -m --propagation private scripts/demo.sh --inside "${trace[@]}"
+        enter private
+        if unshare -m --propagation unchanged true 2>/dev/null; then
+            ! nothing_is_shared || enter unchanged
+            echo "with propagation unchanged, what is mounted would be seen outside"
         fi
-        echo "this machine allows no mount namespace of its own: what needs root is left out"
+        echo "there is no mount namespace of its own here: what needs root is left out"
     fi
 fi
 
@@ -306,7 +332,7 @@ else
 fi
 
 title "Every request left a line in the audit, before it and after it; a refusal too"
-grep -E 'phase=' "$work/agent.log" | tail -n 3 | cut -c 1-150 | sed 's/^/     /'
+grep -E 'phase=' "$work/agent.log" | tail -n 3 | fold -s -w 95 | sed 's/ $//; s/^/     /'
 check "the refusal is there" grep -q "decision=deny status=7" "$work/agent.log"
 
 title "Arguments that cannot be read are refused before anything is started"

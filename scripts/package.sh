@@ -1,4 +1,4 @@
-#!/bin/sh
+#!/bin/bash
 # SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages, in a copy of the tree, and has lintian look at them. What is missing to
 # build is installed first. DEB_BUILD_OPTIONS is heeded: nocheck leaves the tests out.
@@ -6,15 +6,16 @@
 set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+. scripts/progress.sh
 
 out=${1:-build/packages}
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 need_packages build-essential fakeroot lintian
 if ! dpkg-checkbuilddeps 2>/dev/null; then
-    as_root apt-get update -q
-    as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get build-dep -q -y --no-install-recommends ./
+    can_install "$(dpkg-checkbuilddeps 2>&1 | sed 's/.*: //')"
+    apt_get update
+    apt_get build-dep --no-install-recommends ./
 fi
 
 scratch=$(mktemp -d)
@@ -22,7 +23,8 @@ trap 'rm -rf "$scratch"' EXIT
 mkdir "$scratch/sentrel"
 tar -c --exclude-vcs --exclude='./build' --exclude='./build-*' --exclude=__pycache__ . |
     tar -x -C "$scratch/sentrel"
-(cd "$scratch/sentrel" && dpkg-buildpackage -us -uc -b)
+build() { (cd "$scratch/sentrel" && dpkg-buildpackage "-j$(nproc)" -us -uc -b); }
+step "the packages" "$out/build.log" build
 rm -f "$out"/*.deb "$out"/*.changes "$out"/*.buildinfo
 mv "$scratch"/*.deb "$scratch"/*.changes "$scratch"/*.buildinfo "$out"
 allow=

@@ -2,24 +2,27 @@
 # SPDX-License-Identifier: Apache-2.0
 # Runs the tests, on a fresh Debian 12 machine too: what is missing is installed first.
 #   scripts/test.sh         everything: under 15 minutes on two cores
-#   scripts/test.sh quick   a debug build with the unit, bus and hygiene tests: under 2 minutes
-# A failing stage does not stop the later ones. The last line is the sum over all stages, in which a
-# static check or a build counts as one; tests labelled slow are left out. The exit status is
-# non-zero when something failed or, with SENTREL_MUST_RUN=1, was skipped. Everything is written
-# below build/.
+#   scripts/test.sh quick   a debug build and what needs no root: under 2 minutes once it is built
+# tests/where.txt says which tests run in which build. A failing stage does not stop the later ones.
+# The last line is the sum over all stages, in which a static check or a build counts as one. The
+# exit status is non-zero when something failed or, with SENTREL_MUST_RUN=1, was skipped. Everything
+# is written below build/.
 set -u
 cd "$(dirname "$0")/.." || exit 1
 . scripts/packages.sh
+. scripts/progress.sh
 
 jobs=$(nproc)
 logs=$PWD/build/test-logs
+mode=everything
 passed=0 failed=0 skipped=0
+skips=()
 
 # count WHAT LOG COMMAND...: one check that passes or fails; its output is shown when it fails.
 count() {
     local what=$1 log=$logs/$2
     shift 2
-    if "$@" >"$log" 2>&1; then
+    if with_progress "$what" "$log" "$@"; then
         passed=$((passed + 1))
         echo "ok: $what"
     else
@@ -51,49 +54,31 @@ configure_and_build() {
         cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
 }
 
-# sum_up JUNIT_FILE: prints "PASSED FAILED SKIPPED". Skipped is only a test that is switched off or
-# that said so itself; one that could not be run has failed.
-sum_up() {
-    python3 - "$1" <<'PYTHON'
-import sys
-import xml.etree.ElementTree as tree
-passed = failed = skipped = 0
-for case in tree.parse(sys.argv[1]).getroot().iter("testcase"):
-    reason = case.find("skipped")
-    text = "" if reason is None else reason.get("message", "")
-    if case.get("status") == "run" and case.find("failure") is None:
-        passed += 1
-    elif case.get("status") == "disabled" or text.startswith("SKIP_"):
-        skipped += 1
-        print("skipped:", case.get("name"), file=sys.stderr)
-    else:
-        failed += 1
-print(passed, failed, skipped)
-PYTHON
-}
-
-# run_tests PRESET CTEST_ARGUMENT...; under the command in $runner, if any
+# run_tests PRESET: those that the list names; under the command in $runner, if any
 runner=()
 run_tests() {
-    local preset=$1 junit=$logs/$1.xml log=$logs/$1-tests.log status sum
-    shift
-    rm -f "$junit"
-    "${runner[@]}" ctest --test-dir "build/$preset" -j "$jobs" --timeout 120 --output-on-failure \
-        --no-tests=error --output-junit "$junit" "$@" >"$log" 2>&1
-    status=$?
-    if ! sum=$(sum_up "$junit"); then
-        sum="0 0 0"
+    local junit=$logs/$1.xml log=$logs/$1-tests.log labels lines status=0
+    labels=$(python3 -B tests/where.py labels "$mode" "$1")
+    with_progress "$1 tests" "$log" "${runner[@]}" ctest --test-dir "build/$1" -L "$labels" \
+        -j "$jobs" --timeout 120 --output-on-failure --no-tests=error --output-junit "$junit" ||
+        status=$?
+    if ! lines=$(python3 -B tests/where.py sum "$junit"); then
+        lines="0 0 0"
         status=1
     fi
-    # shellcheck disable=SC2086
-    set -- $sum
+    local sum why
+    # shellcheck disable=SC2207
+    sum=($(head -n 1 <<<"$lines"))
     # A run that failed as a whole, or had no test in it, is a failure of its own.
-    if [ "$2" -eq 0 ] && { [ "$status" -ne 0 ] || [ "$1" -eq 0 ]; }; then
-        set -- "$1" 1 "$3"
+    if [ "${sum[1]}" -eq 0 ] && { [ "$status" -ne 0 ] || [ "${sum[0]}" -eq 0 ]; }; then
+        sum[1]=1
     fi
-    passed=$((passed + $1)) failed=$((failed + $2)) skipped=$((skipped + $3))
-    [ "$2" -eq 0 ] || grep -Ev ' Passed  |^ +Start ' "$log" | tail -n 200
-    echo "$preset tests: $1 passed, $2 failed, $3 skipped"
+    passed=$((passed + sum[0])) failed=$((failed + sum[1])) skipped=$((skipped + sum[2]))
+    while read -r why; do
+        [ -z "$why" ] || skips+=("$1: $why")
+    done < <(tail -n +2 <<<"$lines")
+    [ "${sum[1]}" -eq 0 ] || grep -Ev ' Passed  |^ +Start ' "$log" | tail -n 200
+    echo "$1 tests: ${sum[0]} passed, ${sum[1]} failed, ${sum[2]} skipped"
 }
 
 # sources FOLDER...: C and C++ files, one a line
@@ -105,23 +90,38 @@ check_format() {
         xargs clang-format --dry-run -Werror
 }
 
-check_tidy() {
-    sources service/src agent cli | grep '\.cpp$' |
-        xargs -P "$jobs" -n 1 clang-tidy --quiet -p build/clang
-}
+# In a shell of its own, since the sum is that of the whole pipe. Its lines say how far it is.
+check_tidy() (
+    set -o pipefail
+    files=$(sources service/src agent cli | grep '\.cpp$')
+    # shellcheck disable=SC2016
+    xargs -P "$jobs" -n 1 sh -c '
+        clang-tidy --quiet -p build/clang "$1" && echo "looked at $1"' sh <<<"$files" 2>&1 |
+        awk -v all="$(wc -l <<<"$files")" '
+            sub(/^looked at /, "") { $0 = "[" ++n "/" all "] " $0 } { print; fflush() }'
+)
 
 check_cppcheck() {
-    cppcheck -q -j "$jobs" --enable=warning,performance,portability --std=c++17 --language=c++ \
+    cppcheck -j "$jobs" --enable=warning,performance,portability --std=c++17 --language=c++ \
         --inline-suppr --suppressions-list=tests/cppcheck-suppressions.txt --error-exitcode=1 \
         -I build/clang/include service/src agent cli
 }
+
+check_shell() { shellcheck -x .ci/run scripts/*.sh tests/*/*.sh; }
 
 check_coverage() {
     gcovr --root . --filter service/src/ --print-summary --fail-under-line 95 build/coverage
 }
 
+# check_ran PRESET...: nothing that the list names was left out, in any build.
+check_ran() {
+    python3 -B tests/where.py ran tests/where.txt "$mode" "$logs" "${@/#/build/}"
+}
+
 debug_stage() {
-    count "debug build" debug.log configure_and_build debug && run_tests debug -L 'unit|bus|agent' -LE slow
+    count "debug build" debug.log configure_and_build debug || return
+    run_tests debug
+    count "each test has run where the list says" ran.log check_ran debug
 }
 
 format_stage() { count "format" format.log check_format; }
@@ -130,14 +130,14 @@ coverage_stage() {
     # Counts of an earlier run would add up.
     [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
     count "coverage build" coverage.log configure_and_build coverage || return
-    run_tests coverage -LE slow
+    run_tests coverage
     count "95 % of the library's lines are run" gcovr.log check_coverage
     grep '^lines:' "$logs/gcovr.log"
 }
 
 asan_stage() {
     count "address and undefined behaviour sanitizer build" asan.log configure_and_build asan &&
-        UBSAN_OPTIONS=print_stacktrace=1 run_tests asan -LE slow
+        UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
 }
 
 tsan_stage() {
@@ -146,7 +146,7 @@ tsan_stage() {
     if setarch -R true 2>/dev/null; then
         runner=(setarch -R)
     fi
-    TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan-suppressions.txt" run_tests tsan -L threads
+    TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tsan-suppressions.txt" run_tests tsan
     runner=()
 }
 
@@ -155,29 +155,40 @@ clang_stage() { count "clang++ build" clang.log configure_and_build clang; }
 static_stage() {
     count "clang-tidy" tidy.log check_tidy
     count "cppcheck" cppcheck.log check_cppcheck
+    count "shellcheck" shellcheck.log check_shell
 }
 
 release_stage() {
     count "release build" release.log configure_and_build release -DSENTREL_TESTS=ON -- \
-        service/all agent/all cli/all MainLoopRandomTest &&
-        run_tests release -L 'hygiene|install|histories'
+        service/all agent/all cli/all release_tests &&
+        run_tests release
+}
+
+# What `quick` runs is known from its own build, which need only be configured here.
+list_stage() {
+    count "debug configured" debug.log cmake --preset debug &&
+        count "each test has run where the list says" ran.log \
+            check_ran debug coverage asan tsan release
 }
 
 common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev
-    libgtest-dev dbus-daemon python3 binutils clang"
-full="clang-format clang-tidy cppcheck gcovr util-linux mount e2fsprogs mandoc man-db doxygen
-    abigail-tools systemd"
+    libgtest-dev dbus-daemon dbus-bin dbus-system-bus-common python3 binutils clang util-linux mount"
+full="clang-format clang-tidy cppcheck gcovr e2fsprogs mandoc man-db doxygen abigail-tools systemd
+    shellcheck"
 
 mkdir -p "$logs"
 # The package lists are lists of words.
 # shellcheck disable=SC2086
 case ${1-full} in
 quick)
+    mode=quick
     need_packages $common || exit 1
-    stage "debug build, its unit, bus and hygiene tests" debug_stage
+    rm -f "$logs"/*.xml
+    stage "debug build and its tests" debug_stage
     ;;
 full)
     need_packages $common $full || exit 1
+    rm -f "$logs"/*.xml
     stage "format" format_stage
     stage "coverage" coverage_stage
     stage "address and undefined behaviour sanitizers" asan_stage
@@ -185,6 +196,7 @@ full)
     stage "clang++" clang_stage
     stage "static checks" static_stage
     stage "release, hygiene and installation" release_stage
+    stage "what has run" list_stage
     ;;
 *)
     echo "usage: scripts/test.sh [quick]" >&2
@@ -192,5 +204,6 @@ full)
     ;;
 esac
 
+[ ${#skips[@]} -eq 0 ] || printf '%s\n' "${skips[@]}"
 echo "$passed passed, $failed failed, $skipped skipped"
 [ "$failed" -eq 0 ] && { [ "$skipped" -eq 0 ] || [ "${SENTREL_MUST_RUN-}" != 1 ]; }

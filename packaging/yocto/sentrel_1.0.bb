@@ -27,7 +27,7 @@ PACKAGECONFIG[systemd] = ",,systemd"
 PACKAGECONFIG[dlog] = ",-DSENTREL_DLOG_LIBRARY=,dlog"
 
 EXTRA_OECMAKE = "-DSENTREL_TESTS=OFF -DSENTREL_BENCH=OFF -DSENTREL_WERROR=OFF \
-    -DSENTREL_UNIT_DIR=${systemd_system_unitdir}"
+    -DSENTREL_UNIT_DIR=${systemd_system_unitdir} -DSENTREL_DBUS_DATADIR=${datadir}"
 
 PACKAGES =+ "${PN}-agent ${PN}-cli ${PN}-dlog"
 

@@ -31,7 +31,7 @@ TEST(DoctorTest, WhenAllIsWellItEndsWith0) {
     EXPECT_EQ("", finished.errors);
     EXPECT_TRUE(Holds(finished.output, "ok       rules       3 loaded\n"));
     EXPECT_FALSE(Holds(finished.output, "->"));
-    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=ok'",
+    EXPECT_EQ("'library=ok bus=ok name=ok permission=ok answer=ok rules=ok'",
               States(RunCommand({"doctor", "--json"}).output));
 }
 
@@ -48,7 +48,7 @@ TEST(DoctorTest, ARefusalByTheAgentItselfIsAnAnswer) {
     test::PrivateBus bus;
     test::AgentProcess agent({"--reply", "error", "--error",
                               "org.freedesktop.DBus.Error.InvalidArgs", "--text", "wrong"});
-    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=unknown'",
+    EXPECT_EQ("'library=ok bus=ok name=ok permission=ok answer=ok rules=unknown'",
               States(RunCommand({"--json", "doctor"}).output));
 }
 
@@ -60,7 +60,7 @@ TEST(DoctorTest, WithoutABusItTellsWhereItLooked) {
     EXPECT_TRUE(Holds(finished.output, "-> unset DBUS_SYSTEM_BUS_ADDRESS\n"));
     const Finished json = RunCommand({"--json", "doctor"});
     EXPECT_EQ(125, json.exit);
-    EXPECT_EQ("(False, 125, 5)", ReadJson(json.output, "(x['ok'], x['exit'], len(x['steps']))"));
+    EXPECT_EQ("(False, 125, 6)", ReadJson(json.output, "(x['ok'], x['exit'], len(x['steps']))"));
 }
 
 TEST(DoctorTest, WithoutAnAgentItNamesTheUnit) {
@@ -69,7 +69,7 @@ TEST(DoctorTest, WithoutAnAgentItNamesTheUnit) {
     EXPECT_EQ(127, finished.exit);
     EXPECT_TRUE(Holds(finished.output, "failed   name "));
     EXPECT_TRUE(Holds(finished.output, "-> systemctl start sentrel-agent\n"));
-    EXPECT_EQ("'bus=ok name=failed permission=unknown answer=unknown rules=unknown'",
+    EXPECT_EQ("'library=ok bus=ok name=failed permission=unknown answer=unknown rules=unknown'",
               States(RunCommand({"--json", "doctor"}).output));
 }
 
@@ -78,9 +78,9 @@ TEST(DoctorTest, APolicyThatDeniesIsNamedWithWhatToDo) {
     test::AgentProcess agent;
     const Finished finished = RunCommand({"--json", "doctor"});
     EXPECT_EQ(126, finished.exit);
-    EXPECT_EQ("'bus=ok name=ok permission=failed answer=unknown rules=unknown'",
+    EXPECT_EQ("'library=ok bus=ok name=ok permission=failed answer=unknown rules=unknown'",
               States(finished.output));
-    EXPECT_EQ("True", ReadJson(finished.output, "len(x['steps'][2]['advice']) > 0"));
+    EXPECT_EQ("True", ReadJson(finished.output, "len(x['steps'][3]['advice']) > 0"));
     EXPECT_TRUE(Holds(RunCommand({"doctor"}).output, "failed   permission "));
 }
 
@@ -119,7 +119,8 @@ TEST(DoctorTest, AnAgentThatTheBusStartsIsFound) {
         test::PrivateBus::Configuration("<servicedir>" + folder + "</servicedir>\n"));
     const Finished finished = RunCommand({"--json", "doctor"});
     EXPECT_EQ(0, finished.exit);
-    EXPECT_EQ("'bus=ok name=ok permission=ok answer=ok rules=ok'", States(finished.output))
+    EXPECT_EQ("'library=ok bus=ok name=ok permission=ok answer=ok rules=ok'",
+              States(finished.output))
         << finished.output;
 }
 

@@ -38,4 +38,4 @@ file(WRITE ${seeds}/systemctl "o--no-block start 'player.service' \"player-db\""
 add_test(NAME fuzz_decide COMMAND fuzz_decide -max_total_time=${SENTREL_FUZZ_SECONDS} -timeout=10
   -print_final_stats=1 -dict=${CMAKE_CURRENT_SOURCE_DIR}/fuzz/words.dict ${found} ${seeds})
 math(EXPR limit "${SENTREL_FUZZ_SECONDS} + 60")
-set_tests_properties(fuzz_decide PROPERTIES LABELS "fuzz;slow" TIMEOUT ${limit})
+set_tests_properties(fuzz_decide PROPERTIES LABELS fuzz TIMEOUT ${limit})

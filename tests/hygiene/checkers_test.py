@@ -238,6 +238,62 @@ def ATableOfCodesThatDiffersIsRefused(root):
     expect(1, "the table has", "texts.py", "codes", root / "m", root / "h")
 
 
+# What runs where ---------------------------------------------------------------------------------
+
+def where(root, code, word, listed, *tests, ran=None):
+    """A build's tree as ctest reads it, with these tests; and the list."""
+    write(root, {"list": listed, "tree/CTestTestfile.cmake": "".join(
+        f'add_test({name} "true")\nset_tests_properties({name} PROPERTIES LABELS "{labels}")\n'
+        for name, labels in tests)})
+    if ran is None:
+        expect(code, word, "../where.py", "registered", root / "list", root / "tree")
+        return
+    for build, names in ran.items():
+        write(root, {f"logs/{build}.xml": "<testsuite>" + "".join(
+            f'<testcase name="{name}" status="run"/>' for name in names) + "</testsuite>"})
+    expect(code, word, "../where.py", "ran", root / "list", "everything", root / "logs",
+           root / "tree")
+
+
+def ATestOutsideOfTheListOfWhatRunsWhereIsRefused(root):
+    listed = "# a comment\nunit debug release asan\nslow - -\n"
+    where(root, 0, "2 labels in the list", listed, ("a", "unit"), ("b", "slow"))
+    where(root, 1, "b: its labels are ['bus']", listed, ("a", "unit"), ("b", "bus"))
+    where(root, 1, "b: its labels are ['slow', 'unit']", listed, ("a", "unit"), ("b", "unit;slow"))
+    where(root, 1, "b: its labels are []", listed, ("a", "unit"), ("b", ""))
+    where(root, 1, "bus: no test has it", listed + "bus debug asan\n", ("a", "unit"))
+
+
+def AListByWhichQuickRunsMoreThanEverythingIsRefused(root):
+    where(root, 1, "policy: quick runs what everything does not", "policy debug -\n",
+          ("a", "policy"))
+
+
+def ATestThatHasNotRunWhereTheListSaysIsRefused(root):
+    listed, tests = "unit debug release asan\nslow - -\n", [("a", "unit"), ("b", "slow")]
+    where(root, 0, "2 tests known", listed, *tests, ran={"release": ["a"], "asan": ["a"]})
+    where(root, 1, "a (unit) has not run in asan", listed, *tests, ran={"asan": ["c"]})
+    # A build that has run nothing, and one whose program was built nowhere.
+    where(root, 1, "a (unit) has not run in tsan", "unit debug release tsan\nslow - -\n", *tests,
+          ran={})
+    where(root, 1, "Lost: built nowhere", listed, *tests, ("Lost_NOT_BUILT", ""), ran={})
+
+
+def ASkippedTestIsCountedWithItsReason(root):
+    write(root, {"x.xml": """<testsuite><testcase name="a" status="run"/>
+<testcase name="b" status="notrun"><skipped message="SKIP_REGULAR_EXPRESSION_MATCHED"/>
+<system-out>x.cpp:1: Skipped
+this needs root
+
+[  SKIPPED ] b</system-out></testcase>
+<testcase name="c" status="notrun"><skipped message="SKIP_RETURN_CODE=77"/>
+<system-out>skipped: this needs root</system-out></testcase>
+<testcase name="d" status="fail"><failure message=""/></testcase>
+<testcase name="e" status="notrun"><skipped message="Unable to find executable"/></testcase>
+</testsuite>"""})
+    expect(0, "1 2 2\nskipped 2: this needs root: b, c\n", "../where.py", "sum", root / "x.xml")
+
+
 def main():
     cases = {name: case for name, case in globals().items()
              if inspect.isfunction(case) and name[0].isupper()}

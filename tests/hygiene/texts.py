@@ -26,7 +26,7 @@ def tree(root):
         folders[:] = sorted(name for name in folders if name not in {".git", "__pycache__"}
                             and not (top and re.match(r"build(-|$)", name)))
         for name in sorted(names):
-            if not name.endswith(".pyc"):
+            if not name.endswith(".pyc") and name != ".git":  # a file in a linked worktree
                 yield (pathlib.Path(folder) / name).relative_to(root)
 
 

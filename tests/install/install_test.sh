@@ -31,7 +31,7 @@ files)
 paths)
     # Where it was built is nobody's business, and would be wrong elsewhere.
     # The prefix itself may stand below it, as here.
-    if grep -rahoE "$source[^\"; ]*" "$prefix" | grep -vF "$prefix"; then
+    if grep -rahoE "${source}[^\"; ]*" "$prefix" | grep -vF "$prefix"; then
         exit 1
     fi
     ;;

@@ -209,6 +209,7 @@ left=$(grep -rl sentrel /etc | grep -v '^/etc/g\(roup\|shadow\)-\{0,1\}$' || tru
 [ -z "$(dpkg --audit)" ] || fail "dpkg is not content"
 echo "== done"
 INSIDE
+# shellcheck disable=SC2016
 unshare -m -p -f --kill-child sh -c '
     mount -t proc proc "$1/proc" && mount -t tmpfs tmpfs "$1/tmp" &&
     exec chroot "$1" sh /tests/inside' sh "$scratch/root"

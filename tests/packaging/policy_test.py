@@ -20,7 +20,7 @@ import sys
 import tempfile
 import xml.etree.ElementTree as tree
 
-from support import private_bus, program, read_line, skip
+from support import for_everybody, private_bus, program, read_line, skip
 
 GROUP = 64999
 NOBODY = 65534
@@ -151,8 +151,9 @@ def check_bus(policy, agent):
 
 def check_doctor(policy, agent, command):
     def ask(address, prefix, who):
-        done = run(*prefix, *as_who(who), command, "--json", "doctor",
-                   env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": address})
+        with for_everybody(command) as (copy, environment):
+            done = run(*prefix, *as_who(who), copy, "--json", "doctor",
+                       env={**environment, "DBUS_SYSTEM_BUS_ADDRESS": address})
         return {step["step"]: step for step in json.loads(done.stdout)["steps"]}
 
     with system_with_the_group() as prefix:

@@ -136,8 +136,10 @@ def check_files(recipe, build, prefix, library_folder):
     with tempfile.TemporaryDirectory() as stage:
         subprocess.run(["cmake", "--install", build], capture_output=True, timeout=100, check=True,
                        env={**os.environ, "DESTDIR": stage})
-        top = pathlib.Path(stage, prefix.strip("/"))
-        names = [path.relative_to(top).as_posix() for path in top.rglob("*") if not path.is_dir()]
+        paths = [f"/{path.relative_to(stage).as_posix()}" for path in pathlib.Path(stage).rglob("*")
+                 if not path.is_dir()]
+    # The bus's files may stand beside the prefix.
+    names = [path.removeprefix(f"/{prefix.strip('/')}/").removeprefix("/usr/") for path in paths]
     owners = {}
     for name in names:
         usual = re.sub(rf"^{re.escape(library_folder)}/(?=lib|pkgconfig|cmake)", "lib/", name)

@@ -3,7 +3,9 @@
 import contextlib
 import os
 import pathlib
+import re
 import select
+import shutil
 import signal
 import subprocess
 import sys
@@ -39,6 +41,19 @@ def program(*command, **options):
         yield process
     finally:
         end(process)
+
+
+@contextlib.contextmanager
+def for_everybody(binary):
+    """A copy of a program where each user can start it, whoever may enter the build; and its
+    environment, by which it finds copies of the libraries that were built with it."""
+    said = subprocess.run(["ldd", binary], capture_output=True, text=True, timeout=60, check=True)
+    with tempfile.TemporaryDirectory(prefix="sentrel-copy-") as folder:
+        os.chmod(folder, 0o755)
+        for path in [str(binary), *re.findall(r"=> (/\S+/libsentrel\S+) ", said.stdout)]:
+            shutil.copy(path, folder)
+        yield pathlib.Path(folder, pathlib.Path(binary).name), {**os.environ,
+                                                                "LD_LIBRARY_PATH": folder}
 
 
 def read_line(descriptor, what, limit=30):

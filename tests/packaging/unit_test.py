@@ -10,6 +10,7 @@ unit_test.py calls UNIT AGENT_DIR each system call that the agent makes by numbe
 unit_test.py score UNIT LIMIT     its exposure, as systemd rates it, is not above LIMIT
 """
 import json
+import os
 import pathlib
 import re
 import shutil
@@ -39,11 +40,11 @@ def settings(unit):
     return found
 
 
-def analyze(*arguments):
+def analyze(*arguments, **environment):
     if not shutil.which("systemd-analyze"):
         skip("systemd-analyze is not installed")
     return subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True,
-                          timeout=60, check=False)
+                          timeout=60, check=False, env={**os.environ, **environment})
 
 
 def check_valid(unit, agent):
@@ -51,7 +52,11 @@ def check_valid(unit, agent):
         copy = pathlib.Path(folder, "sentrel-agent.service")
         copy.write_text(re.sub(r"(?m)^ExecStart=\S+", f"ExecStart={agent}",
                                pathlib.Path(unit).read_text()))
-        done = analyze("verify", "--man=no", str(copy))
+        # The unit of the bus belongs to another package, which need not be here.
+        pathlib.Path(folder, "dbus.socket").write_text(
+            "[Socket]\nListenStream=/run/dbus/system_bus_socket\n")
+        pathlib.Path(folder, "dbus.service").write_text("[Service]\nExecStart=/bin/true\n")
+        done = analyze("verify", "--man=no", str(copy), SYSTEMD_UNIT_PATH=f"{folder}:")
         said = [line for line in (done.stdout + done.stderr).splitlines()
                 if "sentrel-agent.service" in line]
         assert done.returncode == 0 and not said, f"{done.returncode}: {said}"

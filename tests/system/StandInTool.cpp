@@ -7,6 +7,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -99,13 +100,19 @@ void Flood(long bytes) {
     }
 }
 
-// A directory that something is mounted on can be renamed where nothing is: in another namespace.
+// A directory that something is mounted on can be renamed where nothing is: in another namespace. A
+// child goes there, since the way back would lead out of a chroot.
 bool SwapMountPoint(const char* directory, const char* newName, const char* elsewhere) {
-    const int home = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           umount2(directory, MNT_DETACH) == 0 && rename(directory, newName) == 0 &&
-           symlink(elsewhere, directory) == 0 && setns(home, CLONE_NEWNS) == 0;
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool swapped = unshare(CLONE_NEWNS) == 0 &&
+                             mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                             umount2(directory, MNT_DETACH) == 0 &&
+                             rename(directory, newName) == 0 && symlink(elsewhere, directory) == 0;
+        _exit(swapped ? 0 : 1);
+    }
+    int status = 0;
+    return child > 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
 int Misbehave(const std::string& what, int argc, char** argv) {

@@ -1,0 +1,56 @@
+# SPDX-License-Identifier: Apache-2.0
+# Runs last at the installation, and says what is left to do; a staged one is for others to finish.
+cmake_policy(VERSION 3.25)
+if(NOT "$ENV{DESTDIR}" STREQUAL "")
+  return()
+endif()
+set(todo "")
+
+# shell_word(PATH OUT): as a shell reads it.
+function(shell_word path out)
+  if(NOT path MATCHES "^[A-Za-z0-9_./+-]+$")
+    string(REPLACE "'" "'\\''" path "${path}")
+    set(path "'${path}'")
+  endif()
+  set(${out} "${path}" PARENT_SCOPE)
+endfunction()
+
+file(GLOB lists /etc/ld.so.conf /etc/ld.so.conf.d/*.conf)
+set(known /lib /usr/lib)
+foreach(list IN LISTS lists)
+  file(STRINGS "${list}" lines)
+  list(APPEND known ${lines})
+endforeach()
+if(CMAKE_INSTALL_FULL_LIBDIR IN_LIST known)
+  list(APPEND todo "ldconfig")
+else()
+  message(STATUS "The loader does not look in ${CMAKE_INSTALL_FULL_LIBDIR}: "
+    "link programs with -Wl,-rpath,${CMAKE_INSTALL_FULL_LIBDIR}")
+  if(no_run_path)
+    message(STATUS "This build is for /usr: its programs find the library only with "
+      "LD_LIBRARY_PATH=${CMAKE_INSTALL_FULL_LIBDIR}, or built with "
+      "-DCMAKE_INSTALL_PREFIX=${CMAKE_INSTALL_PREFIX}")
+  endif()
+endif()
+
+if(SENTREL_AGENT)
+  if(NOT sentrel_bus_folder STREQUAL sentrel_bus_wanted)
+    foreach(file system.d/org.sentrel.sr_agent.conf system-services/org.sentrel.sr_agent.service)
+      get_filename_component(folder "${file}" DIRECTORY)
+      shell_word("${sentrel_bus_folder}/${file}" from)
+      list(APPEND todo "cp ${from} ${sentrel_bus_wanted}/${folder}/")
+    endforeach()
+  endif()
+  cmake_path(ABSOLUTE_PATH unit_dir BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}")
+  if(NOT unit_dir MATCHES "^(/usr(/local)?|/etc)?(/lib)?/systemd/system$")
+    shell_word("${unit_dir}/sentrel-agent.service" unit)
+    list(APPEND todo "systemctl link ${unit}")
+  endif()
+  shell_word("${CMAKE_INSTALL_PREFIX}/lib/sysusers.d/sentrel.conf" group)
+  list(APPEND todo "systemd-sysusers ${group} && systemctl reload dbus")
+endif()
+
+if(todo)
+  list(JOIN todo "\n     " todo)
+  message(STATUS "Left to do, as root:\n     ${todo}")
+endif()
