@@ -67,3 +67,10 @@ need_packages() {
     echo "not installed: $missing" >&2
     return 1
 }
+
+# unpack_package PACKAGE FOLDER: the package's files below FOLDER, for one that must not be installed
+# because it would change the system. Non-zero when it cannot be had.
+unpack_package() {
+    [ ! -d "$2/usr" ] || return 0
+    mkdir -p "$2" && (cd "$2" && apt-get download -q "$1" && dpkg-deb -x "$1"_*.deb .)
+}
