@@ -389,8 +389,7 @@ Words Ask(const agent::RuleSet& set, const agent::Caller& caller, const std::str
     if (parsed.status != agent::kOk) {
         return parsed.error.empty() ? Words{"a refusal without a reason"} : Words{};
     }
-    const agent::Decision decision =
-        agent::Decider(kTools).Decide(set, caller, parsed.request);
+    const agent::Decision decision = agent::Decider(kTools).Decide(set, caller, parsed.request);
     if ((decision.status == agent::kOk) != decision.permit.has_value()) {
         return {"status and permit disagree"};
     }
