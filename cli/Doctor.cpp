@@ -42,7 +42,7 @@ Step Unknown(const char* name, const std::string& detail) {
 
 // For programs: the command itself has found the library.
 Step LibraryStep(const Installed& installed) {
-    const std::string file = installed.library + "/libsentrel-client.so.1";
+    const std::string file = installed.libDir + "/libsentrel-client.so.1";
     if (installed.found) {
         return Good("library", "the loader finds it");
     }
@@ -55,7 +55,7 @@ Step LibraryStep(const Installed& installed) {
     }
     return Good("library", file +
                                "; the loader does not look there: link programs with -Wl,-rpath," +
-                               installed.library);
+                               installed.libDir);
 }
 
 Step BusStep(const Answer& connected, const std::string& address) {

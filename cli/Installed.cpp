@@ -87,11 +87,11 @@ Installed Installed::OfThisMachine() {
     Dl_info info = {};
     void* const function = dlsym(RTLD_DEFAULT, "SR_ConfigInfo");
     if (function != nullptr && dladdr(function, &info) != 0) {
-        installed.library = Real(Folder(info.dli_fname));
+        installed.libDir = Real(Folder(info.dli_fname));
     }
     installed.found = IsCached(Contents("/etc/ld.so.cache"), kLibrary) ||
                       !IfThere("/lib", kLibrary).empty() || !IfThere("/usr/lib", kLibrary).empty();
-    installed.listed = IsListedAnywhere(installed.library);
+    installed.listed = IsListedAnywhere(installed.libDir);
 
     const std::string prefix = Folder(Folder(Real("/proc/self/exe")));
     const std::string bus = std::string(SENTREL_DBUS_DATADIR) + "/dbus-1";

@@ -18,7 +18,7 @@ struct Placed {
 };
 
 struct Installed {
-    std::string library;  // the folder of the library that this command uses
+    std::string libDir;  // the folder of the library that this command uses
     // Whether the loader finds it for any program; if not, whether it would after `ldconfig`.
     bool found = true;
     bool listed = true;

@@ -38,7 +38,7 @@ Person Ann() {
 // Every file where it is read.
 Installed InPlace() {
     Installed installed;
-    installed.library = "/usr/lib";
+    installed.libDir = "/usr/lib";
     installed.policy.file = "/usr/share/dbus-1/system.d/org.sentrel.sr_agent.conf";
     installed.activation.file = "/usr/share/dbus-1/system-services/org.sentrel.sr_agent.service";
     installed.unit.file = "/usr/lib/systemd/system/sentrel-agent.service";
@@ -169,14 +169,14 @@ TEST(DiagnosisTest, RootIsShownThePolicysLineForRoot) {
 
 TEST(DiagnosisTest, ALibraryThatTheLoaderHasNotSeenIsShownToIt) {
     Installed installed = InPlace();
-    installed.library = "/usr/local/lib";
+    installed.libDir = "/usr/local/lib";
     installed.found = false;
     std::vector<Step> steps = Diagnose(Healthy(), AnnOfTheGroup(), "", installed);
     EXPECT_EQ("fggggg", States(steps));
     EXPECT_EQ(Lines({"ldconfig"}), steps[0].advice);
     EXPECT_EQ("the loader has not seen /usr/local/lib/libsentrel-client.so.1 yet", steps[0].detail);
     // Where it does not look, as in a home, there is nothing to mend.
-    installed.library = "/home/ann/opt/lib";
+    installed.libDir = "/home/ann/opt/lib";
     installed.listed = false;
     steps = Diagnose(Healthy(), AnnOfTheGroup(), "", installed);
     EXPECT_EQ("gggggg", States(steps));
