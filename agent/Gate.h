@@ -83,7 +83,7 @@ protected:
     Errand& Reading() override { return *reading; }
 
 private:
-    Errand* reading = nullptr;  // while a message is read
+    std::shared_ptr<Errand> reading;  // the last one
 };
 
 }  // namespace agent

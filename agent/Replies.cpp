@@ -65,7 +65,9 @@ struct Replies::Table {
     void Told(uid_t uid, const std::string& busName, const sentrel::SR_DBusBacklog& backlog) {
         User& user = users[uid];
         user.open -= user.open > 0 ? 1 : 0;
-        told = told && (backlog.IsKnown() || backlog.IsGone());
+        if (!backlog.IsKnown() && !backlog.IsGone()) {
+            silentUntil = Clock::now() + std::chrono::minutes(1);
+        }
         const auto entry = user.names.find(busName);
         if (entry != user.names.end() && backlog.IsGone()) {
             Lower(uid, busName, 0);
@@ -91,7 +93,7 @@ struct Replies::Table {
 
     ReplyLimits limits;
     LeftAlone leftAlone;
-    bool told = true;  // until the bus refuses to
+    Clock::time_point silentUntil;  // the bus does not tell; it is asked again then
     std::map<uid_t, User> users;
     std::map<std::string, uid_t> owners;  // of the names that are in `users`
 };
@@ -154,7 +156,7 @@ void Replies::Forget(const std::string& busName) {
 // One round at a time; the connections with most of it come first.
 void Replies::Ask(uid_t uid) {
     Table::User& user = table->users[uid];
-    if (!table->told) {
+    if (Clock::now() < table->silentUntil) {
         return table->Fade(uid);
     }
     if (user.open > 0 || Clock::now() - user.asked < table->limits.pause) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Leads each request through the rooms behind the gate: parse, look at the caller, decide, run,
-// answer. Every request gets its one answer and its lines in the audit. The look happens in another
+// answer. Every request gets one answer at the most and its lines in the audit. The look happens in another
 // process (Relay.h), so one that hangs holds up nobody but its own connection, and that not long.
 //
 // Ownership: holds each answer until it is given, and each request until its process has ended.

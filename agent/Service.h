@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The agent's front. Everything that arrives on the connection comes by here before anything is
-// done for it, in this order: whose it is (asked of the bus, once for a connection), what its user
-// has sent lately, and only then what it wants. What comes out is a call with its caller, whose
-// executable nobody knows yet, and whether it is to be turned away.
+// The agent's front. Everything that arrives on the connection comes by here first: whose it is
+// (asked of the bus, once for a connection), what its user has sent lately, and only then what it
+// wants. What comes out is a call with its caller, whose executable nobody knows yet, and whether it
+// is to be turned away.
 //
-// A message whose sender is not known yet waits for the bus's word as what it wants, which is
-// small; so does what follows on its connection, so that the order is kept.
+// A message whose sender is not known yet is read, and what it wants waits for the bus's word; a
+// message may be large, that is small. What follows on its connection waits behind it, so that the
+// order is kept.
 //
 // What was passed in to Serve() is called on the loop's thread. The connection must outlive the
 // object; whoever holds answers must let go of them first.

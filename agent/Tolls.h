@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Counts what each user sends, so that nothing that reaches the agent is free: every message is
-// counted here before anything is done for it, whatever it is and whether anybody reads it.
+// counted here before it is carried out or answered, whatever it is.
 //
 // A user may send five times as many messages as requests in a minute, a third of them in one
 // burst. The next ones, up to a minute's worth more, are turned away with a short answer; beyond

@@ -108,6 +108,25 @@ protected:
     std::unique_ptr<Object> object;
 };
 
+// What SR_DBusBacklog::Ask() tells about a name.
+struct Told {
+    bool answered = false;
+    bool gone = false;
+    bool known = false;
+    std::size_t bytes = 0;
+};
+
+Told AskBacklog(test::Loop& loop, SR_DBusConnection& connection, const std::string& name) {
+    Told told;
+    EXPECT_TRUE(SR_DBusBacklog::Ask(
+        connection, name,
+        SlotOf<void, const SR_DBusBacklog&>([&told](const SR_DBusBacklog& backlog) {
+            told = {true, backlog.IsGone(), backlog.IsKnown(), backlog.GetBytes()};
+        })));
+    loop.RunUntil([&told] { return told.answered; });
+    return told;
+}
+
 TEST_F(ServerTest, AFilterSeesEveryMessageBeforeAnyObjectDoes) {
     Texts seen;
     const auto filter = Filter([&seen](const SR_DBusCallMessage& message) {
@@ -154,11 +173,30 @@ TEST_F(ServerTest, WhatAFilterThrowsTakesTheMessage) {
     EXPECT_EQ((Texts{"done"}), Ask(kInterface, "Do").arguments);
 }
 
-TEST_F(ServerTest, BehindAFilterTheObjectAnswersForThePeerInterface) {
+TEST_F(ServerTest, AFilterThatThrowsTakesNoAnswerOfTheBusAway) {
+    const auto filter = Filter([](const SR_DBusCallMessage& message) -> bool {
+        if (IsFromTheBus(message)) {
+            throw std::runtime_error("dropped");
+        }
+        return false;
+    });
+    EXPECT_TRUE(AskBacklog(loop, server, server.GetUniqueName()).known);
+}
+
+TEST_F(ServerTest, WhoIsThereIsToldAtEveryPathWithAndWithoutAFilter) {
+    for (int round = 0; round < 3; ++round) {
+        // Without one, with one that takes nothing, and again without.
+        const auto filter =
+            round == 1 ? Filter([](const SR_DBusCallMessage&) { return false; }) : nullptr;
+        for (const char* path : {kObject, "/", "/no/such/object"}) {
+            const Seen pong = Ask("org.freedesktop.DBus.Peer", "Ping", path);
+            EXPECT_EQ(DBUS_MESSAGE_TYPE_METHOD_RETURN, pong.type) << round << path;
+            EXPECT_EQ("", pong.signature);
+            EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod",
+                      Ask("org.freedesktop.DBus.Peer", "Other", path).error);
+        }
+    }
     const auto filter = Filter([](const SR_DBusCallMessage&) { return false; });
-    EXPECT_EQ("", Ask("org.freedesktop.DBus.Peer", "Ping").signature);
-    EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod",
-              Ask("org.freedesktop.DBus.Peer", "Other").error);
     const Seen id = Ask("org.freedesktop.DBus.Peer", "GetMachineId");
     char* const own = dbus_try_get_local_machine_id(nullptr);
     if (own != nullptr) {
@@ -232,25 +270,6 @@ TEST_F(ServerTest, AReturnAddressAnswersWithoutTheCall) {
     EXPECT_FALSE(address->WantsReply());
 }
 
-// What SR_DBusBacklog::Ask() tells about a name.
-struct Told {
-    bool answered = false;
-    bool gone = false;
-    bool known = false;
-    std::size_t bytes = 0;
-};
-
-Told AskBacklog(test::Loop& loop, SR_DBusConnection& connection, const std::string& name) {
-    Told told;
-    EXPECT_TRUE(SR_DBusBacklog::Ask(
-        connection, name,
-        SlotOf<void, const SR_DBusBacklog&>([&told](const SR_DBusBacklog& backlog) {
-            told = {true, backlog.IsGone(), backlog.IsKnown(), backlog.GetBytes()};
-        })));
-    loop.RunUntil([&told] { return told.answered; });
-    return told;
-}
-
 TEST_F(ServerTest, TheBusTellsWhatAPeerHasNotRead) {
     object.reset();
     object = std::make_unique<Object>(server, std::string(100000, 'x'));
@@ -320,6 +339,19 @@ TEST_F(ServerTest, APeerThatTakesNoAnswersDoesNotMakeTheServerDeaf) {
         answers += silent.Read();
         return answers >= 50;
     });
+}
+
+TEST_F(ServerTest, ASecondObjectOfAConnectionIsServedAndTheFirstStaysSoWhenItGoes) {
+    struct Other : public sentrel::SR_DBusIAdaptor, public SR_DBusAdaptor {
+        explicit Other(SR_DBusConnection& served)
+            : SR_DBusIAdaptor("org.sentrel.Other"), SR_DBusAdaptor(served, "/other") {}
+    };
+    auto other = std::make_unique<Other>(server);
+    EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod",
+              Ask("org.sentrel.Other", "Do", "/other").error);
+    EXPECT_EQ((Texts{"done"}), Ask(kInterface, "Do").arguments);
+    other.reset();
+    EXPECT_EQ((Texts{"done"}), Ask(kInterface, "Do").arguments);
 }
 
 TEST_F(ServerTest, AServerWhoseBusGoesAwaySeesItsEnd) {

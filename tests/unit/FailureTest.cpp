@@ -680,6 +680,16 @@ TEST_F(ServingTest, APathThatCannotBeRegisteredThrows) {
     EXPECT_EQ(2, Fake().references);
 }
 
+TEST_F(ServingTest, WhereTheSocketCannotBeServedInBothDirectionsItStaysWatchedAsBefore) {
+    const auto before = Fake().removeWatch;
+    ASSERT_NE(nullptr, before);
+    Fail("dbus_connection_set_watch_functions");
+    EXPECT_THROW({ Served object(connection); }, std::bad_alloc);
+    EXPECT_EQ(before, Fake().removeWatch);
+    EXPECT_EQ(2, Fake().references);
+    EXPECT_TRUE(Fake().paths.empty());
+}
+
 TEST_F(ServingTest, AServedObjectHoldsAHandleAndTakesItsPathBack) {
     {
         const Served object(connection);

@@ -5,6 +5,7 @@
 #include "SR_DBusError.h"
 #include "SR_DBusJoinedWatchesImpl.h"
 #include "SR_DBusMessageImpl.h"
+#include "SR_DBusPeerImpl.h"
 
 namespace sentrel {
 
@@ -13,7 +14,6 @@ namespace {
 const char kFailed[] = "org.freedesktop.DBus.Error.Failed";
 const char kIntrospectable[] = "org.freedesktop.DBus.Introspectable";
 const char kIntrospect[] = "Introspect";
-const char kPeer[] = "org.freedesktop.DBus.Peer";
 
 const char kIntrospectionHead[] =
     "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
@@ -75,8 +75,8 @@ public:
         }
         const char* interfaceName = call.GetInterface();
         const std::string member(call.GetMember());
-        if (interfaceName != nullptr && std::string(interfaceName) == kPeer) {
-            return AnswerPeer(call, member);
+        if (SR_DBusPeer::IsFor(call)) {
+            return SR_DBusPeer::Answer(call);
         }
         if (interfaceName != nullptr && std::string(interfaceName) != kIntrospectable) {
             return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownInterface",
@@ -91,25 +91,6 @@ public:
     }
 
 private:
-    // Only when they come by an SR_DBusFilter; else libdbus has answered them.
-    static SR_DBusMessage AnswerPeer(const SR_DBusCallMessage& call, const std::string& member) {
-        SR_DBusReturnMessage reply(call);
-        if (member == "Ping") {
-            return reply;
-        }
-        if (member != "GetMachineId") {
-            return SR_DBusErrorMessage(call, "org.freedesktop.DBus.Error.UnknownMethod", member);
-        }
-        SR_DBusError error;
-        char* const id = dbus_try_get_local_machine_id(error.Get());
-        if (id == nullptr) {
-            throw SR_DBusException(error);
-        }
-        (void)reply.GetWriter().AppendString(id);
-        dbus_free(id);
-        return reply;
-    }
-
     // By the call's interface; a call without one goes to the first in the table that has the
     // member.
     static SR_DBusIAdaptor* Find(const SR_DBusAdaptor& object, const SR_DBusCallMessage& call) {

@@ -31,8 +31,8 @@ public:
 
 class SR_EXPORT SR_DBusAdaptor : public virtual SR_DBusBaseAdaptor {
 public:
-    // Registers `path` on the connection. Throws SR_DBusException when it is taken there, and
-    // std::bad_alloc.
+    // Registers `path` on the connection. Throws SR_DBusException when it is taken there or memory
+    // ends, and std::bad_alloc.
     SR_DBusAdaptor(SR_DBusConnection& connection, const std::string& path);
     // Takes the path back. Calls kept for a later answer stay valid, but Reply() is gone.
     ~SR_DBusAdaptor() override;
@@ -42,8 +42,9 @@ public:
     bool Reply(const SR_DBusMessage& call, const SR_DBusMessage& reply);
 
     // What the object answers to `call`, without sending it: for a call that an SR_DBusFilter took.
-    // The call itself when a handler answers later. What a handler throws becomes an error reply;
-    // throws std::bad_alloc.
+    // SR_DBusConnection::Send() sends it, if WantsReply(). When a handler answers later it is the
+    // call itself, by its GetType() still a method call, and must not be sent. What a handler
+    // throws becomes an error reply; throws std::bad_alloc.
     SR_DBusMessage Answer(const SR_DBusCallMessage& call);
 
     // Whether the caller waits for a reply to `call`.

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// How much a bus holds for a connection that has not read it yet, in the bus's own word: for a
+// How much of what was sent to one connection the bus still holds, because it was not read: for a
 // server that must not let one silent peer use up what the bus keeps for it.
 //
-// Told by dbus-daemon where it was built with its statistics, and on a system bus to root only. A
-// value object: copies are independent.
+// dbus-daemon tells where it was built with its statistics, and on a system bus only root is told.
+// A value object: copies are independent. Threads: Ask() on the one that runs the dispatcher's
+// loop.
 #ifndef SENTREL_SR_DBUSBACKLOG_H
 #define SENTREL_SR_DBUSBACKLOG_H
 
@@ -22,7 +23,7 @@ public:
     // Asks the bus and returns at once; the dispatcher's loop calls `answer` later, once. When the
     // bus or the connection goes away first, `answer` is never called; it is released with the
     // connection. What it throws is dropped. False, and never a call, when out of memory or not
-    // connected.
+    // connected; std::bad_alloc likewise. `busName` must be valid UTF-8.
     static bool Ask(SR_DBusConnection& connection, const std::string& busName,
                     const Slot<void, const SR_DBusBacklog&>& answer);
 

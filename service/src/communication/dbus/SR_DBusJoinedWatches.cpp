@@ -93,10 +93,9 @@ private:
 
 void SR_DBusJoinedWatches::Install(DBusConnection* connection, SR_DBusDispatcher& dispatcher) {
     auto* const joined = new SR_DBusJoinedWatches(dispatcher);
-    // The ones of before first, on their own: libdbus would hand its watches to the new functions
-    // before it takes them from the old ones.
-    (void)dbus_connection_set_watch_functions(connection, nullptr, nullptr, nullptr, nullptr,
-                                              nullptr);
+    // libdbus hands every watch to the new functions before it takes it from the old ones, and
+    // leaves the old ones in place when that fails. Nothing of ours stands in the watches' user
+    // data, so that the old ones find theirs.
     if (dbus_connection_set_watch_functions(connection, AddWatch, RemoveWatch, ToggleWatch, joined,
                                             Delete) == 0) {
         delete joined;

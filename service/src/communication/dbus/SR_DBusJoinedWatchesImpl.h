@@ -4,9 +4,9 @@
 // libdbus watches its one socket twice, for reading and for writing. The loop hands a result to the
 // first enabled watch on a descriptor, so while libdbus has something to write, what is there to
 // read goes to the watch for writing, which has no use for it: a peer that takes no answers would
-// make the server deaf, and the loop turn without end. A client never waits in the loop; a server
-// always does. So for a server the two are one event of the loop that asks for what both want and
-// hands each what it asked for.
+// make the server deaf, and the loop turn without end. A client need not wait in the loop; a server
+// does. So for a server the two are one event of the loop that asks for what both want and
+// hands each what it asked for. That a watch is toggled leaves no line in the log here.
 //
 // Ownership: libdbus owns the object and deletes it with the connection, or when another one is
 // installed there. The events are the registry's, as the dispatcher's own are.
@@ -24,8 +24,8 @@ namespace sentrel {
 
 class SR_HIDDEN SR_DBusJoinedWatches {
 public:
-    // Takes the place of the watch functions that the connection has. Throws std::bad_alloc; the
-    // connection is then watched no more.
+    // Takes the place of the watch functions that the connection has, of an earlier object of this
+    // class too. Throws std::bad_alloc; the connection is then watched as before.
     static void Install(DBusConnection* connection, SR_DBusDispatcher& dispatcher);
 
     SR_DBusJoinedWatches(const SR_DBusJoinedWatches&) = delete;

@@ -2,7 +2,7 @@
 // Where the answer to a call goes, without the call: a call may be large, and whoever answers later
 // need not keep it.
 //
-// A value object: copies are independent.
+// A value object: copies are independent, and may be used on any thread.
 #ifndef SENTREL_SR_DBUSRETURNADDRESS_H
 #define SENTREL_SR_DBUSRETURNADDRESS_H
 
