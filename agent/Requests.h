@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Leads each request through the rooms behind the gate: parse, look at the caller, decide, run,
-// answer. Every request gets one answer at the most and its lines in the audit. The look happens in another
-// process (Relay.h), so one that hangs holds up nobody but its own connection, and that not long.
+// answer. Every request gets one answer at the most and its lines in the audit. The look happens in
+// another process (Relay.h), so one that hangs holds up nobody but its own connection, and that not
+// long.
 //
 // Ownership: holds each answer until it is given, and each request until its process has ended.
 // Store, audit and loop are not owned and must outlive it. Threads: the one that runs the loop.
