@@ -2,6 +2,7 @@
 #include "Bind.h"
 
 #include <errno.h>
+#include <sys/mount.h>
 #include <sys/statvfs.h>
 
 #include <cstring>
@@ -48,7 +49,9 @@ bool HasFlags(int mount, std::uint64_t wanted) {
 
 OwnedFd MakeBind(const PinnedPath& source, const BindFlags& flags, std::string& reason) {
     OwnedFd mount = CloneMount(source.object.Get(), "");
-    if (!mount || !SetMountFlags(mount.Get(), flags.set, flags.clear)) {
+    // A copy of a shared mount is its peer: what is mounted below the one appears below the other,
+    // and goes there too. So no rule's place would end where it says. Private it has no peers.
+    if (!mount || !SetMountFlags(mount.Get(), flags.set, flags.clear, MS_PRIVATE)) {
         reason = Why(errno);
         return OwnedFd();
     }

@@ -14,7 +14,8 @@ struct Row {
 };
 
 // The kernel takes one of the three ways to keep access times only in the place of all. The first
-// two rows say what a bind mount is anyway.
+// two rows say what a bind mount is anyway. What protects, the source's mount keeps: "rw" and its
+// like take nothing from it, only from what is named before them.
 const Row kRows[] = {
     {"bind", 0, 0},
     {"defaults", 0, 0},
@@ -56,8 +57,10 @@ void AddBindOption(const std::string& option, BindFlags& flags) {
     if (row == nullptr) {
         return;
     }
+    const std::uint64_t kept = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV |
+                               MOUNT_ATTR_NOEXEC | MOUNT_ATTR_NOSYMFOLLOW;
     flags.set = (flags.set & ~row->clear) | row->set;
-    flags.clear = (flags.clear & ~row->set) | row->clear;
+    flags.clear = (flags.clear & ~row->set) | (row->clear & ~kept);
 }
 
 }  // namespace agent

@@ -22,8 +22,8 @@
 namespace agent {
 
 struct CallerLimits {
-    std::size_t ofOne = 131072;     // bytes of what waits for the answer about one name
-    std::size_t waiting = 4194304;  // and for any
+    std::size_t ofOne = 524288;     // bytes of what waits for the answer about one name
+    std::size_t waiting = 2097152;  // and for any
     std::size_t all = 256;          // open questions to the bus
     std::size_t kept = 1024;        // answers; the ones not used longest go first
 };

@@ -197,9 +197,24 @@ std::shared_ptr<const Errand> Gate::Read(const sentrel::SR_DBusCallMessage& mess
     reading = errand;
     const sentrel::SR_DBusMessage reply = Answer(message);
     if (!errand->call && !errand->question) {
-        errand->reply.emplace(reply);
+        Keep(*errand, reply);
     }
     return errand;
+}
+
+// The object's description is long and always the same: it is kept once.
+void Gate::Keep(Errand& errand, const sentrel::SR_DBusMessage& reply) {
+    const int returned = 2;  // libdbus's message type
+    sentrel::SR_DBusMessageIter reader = reply.GetReader();
+    if (reply.GetType() != returned || reader.GetArgType() != 's') {
+        errand.reply.emplace(reply);
+        return;
+    }
+    const char* const text = reader.GetString();
+    if (!description || *description != text) {
+        description = std::make_shared<const std::string>(text);
+    }
+    errand.text = description;
 }
 
 }  // namespace agent

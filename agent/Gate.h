@@ -41,10 +41,11 @@ struct Errand {
     explicit Errand(const sentrel::SR_DBusReturnAddress& to) : address(to) {}
 
     sentrel::SR_DBusReturnAddress address;
-    // One of the three.
+    // One of the four.
     std::optional<Call> call;
     std::optional<Question> question;
     std::optional<sentrel::SR_DBusMessage> reply;  // to be sent as it is
+    std::shared_ptr<const std::string> text;       // to be returned; shared by all that return it
 };
 
 class CallInterface : public sentrel::SR_DBusIAdaptor {
@@ -83,7 +84,10 @@ protected:
     Errand& Reading() override { return *reading; }
 
 private:
-    std::shared_ptr<Errand> reading;  // the last one
+    void Keep(Errand& errand, const sentrel::SR_DBusMessage& reply);
+
+    std::shared_ptr<Errand> reading;                 // the last one
+    std::shared_ptr<const std::string> description;  // the last one that was asked for
 };
 
 }  // namespace agent

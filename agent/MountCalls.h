@@ -23,11 +23,13 @@ inline OwnedFd CloneMount(int directory, const char* path) {
     return OwnedFd(static_cast<int>(syscall(SYS_open_tree, directory, path, flags)));
 }
 
-// All at once or none, MOUNT_ATTR_ of linux/mount.h.
-inline bool SetMountFlags(int mount, std::uint64_t set, std::uint64_t clear) {
+// All at once or none, MOUNT_ATTR_ of linux/mount.h; `propagation` as for mount(2), 0 to leave it.
+inline bool SetMountFlags(int mount, std::uint64_t set, std::uint64_t clear,
+                          std::uint64_t propagation = 0) {
     mount_attr attributes = {};
     attributes.attr_set = set;
     attributes.attr_clr = clear;
+    attributes.propagation = propagation;
     return syscall(SYS_mount_setattr, mount, "", AT_EMPTY_PATH, &attributes, sizeof attributes) ==
            0;
 }

@@ -135,7 +135,8 @@ void Replies::Send(uid_t uid, const sentrel::SR_DBusReturnAddress& address,
     if (user.sum + bytes > table->limits.ask) {
         Ask(uid);
     }
-    if (user.sum + bytes > table->MostOf(uid)) {
+    // One alone is always sent, however long it is.
+    if (user.sum > 0 && user.sum + bytes > table->MostOf(uid)) {
         if (!user.alone && table->leftAlone) {
             table->leftAlone(uid, user.sum);
         }
@@ -149,7 +150,12 @@ void Replies::Send(uid_t uid, const sentrel::SR_DBusReturnAddress& address,
 void Replies::Forget(const std::string& busName) {
     const auto owner = table->owners.find(busName);
     if (owner != table->owners.end()) {
-        table->Lower(uid_t(owner->second), std::string(busName), 0);
+        const uid_t uid = owner->second;
+        table->Lower(uid, std::string(busName), 0);
+        const auto user = table->users.find(uid);
+        if (user->second.names.empty() && user->second.open == 0) {
+            table->users.erase(user);
+        }
     }
 }
 

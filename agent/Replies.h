@@ -30,7 +30,10 @@ struct ReplyLimits {
     std::size_t ask = 262144;    // bytes that one user may have unread before the bus is asked
     std::size_t most = 1048576;  // and before it gets no more answers
     std::size_t mostOfRoot = 16777216;
-    std::size_t fade = 102400;             // a minute, where the bus does not tell
+    // What counts as read in a minute where the bus does not tell. It covers the answers to all
+    // requests that a user may make; root is not counted, and gets more.
+    std::size_t fade = 409600;
+    std::size_t fadeOfRoot = 67108864;
     std::size_t questions = 64;            // in one round about one user
     std::chrono::milliseconds pause{100};  // between two rounds about one user
 };

@@ -123,13 +123,16 @@ void Requests::TurnAway(const Arrival& arrival) {
 void Requests::TakeUnknown(const std::string& sender, const std::optional<Call>& call,
                            const std::string& reason) {
     ++refused;
-    AuditRequest request;
-    request.id = ++lastId;
-    if (call) {
-        request.agent = call->agent;
-        DescribeArguments(call->text, false, request);
-    }
-    strangers.Unknown(request, reason + ": " + sender);
+    const auto describe = [&] {
+        AuditRequest request;
+        request.id = ++lastId;
+        if (call) {
+            request.agent = call->agent;
+            DescribeArguments(call->text, false, request);
+        }
+        return request;
+    };
+    strangers.Unknown(describe, reason + ": " + sender);
 }
 
 void Requests::TakeTooMany(uid_t uid) {

@@ -17,12 +17,14 @@ const int kMethodCall = 1;  // libdbus's message type
 
 // About what an errand and what belongs to it take in memory.
 std::size_t SizeOf(const std::shared_ptr<const Errand>& errand) {
-    const std::size_t some = 512;
-    return errand && errand->call ? some + errand->call->agent.size() + errand->call->text.size()
-           : errand && errand->question
-               ? some + errand->question->agent.size() + errand->question->text.size()
-           : errand ? 4096
-                    : some;
+    std::size_t size = 512;
+    if (errand && errand->call) {
+        size += errand->call->agent.size() + errand->call->text.size();
+    }
+    if (errand && errand->question) {
+        size += errand->question->agent.size() + errand->question->text.size();
+    }
+    return size;
 }
 
 // What is thrown must not take the loop along.
@@ -37,11 +39,13 @@ void Guarded(const std::string& sender, const Function& function) {
 
 }  // namespace
 
-Service::Service(sentrel::SR_DBusConnection& bus, std::size_t requestsPerMinute)
+Service::Service(sentrel::SR_MainLoop& loop, sentrel::SR_DBusConnection& bus,
+                 std::size_t requestsPerMinute)
     : tolls(requestsPerMinute),
       replies(bus),
       gate(bus),
       callers(bus),
+      work(loop),
       filter(bus, sentrel::Slot<bool, const sentrel::SR_DBusCallMessage&>(
                       boost::make_shared<
                           sentrel::Callback<Service, bool, const sentrel::SR_DBusCallMessage&> >(
@@ -64,6 +68,7 @@ bool Service::Take(const sentrel::SR_DBusCallMessage& message) {
         TakeFromBus(message);
         return false;
     }
+    work.Arrived();
     const auto received = std::chrono::steady_clock::now();
     const bool isCall = message.GetType() == kMethodCall;
     const std::string from = sender;
@@ -72,7 +77,7 @@ bool Service::Take(const sentrel::SR_DBusCallMessage& message) {
         if (const Caller* known = callers.Find(from)) {
             const Caller caller = *known;
             if (Counts(caller, turn) && isCall) {
-                Carry(*gate.Read(message), caller, turn, received);
+                Admit(gate.Read(message), caller, turn, received);
             }
             return;
         }
@@ -82,7 +87,7 @@ bool Service::Take(const sentrel::SR_DBusCallMessage& message) {
             [this, errand, received](const Caller& caller) {
                 Turn itsTurn = Turn::kTaken;
                 if (Counts(caller, itsTurn) && errand) {
-                    Carry(*errand, caller, itsTurn, received);
+                    Admit(errand, caller, itsTurn, received);
                 }
             },
             [this, from, errand](const std::string& reason) {
@@ -113,6 +118,13 @@ bool Service::Counts(const Caller& caller, Turn& turn) {
     return turn != Turn::kSilent;
 }
 
+void Service::Admit(const std::shared_ptr<const Errand>& errand, const Caller& caller, Turn turn,
+                    std::chrono::steady_clock::time_point received) {
+    work.Add(caller.uid, [this, errand, caller, turn, received] {
+        Guarded(caller.busName, [&] { Carry(*errand, caller, turn, received); });
+    });
+}
+
 void Service::Carry(const Errand& errand, const Caller& caller, Turn turn,
                     std::chrono::steady_clock::time_point received) {
     if (errand.call) {
@@ -129,9 +141,11 @@ void Service::Carry(const Errand& errand, const Caller& caller, Turn turn,
         if (receivers.question) {
             receivers.question(*errand.question, caller, reply);
         }
+    } else if (errand.text) {
+        const auto reply = std::make_shared<TextReply>(replies, caller.uid, errand.address);
+        reply->Set(*errand.text);
     } else {
-        // Introspection is the largest of these.
-        replies.Send(caller.uid, errand.address, *errand.reply, 4096);
+        replies.Send(caller.uid, errand.address, *errand.reply, 100);
     }
 }
 

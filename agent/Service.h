@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The agent's front. Everything that arrives on the connection comes by here first: whose it is
 // (asked of the bus, once for a connection), what its user has sent lately, and only then what it
-// wants. What comes out is a call with its caller, whose executable nobody knows yet, and whether it
-// is to be turned away.
+// wants. What comes out is a call with its caller, whose executable nobody knows yet, and whether
+// it is to be turned away.
 //
 // A message whose sender is not known yet is read, and what it wants waits for the bus's word; a
 // message may be large, that is small. What follows on its connection waits behind it, so that the
@@ -27,6 +27,7 @@
 #include "Gate.h"
 #include "Replies.h"
 #include "Tolls.h"
+#include "WorkQueue.h"
 
 namespace agent {
 
@@ -60,10 +61,13 @@ struct Receivers {
 class Service {
 public:
     // Registers the object; the name is to be requested later. Throws SR_DBusException.
-    Service(sentrel::SR_DBusConnection& bus, std::size_t requestsPerMinute);
+    Service(sentrel::SR_MainLoop& loop, sentrel::SR_DBusConnection& bus,
+            std::size_t requestsPerMinute);
 
     // Until then every call fails.
     void Serve(const Receivers& newReceivers);
+    // Hands on at once what waits for its turn.
+    void Finish() { work.Finish(); }
     // Whether the bus is still there.
     bool Connected() const { return gate.Connected(); }
 
@@ -71,6 +75,8 @@ private:
     bool Take(const sentrel::SR_DBusCallMessage& message);
     void TakeFromBus(const sentrel::SR_DBusCallMessage& message);
     bool Counts(const Caller& caller, Turn& turn);
+    void Admit(const std::shared_ptr<const Errand>& errand, const Caller& caller, Turn turn,
+               std::chrono::steady_clock::time_point received);
     void Carry(const Errand& errand, const Caller& caller, Turn turn,
                std::chrono::steady_clock::time_point received);
 
@@ -79,6 +85,7 @@ private:
     Replies replies;
     Gate gate;
     Callers callers;
+    WorkQueue work;
     sentrel::SR_DBusFilter filter;  // goes first: nothing arrives any more
 };
 

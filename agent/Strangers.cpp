@@ -10,10 +10,10 @@ Strangers::~Strangers() {
     Flush();
 }
 
-void Strangers::Unknown(const AuditRequest& request, const std::string& reason) {
+void Strangers::Unknown(const std::function<AuditRequest()>& describe, const std::string& reason) {
     if (written < kLines) {
         ++written;
-        audit.Denied(request, 1, reason);
+        audit.Denied(describe(), 1, reason);
     } else {
         ++left;
     }

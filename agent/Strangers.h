@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -28,8 +29,8 @@ public:
     Strangers(const Strangers&) = delete;
     Strangers& operator=(const Strangers&) = delete;
 
-    // Nobody knows whose it is.
-    void Unknown(const AuditRequest& request, const std::string& reason);
+    // Nobody knows whose it is. `describe` is called for those that get a line.
+    void Unknown(const std::function<AuditRequest()>& describe, const std::string& reason);
     // One too many of that user's.
     void TooMany(uid_t uid);
     // Writes at once what would be written when the second is over.

@@ -233,7 +233,7 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::Audit audit = options.auditToStandardError ? agent::Audit(agent::StandardError())
                                                       : agent::Audit(systemLog);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
-    agent::Service service(connection, options.limits.perMinute);
+    agent::Service service(dispatcher, connection, options.limits.perMinute);
     agent::Requests requests(dispatcher, store, audit, options.limits);
     agent::RuleLoader loader(dispatcher, store, kLongestLoad);
     agent::Control control(
@@ -258,7 +258,10 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
              " rules");
     Handlers handlers;
     handlers.onHangUp = [&] { Reload(loader, store, [](const agent::LoadResult&) {}); };
-    handlers.endAll = [&requests] { requests.EndAll(); };
+    handlers.endAll = [&] {
+        requests.EndAll();
+        service.Finish();
+    };
     handlers.settled = [&requests] { return requests.Settled(); };
     return Run(dispatcher, service, signals, handlers);
 }
@@ -275,7 +278,7 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
     sentrel::SR_DBusDispatcher dispatcher;
     const Logs logs(dispatcher);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
-    agent::Service service(connection, options.limits.perMinute);
+    agent::Service service(dispatcher, connection, options.limits.perMinute);
     agent::Mock mock(dispatcher, rows);
     agent::Receivers receivers;
     receivers.request = [&mock](const agent::Arrival& arrival) { mock.Take(arrival); };
@@ -291,7 +294,10 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
              std::to_string(rows.size()) + " answers");
     Handlers handlers;
     handlers.onHangUp = [] { Complain("a table is read at the start only"); };
-    handlers.endAll = [&mock] { mock.EndAll(); };
+    handlers.endAll = [&] {
+        service.Finish();
+        mock.EndAll();
+    };
     handlers.settled = [&mock] { return mock.Settled(); };
     return Run(dispatcher, service, signals, handlers);
 }

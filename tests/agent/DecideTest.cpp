@@ -159,11 +159,12 @@ TEST(Decide, ABindMountsFlagsAreTheCallersOverruledByTheForcedOnes) {
     typedef std::pair<std::uint64_t, std::uint64_t> Flags;
     EXPECT_EQ(flags("", ""), Flags(forced, 0));
     EXPECT_EQ(flags("", ",ro,noexec"), Flags(forced | MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC, 0));
-    EXPECT_EQ(flags("", ",ro,rw,exec"), Flags(forced, MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC));
+    // What the source's mount has to protect, no word takes away.
+    EXPECT_EQ(flags("", ",ro,rw,exec"), Flags(forced, 0));
     EXPECT_EQ(flags("options.always = [\"ro\", \"noexec\"]\n", ",exec,rw"),
               Flags(forced | MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOEXEC, 0));
     EXPECT_EQ(flags("suid = true\ndev = true\n", ""), Flags(0, 0));
-    EXPECT_EQ(flags("suid = true\ndev = true\n", ",suid,dev"), Flags(0, forced));
+    EXPECT_EQ(flags("suid = true\ndev = true\n", ",suid,dev"), Flags(0, 0));
     EXPECT_EQ(flags("suid = true\noptions.always = \"nosuid\"\n", ",suid"), Flags(forced, 0));
     EXPECT_EQ(flags("", ",noatime,nodiratime"),
               Flags(forced | MOUNT_ATTR_NOATIME | MOUNT_ATTR_NODIRATIME, MOUNT_ATTR__ATIME));

@@ -517,6 +517,24 @@ TEST_F(MountTest, AMountInASharedPlaceIsHandedOnToItsPeers) {
     EXPECT_EQ(umount2(place.c_str(), MNT_DETACH), 0);
 }
 
+// Else whoever may mount below the one place reaches the other.
+TEST_F(MountTest, ABindMountIsNoPeerOfItsSource) {
+    const std::string source = directory / "shared";
+    ASSERT_EQ(mkdir(source.c_str(), 0755), 0);
+    ASSERT_EQ(mount("none", source.c_str(), "tmpfs", 0, ""), 0);
+    ASSERT_EQ(mount(nullptr, source.c_str(), nullptr, MS_SHARED, nullptr), 0);
+    ASSERT_EQ(mkdir((source + "/sub").c_str(), 0755), 0);
+    ExpectFine(Run(BindPlan(source, target)));
+    ExpectFine(Run(MountPlan({"-t", "tmpfs", "-o", "nosuid,nodev"}, "none", target + "/sub")));
+    EXPECT_NE(MountedOn(target + "/sub"), "");
+    EXPECT_EQ(MountedOn(source + "/sub"), "");
+    ExpectFine(Run(UmountPlan(target + "/sub")));
+    // Nor does what root mounts in the source appear there, without the forced flags.
+    ASSERT_EQ(mount("none", (source + "/sub").c_str(), "tmpfs", 0, ""), 0);
+    EXPECT_EQ(MountedOn(target + "/sub"), "");
+    EXPECT_EQ(umount2(source.c_str(), MNT_DETACH), 0);
+}
+
 // ---- the second look, at the mount in its place
 
 TEST_F(MountTest, AMountInItsPlaceWithoutAFlagIsTakenBackThoughItsParentWasRenamed) {
