@@ -56,11 +56,12 @@ configure_and_build() {
 
 # run_tests PRESET: those that the list names; under the command in $runner, if any
 runner=()
+# One more at once than there are processors: many of them wait for something.
 run_tests() {
     local junit=$logs/$1.xml log=$logs/$1-tests.log labels lines status=0
     labels=$(python3 -B tests/where.py labels "$mode" "$1")
     with_progress "$1 tests" "$log" "${runner[@]}" ctest --test-dir "build/$1" -L "$labels" \
-        -j "$jobs" --timeout 120 --output-on-failure --no-tests=error --output-junit "$junit" ||
+        -j "$((jobs + 1))" --timeout 120 --output-on-failure --no-tests=error --output-junit "$junit" ||
         status=$?
     if ! lines=$(python3 -B tests/where.py sum "$junit"); then
         lines="0 0 0"
@@ -136,7 +137,8 @@ coverage_stage() {
 }
 
 asan_stage() {
-    count "address and undefined behaviour sanitizer build" asan.log configure_and_build asan &&
+    count "address and undefined behaviour sanitizer build" asan.log configure_and_build asan \
+        -DCMAKE_C_FLAGS_DEBUG=-g1 -DCMAKE_CXX_FLAGS_DEBUG=-g1 &&
         UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
 }
 
@@ -150,7 +152,11 @@ tsan_stage() {
     runner=()
 }
 
-clang_stage() { count "clang++ build" clang.log configure_and_build clang; }
+# Built for its warnings and for clang-tidy, and never run: without what debuggers need.
+clang_stage() {
+    count "clang++ build" clang.log configure_and_build clang \
+        -DCMAKE_C_FLAGS_DEBUG= -DCMAKE_CXX_FLAGS_DEBUG=
+}
 
 static_stage() {
     count "clang-tidy" tidy.log check_tidy
