@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an administrator reads, and what a caller cannot make him read.
-#include "Audit.h"
+#include "answer/Audit.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include <linux/mount.h>
 #include <sys/stat.h>
 
-#include "Decide.h"
+#include "decide/Decide.h"
 
 #include <gtest/gtest.h>
 

@@ -9,9 +9,9 @@
 #include <iostream>
 #include <set>
 
-#include "Decide.h"
 #include "Denials.h"
 #include "Oracle.h"
+#include "decide/Decide.h"
 
 namespace {
 

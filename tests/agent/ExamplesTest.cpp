@@ -8,9 +8,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "Decide.h"
 #include "Oracle.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
+#include "decide/RuleCheck.h"
+#include "decide/RuleReader.h"
+#include "rules/RuleFiles.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <csignal>
 #include <sstream>
 
-#include "Audit.h"
-#include "Log.h"
 #include "LogReader.h"
 #include "RunFixture.h"
 #include "RunProgram.h"
+#include "answer/Audit.h"
+#include "answer/Log.h"
 
 using agent::AttachedLog;
 using agent::ErrorStream;

@@ -10,8 +10,8 @@
 #include <map>
 #include <sstream>
 
-#include "Decide.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
 
 using agent::Pin;
 

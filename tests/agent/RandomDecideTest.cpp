@@ -9,9 +9,9 @@
 #include <iostream>
 #include <random>
 
-#include "Decide.h"
 #include "Oracle.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
 
 namespace {
 

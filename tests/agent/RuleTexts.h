@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Accounts.h"
-#include "Permit.h"
-#include "Rules.h"
+#include "base/Caller.h"
+#include "decide/Accounts.h"
+#include "decide/Rule.h"
 
 // player is 1000 with the primary group 1100, media is 1001 and in the group media (44); there
 // is the group disk (6) too.

@@ -6,10 +6,10 @@
 
 #include <set>
 
-#include "Credentials.h"
-#include "Pidfd.h"
-#include "Quota.h"
 #include "RunFixture.h"
+#include "base/Process.h"
+#include "passage/Quota.h"
+#include "run/Credentials.h"
 
 using agent::Pin;
 using agent::Plan;

@@ -16,11 +16,11 @@
 #include <cstddef>
 #include <cstring>
 
-#include "Aftercheck.h"
 #include "FuseMount.h"
 #include "MountNamespace.h"
 #include "RunFixture.h"
-#include "Unmount.h"
+#include "run/Aftercheck.h"
+#include "run/Unmount.h"
 
 using agent::Pin;
 using agent::Plan;

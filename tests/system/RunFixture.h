@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "Executor.h"
 #include "Skip.h"
+#include "run/Executor.h"
 
 namespace agent {
 
