@@ -72,7 +72,7 @@ public:
         Number("uid", static_cast<long>(request.uid));
         Number("pid", request.pid);
         Text("exe", request.executable);
-        Text("agent", request.agent);
+        Text("agent", request.operation);
         Text("args", arguments, kLongestArguments);
         Text("rule", request.rule);
     }

@@ -23,7 +23,7 @@ struct AuditRequest {
     uid_t uid = static_cast<uid_t>(-1);
     pid_t pid = 0;
     std::string executable;
-    std::string agent;
+    std::string operation;
     std::vector<std::string> arguments;  // as split; when that failed, the whole text as one
     bool split = true;
     std::string rule;  // FILE:LINE; empty: none

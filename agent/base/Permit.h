@@ -58,7 +58,7 @@ struct NodeSpec {
 // What the agent does itself, without a tool, has its command all the same: it is what an
 // administrator sees.
 struct Plan {
-    std::string agent;              // "sr_mount"
+    std::string operation;          // "sr_mount"
     std::vector<std::string> argv;  // argv[0] is the tool's absolute path; "--" before operands
     std::vector<Pin> pins;
     // A text that must reach the tool but must not be seen: written to a pipe whose number the tool

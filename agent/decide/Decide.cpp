@@ -210,7 +210,7 @@ Decision Decider::Apply(const Rule& rule, const Request& request,
     } else if (!rule.permit) {
         decision.reason = "a rule forbids this";
         decision.detail = start + "forbids it";
-    } else if (ToolFor(tools, request.agent).empty()) {
+    } else if (ToolFor(tools, request.operation).empty()) {
         decision.status = kNotImplemented;
         decision.reason = "the tool for this is not on this system";
         decision.detail = start + "allows it, but the tool is not on this system";
@@ -239,7 +239,7 @@ Decision Decider::Decide(const RuleSet& set, const Caller& caller, const Request
     int best = 0;
     for (const Rule& rule : set.rules) {
         Matching matching(rule, caller, request, variables);
-        if (rule.agent != request.agent) {
+        if (rule.operation != request.operation) {
             continue;
         }
         if (matching.Run()) {

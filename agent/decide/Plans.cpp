@@ -214,7 +214,7 @@ bool BuildSystemctl(const Build& build) {
 }
 
 struct BuilderRow {
-    const char* agent;
+    const char* operation;
     const std::string Tools::*tool;  // null: the agent does it itself
     bool (*run)(const Build& build);
 };
@@ -230,9 +230,9 @@ const BuilderRow kBuilders[] = {
     {"sr_systemctl", &Tools::systemctl, BuildSystemctl},
 };
 
-const BuilderRow* FindBuilder(const std::string& agent) {
+const BuilderRow* FindBuilder(const std::string& operation) {
     for (const BuilderRow& row : kBuilders) {
-        if (agent == row.agent) {
+        if (operation == row.operation) {
             return &row;
         }
     }
@@ -241,22 +241,22 @@ const BuilderRow* FindBuilder(const std::string& agent) {
 
 }  // namespace
 
-const std::string& ToolFor(const Tools& tools, const std::string& agent) {
+const std::string& ToolFor(const Tools& tools, const std::string& operation) {
     static const std::string kNoTool;
     static const std::string kNode = "mknod";
-    const BuilderRow* row = FindBuilder(agent);
+    const BuilderRow* row = FindBuilder(operation);
     return row == nullptr ? kNoTool : row->tool == nullptr ? kNode : tools.*row->tool;
 }
 
 bool BuildPlan(const Rule& rule, const Request& request, const Tools& tools,
                const Variables& variables, Plan& plan, std::string& error) {
-    const BuilderRow* row = FindBuilder(request.agent);
+    const BuilderRow* row = FindBuilder(request.operation);
     if (row == nullptr) {
         error = "there is no such operation";
         return false;
     }
-    plan.agent = request.agent;
-    plan.argv.push_back(ToolFor(tools, request.agent));
+    plan.operation = request.operation;
+    plan.argv.push_back(ToolFor(tools, request.operation));
     plan.deadline = rule.deadline;
     return row->run(Build{rule, request, variables, plan, error});
 }

@@ -14,7 +14,7 @@ namespace agent {
 
 // The path of the tool for an agent, a bare name for what the agent does itself; empty when there
 // is none.
-const std::string& ToolFor(const Tools& tools, const std::string& agent);
+const std::string& ToolFor(const Tools& tools, const std::string& operation);
 
 // Rebuilds the command from the request's fields, the rule's additions and nothing else. The rule
 // must match the request. False, with a sentence in `error`, when an addition cannot be made.

@@ -17,10 +17,10 @@ bool Numbers::Has(unsigned number) const {
                        });
 }
 
-AccountQuestions QuestionsOf(const RuleSet& set, const std::string& agent) {
+AccountQuestions QuestionsOf(const RuleSet& set, const std::string& operation) {
     AccountQuestions questions;
     for (const Rule& rule : set.rules) {
-        if (rule.agent == agent) {
+        if (rule.operation == operation) {
             questions.primary = questions.primary || rule.usesGroup;
             if (!rule.permit) {
                 questions.groups.insert(rule.users.gids.begin(), rule.users.gids.end());

@@ -96,7 +96,7 @@ bool CoversModes(const Rule& outer, const Rule& inner) {
 }
 
 bool Covers(const Rule& outer, const Rule& inner) {
-    if (outer.agent != inner.agent || !Covers(outer.users, inner.users)) {
+    if (outer.operation != inner.operation || !Covers(outer.users, inner.users)) {
         return false;
     }
     static constexpr Patterns Rule::*kFields[] = {&Rule::exe,    &Rule::source, &Rule::target,
@@ -116,7 +116,7 @@ bool Covers(const Rule& outer, const Rule& inner) {
     // A permitting rule looks at options, parameters and modes as well, and wants all units; a
     // denying one takes any of those. Only where there is nothing of the kind can it be covered.
     if (!inner.permit) {
-        return inner.agent == "sr_rmmod";
+        return inner.operation == "sr_rmmod";
     }
     return CoversAllowed(outer.options, inner.options) &&
            CoversAllowed(outer.parameters, inner.parameters) && CoversModes(outer, inner);
@@ -214,7 +214,7 @@ void Look(const Rule& rule, const char* name, const Patterns& patterns,
 }
 
 void LookAtPatterns(const Rule& rule, std::vector<std::string>& findings) {
-    const bool share = rule.agent == "sr_mount_cifs";
+    const bool share = rule.operation == "sr_mount_cifs";
     Look(rule, "exe", rule.exe, BadPath, findings);
     Look(rule, "source", rule.source, share ? BadShare : BadSource, findings);
     Look(rule, "target", rule.target, BadPath, findings);
@@ -222,7 +222,7 @@ void LookAtPatterns(const Rule& rule, std::vector<std::string>& findings) {
     Look(rule, "path", rule.path, BadPath, findings);
     Look(rule, "module", rule.module, BadModule, findings);
     Look(rule, "unit", rule.units, BadUnit, findings);
-    if (rule.agent == "sr_mount" || share) {
+    if (rule.operation == "sr_mount" || share) {
         Look(rule, "option", rule.options, share ? BadShareOption : BadMountOption, findings);
     } else {
         Look(rule, "option", rule.options, BadFlag, findings);

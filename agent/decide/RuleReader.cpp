@@ -32,14 +32,14 @@ enum Agents : unsigned {
     kAnyUmount = kUmount | kUmountShare
 };
 
-unsigned AgentBit(const std::string& agent) {
+unsigned AgentBit(const std::string& operation) {
     static const std::vector<std::pair<const char*, unsigned>> kBits = {
         {"sr_mount", kMount},           {"sr_umount", kUmount},
         {"sr_mount_cifs", kMountShare}, {"sr_umount_cifs", kUmountShare},
         {"sr_mknod", kMknod},           {"sr_insmod", kInsmod},
         {"sr_rmmod", kRmmod},           {"sr_systemctl", kSystemctl}};
     for (const auto& entry : kBits) {
-        if (agent == entry.first) {
+        if (operation == entry.first) {
             return entry.second;
         }
     }
@@ -84,11 +84,11 @@ private:
     bool ReadText(const toml::node& node, std::string& text);
     bool ReadBool(const toml::node& node, bool& value);
 
-    void ReadFor(const std::string& agent, const toml::node& named, const toml::table& table,
+    void ReadFor(const std::string& operation, const toml::node& named, const toml::table& table,
                  std::vector<Rule>& rules);
-    void ReadKey(const KeyRow& row, const toml::node& node, unsigned agent, Rule& rule);
+    void ReadKey(const KeyRow& row, const toml::node& node, unsigned operation, Rule& rule);
     void CheckKeys(const toml::table& table);
-    void CheckComplete(const toml::table& table, unsigned agent, const Rule& rule);
+    void CheckComplete(const toml::table& table, unsigned operation, const Rule& rule);
     void ReadPatterns(const toml::node& node, Patterns& patterns, Rule& rule);
     void ReadPattern(const toml::node& node, Patterns& patterns, Rule& rule);
     void ReadNumbers(const toml::node& node, unsigned most, Numbers& numbers);
@@ -420,9 +420,9 @@ void RuleReader::ReadAlways(const toml::node& node, Rule& rule) {
 // What is added is checked as strictly as what is asked for; it cannot say yes and no at once.
 void RuleReader::CheckAlways(const toml::node& node, const std::string& option, const Rule& rule) {
     std::string why;
-    const bool mounts = (AgentBit(rule.agent) & kAnyMount) != 0;
+    const bool mounts = (AgentBit(rule.operation) & kAnyMount) != 0;
     if (!mounts) {
-        const bool units = AgentBit(rule.agent) == kSystemctl;
+        const bool units = AgentBit(rule.operation) == kSystemctl;
         const bool good = units ? option == "quiet" || option == "no-block"
                                 : option == "force" || option == "lazy" || option == "detach-loop";
         if (!good) {
@@ -496,9 +496,10 @@ void RuleReader::ReadDeadline(const toml::node& node, Rule& rule) {
 
 // ---- the whole rule
 
-void RuleReader::ReadKey(const KeyRow& row, const toml::node& node, unsigned agent, Rule& rule) {
-    if ((row.agents & agent) == 0) {
-        Error(node, "the key " + Quote(row.key) + " is not for " + rule.agent);
+void RuleReader::ReadKey(const KeyRow& row, const toml::node& node, unsigned operation,
+                         Rule& rule) {
+    if ((row.agents & operation) == 0) {
+        Error(node, "the key " + Quote(row.key) + " is not for " + rule.operation);
     } else if (!rule.permit && !row.inDeny) {
         Error(node, "the key " + Quote(row.key) + " has no meaning in a rule that denies");
     } else {
@@ -517,31 +518,31 @@ void RuleReader::CheckKeys(const toml::table& table) {
     }
 }
 
-void RuleReader::CheckComplete(const toml::table& table, unsigned agent, const Rule& rule) {
+void RuleReader::CheckComplete(const toml::table& table, unsigned operation, const Rule& rule) {
     for (const KeyRow& row : kKeys) {
         const unsigned required = rule.permit ? row.required : row.requiredInDeny;
-        if ((required & agent) != 0 && table.get(row.key) == nullptr) {
+        if ((required & operation) != 0 && table.get(row.key) == nullptr) {
             Error(table, "the key " + Quote(row.key) + " is missing");
         }
     }
     const Variables none;
     const bool numbered = rule.kind.Match("b", none) || rule.kind.Match("c", none);
-    if (rule.permit && agent == kMknod && numbered &&
+    if (rule.permit && operation == kMknod && numbered &&
         (rule.majors.ranges.empty() || rule.minors.ranges.empty())) {
         Error(table, "the keys 'major' and 'minor' are missing");
     }
 }
 
-void RuleReader::ReadFor(const std::string& agent, const toml::node& named,
+void RuleReader::ReadFor(const std::string& operation, const toml::node& named,
                          const toml::table& table, std::vector<Rule>& rules) {
-    const unsigned bit = AgentBit(agent);
+    const unsigned bit = AgentBit(operation);
     const toml::node* permit = table.get("permit");
     Rule rule;
     rule.where = At(table);
-    rule.agent = agent;
+    rule.operation = operation;
     rule.users.any = table.get("user") == nullptr;
     if (bit == 0) {
-        Error(named, "there is no agent " + Quote(agent));
+        Error(named, "there is no agent " + Quote(operation));
         return;
     }
     if (permit != nullptr && !ReadBool(*permit, rule.permit)) {
@@ -565,9 +566,9 @@ void RuleReader::Read(const toml::table& table, std::vector<Rule>& rules) {
         return;
     }
     for (const toml::node* element : Elements(*agents)) {
-        std::string agent;
-        if (ReadText(*element, agent)) {
-            ReadFor(agent, *element, table, rules);
+        std::string operation;
+        if (ReadText(*element, operation)) {
+            ReadFor(operation, *element, table, rules);
         }
     }
 }

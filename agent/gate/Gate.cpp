@@ -47,10 +47,10 @@ void CheckHeader(const sentrel::SR_DBusCallMessage& call) {
 
 // The arguments in the order of `signature`; they must be these and no others.
 void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& signature,
-                   std::string* agent, std::string* text, int* number) {
+                   std::string* operation, std::string* text, int* number) {
     sentrel::SR_DBusMessageIter reader = call.GetReader();
     // The first string is the agent's name, the second the text.
-    std::string* next = agent;
+    std::string* next = operation;
     bool tooLong = false;
     for (const char type : signature) {
         if (reader.GetArgType() != type) {
@@ -136,7 +136,7 @@ sentrel::SR_DBusMessage CallInterface::CallCommand(const sentrel::SR_DBusCallMes
     Call request;
     try {
         CheckHeader(call);
-        ReadArguments(call, "ssi", &request.agent, &request.text, &request.descriptor);
+        ReadArguments(call, "ssi", &request.operation, &request.text, &request.descriptor);
     } catch (const Turned& turned) {
         return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
     }
@@ -175,8 +175,8 @@ sentrel::SR_DBusMessage ControlInterface::Ask(const sentrel::SR_DBusCallMessage&
     try {
         CheckHeader(call);
         question.member = call.GetMember();
-        ReadArguments(call, question.member == "Test" ? "ss" : "", &question.agent, &question.text,
-                      nullptr);
+        ReadArguments(call, question.member == "Test" ? "ss" : "", &question.operation,
+                      &question.text, nullptr);
     } catch (const Turned& turned) {
         return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
     }

@@ -23,16 +23,16 @@ extern const char kControlName[];
 
 // What a caller asks for, as it arrived.
 struct Call {
-    std::string sender;  // its unique name on the bus
-    std::string agent;   // such as "sr_mount"
-    std::string text;    // the argument text
-    int descriptor = 0;  // a number of the caller's
+    std::string sender;     // its unique name on the bus
+    std::string operation;  // such as "sr_mount"
+    std::string text;       // the argument text
+    int descriptor = 0;     // a number of the caller's
 };
 
 // A question of the second interface; `agent` and `text` are there for Test only.
 struct Question {
     std::string member;
-    std::string agent;
+    std::string operation;
     std::string text;
 };
 

@@ -19,10 +19,10 @@ const int kMethodCall = 1;  // libdbus's message type
 std::size_t SizeOf(const std::shared_ptr<const Errand>& errand) {
     std::size_t size = 512;
     if (errand && errand->call) {
-        size += errand->call->agent.size() + errand->call->text.size();
+        size += errand->call->operation.size() + errand->call->text.size();
     }
     if (errand && errand->question) {
-        size += errand->question->agent.size() + errand->question->text.size();
+        size += errand->question->operation.size() + errand->question->text.size();
     }
     return size;
 }

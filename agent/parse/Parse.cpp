@@ -33,7 +33,7 @@ struct OperandRow {
 };
 
 struct Operation {
-    const char* agent;
+    const char* name;
     std::vector<OptionRow> options;
     std::vector<OperandRow> operands;
     Finish finish;
@@ -480,8 +480,8 @@ const OptionRow kNoTable{'n', "no-mtab", false, "", StoreNothing};
 const OptionRow kNoHelper{'i', "internal-only", false, "", StoreNothing};
 const OptionRow kNoCanonical{'c', "no-canonicalize", false, "", StoreNothing};
 
-Operation Unmounting(const char* agent) {
-    return {agent,
+Operation Unmounting(const char* operation) {
+    return {operation,
             {kNoTable,
              kNoHelper,
              kNoCanonical,
@@ -786,22 +786,22 @@ std::string OptionKey(const std::string& option) {
 
 std::vector<std::string> AgentNames() {
     std::vector<std::string> names;
-    for (const Operation& operation : Operations()) {
-        names.push_back(operation.agent);
+    for (const Operation& row : Operations()) {
+        names.push_back(row.name);
     }
     return names;
 }
 
-Parsed Parse(const std::string& agent, const std::string& text) {
+Parsed Parse(const std::string& operation, const std::string& text) {
     Parsed parsed;
-    for (const Operation& operation : Operations()) {
-        if (agent != operation.agent) {
+    for (const Operation& row : Operations()) {
+        if (operation != row.name) {
             continue;
         }
         std::vector<std::string> words;
-        parsed.request.agent = agent;
+        parsed.request.operation = operation;
         if (SplitWords(text, words, parsed.error) &&
-            Reader(operation, words).Read(parsed.request, parsed.error)) {
+            Reader(row, words).Read(parsed.request, parsed.error)) {
             parsed.status = kOk;
         }
         return parsed;
@@ -812,7 +812,7 @@ Parsed Parse(const std::string& agent, const std::string& text) {
 }
 
 std::string Shown(const Request& request) {
-    std::string line = request.agent;
+    std::string line = request.operation;
     Show(line, "source", request.source);
     Show(line, "target", request.target);
     Show(line, "type", request.type);

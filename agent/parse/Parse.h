@@ -17,7 +17,7 @@ enum Status { kOk = 0, kFail = 1, kInvalidRegex = 2, kRuleNotFound = 7, kNotImpl
 
 // Fields that the operation does not have stay empty.
 struct Request {
-    std::string agent;  // "sr_mount"
+    std::string operation;  // "sr_mount"
     // Mounts. The source is an absolute path, "//HOST/SHARE", "HOST:/PATH" or a plain word; a bind
     // mount has the type "none", a mount without a type has "auto".
     std::string source;
@@ -50,7 +50,7 @@ struct Parsed {
 // The names of all operations.
 std::vector<std::string> AgentNames();
 
-Parsed Parse(const std::string& agent, const std::string& text);
+Parsed Parse(const std::string& operation, const std::string& text);
 
 // The request on one line, for logs: caller's text quoted, the password as ***.
 std::string Shown(const Request& request);

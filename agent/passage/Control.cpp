@@ -21,7 +21,7 @@ void Control::Answer(const Question& question, const Caller& caller,
         const auto answer = [this, question, reply](const Caller& whole) {
             reply->Set(Test(question, whole));
         };
-        if (!requests.LookAt(caller, question.agent, answer)) {
+        if (!requests.LookAt(caller, question.operation, answer)) {
             reply->SetError("org.freedesktop.DBus.Error.LimitsExceeded",
                             "too many requests at once");
         }
@@ -41,7 +41,7 @@ void Control::Answer(const Question& question, const Caller& caller,
 std::string Control::Test(const Question& question, const Caller& caller) const {
     const bool root = caller.uid == 0;
     JsonObject answer;
-    const Parsed parsed = Parse(question.agent, question.text);
+    const Parsed parsed = Parse(question.operation, question.text);
     if (parsed.status != kOk) {
         AuditRequest described;
         DescribeArguments(question.text, false, described);

@@ -37,7 +37,7 @@ public:
         if (table.get("agent") == nullptr || table.get("status") == nullptr) {
             Complain(table, "an answer needs 'agent' and 'status'");
         }
-        ReadText("agent", row.agent);
+        ReadText("agent", row.operation);
         ReadText("text", row.text);
         ReadText("output", row.output);
         std::int64_t number = 0;
@@ -88,7 +88,7 @@ private:
 };
 
 bool Fits(const MockRow& row, const Call& call) {
-    return (row.agent == "*" || row.agent == call.agent) &&
+    return (row.operation == "*" || row.operation == call.operation) &&
            fnmatch(row.text.c_str(), call.text.c_str(), FNM_NOESCAPE) == 0;
 }
 

@@ -30,7 +30,7 @@
 namespace agent {
 
 struct MockRow {
-    std::string agent;
+    std::string operation;
     std::string text = "*";
     int status = 0;
     int value = 0;

@@ -88,15 +88,15 @@ void Requests::Take(const Arrival& arrival) {
     job->audit.id = job->id;
     job->audit.uid = arrival.caller.uid;
     job->audit.pid = arrival.caller.pid;
-    job->audit.agent = arrival.call.agent;
-    job->parsed = Parse(arrival.call.agent, arrival.call.text);
+    job->audit.operation = arrival.call.operation;
+    job->parsed = Parse(arrival.call.operation, arrival.call.text);
     DescribeArguments(arrival.call.text, job->parsed.status == kOk, job->audit);
     std::string reason = "the agent is ending";
     if (ending || !relays.HasRoom(arrival.caller.uid, reason)) {
         return Refuse(*job, SR_FAIL, reason, reason);
     }
     const std::uint64_t id = job->id;
-    const AccountQuestions questions = store.QuestionsOf(arrival.call.agent);
+    const AccountQuestions questions = store.QuestionsOf(arrival.call.operation);
     if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
                       [this, id](const Look& look) { Looked(id, look); })) {
         reason = "the process for it cannot be started";
@@ -128,7 +128,7 @@ void Requests::TakeUnknown(const std::string& sender, const std::optional<Call>&
         AuditRequest request;
         request.id = ++lastId;
         if (call) {
-            request.agent = call->agent;
+            request.operation = call->operation;
             DescribeArguments(call->text, false, request);
         }
         return request;
@@ -150,7 +150,7 @@ void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
                      std::to_string(unreadBytes) + " bytes unread");
 }
 
-bool Requests::LookAt(const Caller& caller, const std::string& agent,
+bool Requests::LookAt(const Caller& caller, const std::string& operation,
                       const std::function<void(const Caller&)>& known) {
     std::string reason;
     const auto found = [caller, known](const Look& look) {
@@ -160,7 +160,7 @@ bool Requests::LookAt(const Caller& caller, const std::string& agent,
         known(whole);
     };
     return relays.HasRoom(caller.uid, reason) &&
-           relays.Start(TaskFor(caller, 0, store.QuestionsOf(agent)), caller, found);
+           relays.Start(TaskFor(caller, 0, store.QuestionsOf(operation)), caller, found);
 }
 
 // A look may take longer than the next one; what came over one connection keeps its order.
@@ -288,13 +288,13 @@ void Requests::Done(std::uint64_t id, const Outcome& outcome) {
 
 void Requests::Record(const Job& job) {
     const Request& request = job.parsed.request;
-    if (request.agent == "sr_umount" || request.agent == "sr_umount_cifs") {
+    if (request.operation == "sr_umount" || request.operation == "sr_umount_cifs") {
         mounts.Remove(request.target);
-    } else if (request.agent == "sr_mount" || request.agent == "sr_mount_cifs") {
+    } else if (request.operation == "sr_mount" || request.operation == "sr_mount_cifs") {
         MountRecord record;
         record.target = request.target;
         record.source = request.source;
-        record.type = request.agent == "sr_mount" ? request.type : "cifs";
+        record.type = request.operation == "sr_mount" ? request.type : "cifs";
         record.rule = job.audit.rule;
         record.uid = job.arrival.caller.uid;
         mounts.Add(record);

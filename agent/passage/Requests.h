@@ -55,7 +55,7 @@ public:
     // Calls `known` once, with what the rules for the operation need of the caller's process and
     // account or, when that does not come, without. False, and never a call, when there is no room
     // for that.
-    bool LookAt(const Caller& caller, const std::string& agent,
+    bool LookAt(const Caller& caller, const std::string& operation,
                 const std::function<void(const Caller&)>& known);
     // Nothing new is taken on, what waits is refused and what runs is asked to end.
     void EndAll();

@@ -11,8 +11,8 @@
 
 #include <string>
 
-#include "base/Descriptors.h"
 #include "base/Caller.h"
+#include "base/Descriptors.h"
 
 namespace agent {
 

@@ -19,9 +19,9 @@
 #include <string>
 
 #include "RelayChild.h"
+#include "base/Caller.h"
 #include "base/Descriptors.h"
 #include "base/Events.h"
-#include "base/Caller.h"
 
 namespace agent {
 

@@ -35,8 +35,8 @@ LoadResult RuleStore::Take(const RuleSource& source) {
     return result;
 }
 
-AccountQuestions RuleStore::QuestionsOf(const std::string& agent) const {
-    return set ? agent::QuestionsOf(*set, agent) : AccountQuestions();
+AccountQuestions RuleStore::QuestionsOf(const std::string& operation) const {
+    return set ? agent::QuestionsOf(*set, operation) : AccountQuestions();
 }
 
 Decision RuleStore::Decide(const Caller& caller, const Request& request) const {

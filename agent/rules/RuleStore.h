@@ -34,7 +34,7 @@ public:
     std::size_t Count() const { return set ? set->rules.size() : 0; }
     Decision Decide(const Caller& caller, const Request& request) const;
     // What that needs of the caller's account.
-    AccountQuestions QuestionsOf(const std::string& agent) const;
+    AccountQuestions QuestionsOf(const std::string& operation) const;
 
 private:
     std::vector<std::string> directories;

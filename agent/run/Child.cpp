@@ -428,7 +428,7 @@ private:
         const std::vector<char*> argv = Pointers(arguments);
         const std::vector<char*> envp = Pointers(environment);
         BlockSignals(false);
-        LimitTool(plan.agent);
+        LimitTool(plan.operation);
         if (ready) {
             (void)execve(argv[0], argv.data(), envp.data());
         }

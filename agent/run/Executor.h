@@ -16,9 +16,9 @@
 #include <string>
 
 #include "Child.h"
+#include "base/Caller.h"
 #include "base/Descriptors.h"
 #include "base/Events.h"
-#include "base/Caller.h"
 #include "base/Permit.h"
 #include "relay/Relay.h"
 

@@ -161,7 +161,7 @@ TEST_F(CallersTest, ManyStrangersGetAFewLinesASecondAndTheRestIsCounted) {
     agent::Audit audit(lines);
     agent::Strangers strangers(dispatcher, audit);
     agent::AuditRequest request;
-    request.agent = "sr_rmmod";
+    request.operation = "sr_rmmod";
     request.arguments = {"x"};
     int described = 0;
     const auto describe = [&] {

@@ -93,7 +93,7 @@ TEST_F(LogQueueTest, TheJournalGetsEachValueAsAFieldOfItsOwn) {
     agent::AuditRequest request;
     request.id = 7;
     request.uid = 1000;
-    request.agent = "sr_mount";
+    request.operation = "sr_mount";
     request.arguments = {"x\nMESSAGE=forged", "\"y\""};
     request.rule = "/etc/10.toml:3";
     audit.Denied(request, 7, "no rule\nSENTREL_UID=0");

@@ -34,7 +34,7 @@ std::shared_ptr<const agent::RuleSet> MakeRules(const std::string& text);
 extern const char* const kNarrowRules;
 // For each operation, in AgentNames()' order, a request that kNarrowRules allows.
 struct GoodRequest {
-    const char* agent;
+    const char* operation;
     const char* text;
 };
 const std::vector<GoodRequest>& GoodRequests();

@@ -110,8 +110,8 @@ TEST(Rules, OneRuleForSeveralAgentsBecomesOneForEach) {
         "user = 0\ntarget = \"/m\"\n");
     ASSERT_TRUE(result.rules);
     ASSERT_EQ(result.rules->rules.size(), 2U);
-    EXPECT_EQ(result.rules->rules[0].agent, "sr_umount");
-    EXPECT_EQ(result.rules->rules[1].agent, "sr_umount_cifs");
+    EXPECT_EQ(result.rules->rules[0].operation, "sr_umount");
+    EXPECT_EQ(result.rules->rules[1].operation, "sr_umount_cifs");
     EXPECT_EQ(result.rules->rules[1].where, "f:1");
 }
 

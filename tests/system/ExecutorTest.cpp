@@ -103,7 +103,7 @@ TEST_F(ExecutorTest, TheToolRunsInAStateOfItsOwnWithLimits) {
     sigaddset(&blocked, SIGUSR1);
     ASSERT_EQ(sigprocmask(SIG_BLOCK, &blocked, nullptr), 0);
     Plan plan = ToolPlan({"state"});
-    plan.agent = "sr_mknod";
+    plan.operation = "sr_mknod";
     EXPECT_EQ(Run(plan).output,
               "cwd /\nstdin /dev/null\numask 18\nown session yes\nown group yes\n"
               "ignored " +
