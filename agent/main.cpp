@@ -199,8 +199,13 @@ int Run(sentrel::SR_DBusDispatcher& dispatcher, const agent::Service& service,
             if (!service.Connected()) {
                 Complain("the connection to the bus is lost");
             }
-            limit = std::make_unique<agent::Timer>(
+            agent::Result<std::unique_ptr<agent::Timer> > timer = agent::Timer::Make(
                 dispatcher, std::chrono::steady_clock::now() + kLongestEnd, [&] { late = true; });
+            if (!timer) {
+                Complain(timer.Reason());
+                return 1;  // without a limit it might never end
+            }
+            limit = std::move(*timer);
             handlers.endAll();
         }
         if (limit && (late || handlers.settled())) {

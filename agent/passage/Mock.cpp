@@ -142,12 +142,12 @@ void Mock::Take(const Arrival& arrival) {
     Delayed& entry = delayed[id];
     entry.arrival = arrival;
     entry.row = found;
-    try {
-        entry.timer =
-            std::make_unique<Timer>(loop, arrival.received + found.delay, [this, id] { Due(id); });
-    } catch (const std::system_error&) {
-        Due(id);
+    Result<std::unique_ptr<Timer> > timer =
+        Timer::Make(loop, arrival.received + found.delay, [this, id] { Due(id); });
+    if (!timer) {
+        return Due(id);
     }
+    entry.timer = std::move(*timer);
 }
 
 void Mock::Due(std::uint64_t id) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <system_error>
 
 #include "parse/Words.h"
 #include "relay/Descriptor.h"
@@ -230,14 +229,14 @@ void Requests::Admit(const std::shared_ptr<Job>& job) {
     }
     // Those ahead may never end; whoever waits still gets an answer in time.
     const std::uint64_t id = job->id;
-    try {
-        job->wait =
-            std::make_unique<Timer>(loop, job->arrival.received + job->permit->GetPlan().deadline,
-                                    [this, id] { WaitedTooLong(id); });
-    } catch (const std::system_error&) {
-        Refuse(*job, SR_FAIL, "the agent has no descriptors left", "no timer could be made");
-        Leave(id);
+    Result<std::unique_ptr<Timer> > wait =
+        Timer::Make(loop, job->arrival.received + job->permit->GetPlan().deadline,
+                    [this, id] { WaitedTooLong(id); });
+    if (!wait) {
+        Refuse(*job, SR_FAIL, "the agent has no descriptors left", wait.Reason());
+        return Leave(id);
     }
+    job->wait = std::move(*wait);
 }
 
 void Requests::WaitedTooLong(std::uint64_t id) {

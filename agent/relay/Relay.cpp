@@ -51,9 +51,7 @@ Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, const RelayTask& 
       known(whenKnown),
       questions(task.questions),
       end(owner.loop, pidfd.Get(), [this] { ChildEnded(); }),
-      reports(std::make_unique<Watch>(owner.loop, report.Get(), [this] { ReadLook(); })),
-      limit(std::make_unique<Timer>(owner.loop, Now() + owner.limits.look,
-                                    [this] { LookTooLong(); })) {}
+      reports(std::make_unique<Watch>(owner.loop, report.Get(), [this] { ReadLook(); })) {}
 
 Relay::~Relay() {
     if (!ended) {
@@ -76,12 +74,12 @@ void Relay::Abandon() {
         return;
     }
     abandoned = true;
-    try {
-        limit =
-            std::make_unique<Timer>(relays.loop, Now() + relays.limits.bound, [this] { Kill(); });
-    } catch (const std::system_error&) {
-        Kill();  // one that cannot be bounded is not left alone
+    Result<std::unique_ptr<Timer> > bound =
+        Timer::Make(relays.loop, Now() + relays.limits.bound, [this] { Kill(); });
+    if (!bound) {
+        return Kill();  // one that cannot be bounded is not left alone
     }
+    limit = std::move(*bound);
 }
 
 void Relay::Kill() {
@@ -240,15 +238,15 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     }
     child.input = std::move(output.writer);
     child.report = std::move(report.reader);
-    const pid_t pid = child.pid;
-    try {
-        std::shared_ptr<Relay> relay(new Relay(*this, std::move(child), caller.uid, task, known));
-        running.push_back(relay);
-        return relay;
-    } catch (const std::system_error&) {
-        KillProcess(pid);
-        return nullptr;
+    std::shared_ptr<Relay> relay(new Relay(*this, std::move(child), caller.uid, task, known));
+    Result<std::unique_ptr<Timer> > limit =
+        Timer::Make(loop, Now() + limits.look, [&look = *relay] { look.LookTooLong(); });
+    if (!limit) {
+        return nullptr;  // the child is killed with the relay
     }
+    relay->limit = std::move(*limit);
+    running.push_back(relay);
+    return relay;
 }
 
 std::size_t Relays::Hung() const {

@@ -63,13 +63,18 @@ public:
           pidfd(std::move(process)),
           pipe(std::move(output)),
           reading(std::make_unique<Watch>(loader.loop, pipe.Get(), [this] { Read(); })),
-          ending(std::make_unique<Watch>(loader.loop, pidfd.Get(), [this] { End(); })),
-          timer(std::make_unique<Timer>(loader.loop,
-                                        std::chrono::steady_clock::now() + loader.limit,
-                                        [this] { TooLong(); })) {}
+          ending(std::make_unique<Watch>(loader.loop, pidfd.Get(), [this] { End(); })) {}
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
     bool HasEnded() const { return ended; }
+    bool SetLimit() {
+        Result<std::unique_ptr<Timer> > limit = Timer::Make(
+            loader.loop, std::chrono::steady_clock::now() + loader.limit, [this] { TooLong(); });
+        if (limit) {
+            timer = std::move(*limit);
+        }
+        return static_cast<bool>(limit);
+    }
     ~Process() {
         if (!ended) {
             (void)SignalProcess(pidfd.Get(), SIGKILL);
@@ -161,15 +166,15 @@ void RuleLoader::Start() {
     if (pid < 0) {
         return Ended(Failure("no process can be started to read the files"));
     }
-    try {
-        OwnedFd pidfd(OpenProcess(pid));
-        if (!pidfd) {
-            throw std::system_error(errno, std::generic_category());
-        }
-        process = std::make_shared<Process>(*this, std::move(pidfd), std::move(output));
-    } catch (const std::system_error&) {
+    OwnedFd pidfd(OpenProcess(pid));
+    if (!pidfd) {
         (void)kill(pid, SIGKILL);
         (void)waitpid(pid, nullptr, WNOHANG);
+        return Ended(Failure("no descriptors are left to read the files"));
+    }
+    process = std::make_shared<Process>(*this, std::move(pidfd), std::move(output));
+    if (!process->SetLimit()) {
+        process.reset();  // and kills it
         Ended(Failure("no descriptors are left to read the files"));
     }
 }

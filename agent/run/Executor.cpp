@@ -104,12 +104,12 @@ bool Executor::Launch(Operation& operation, const Permit& permit, const Caller& 
     operation.report.Reset(ends[0]);
     const OwnedFd writer(ends[1]);
     const std::uint64_t id = operation.id;
-    try {
-        operation.limit =
-            std::make_unique<Timer>(loop, operation.answerBy, [this, id] { LimitReached(id); });
-    } catch (const std::system_error&) {
+    Result<std::unique_ptr<Timer> > limit =
+        Timer::Make(loop, operation.answerBy, [this, id] { LimitReached(id); });
+    if (!limit) {
         return false;
     }
+    operation.limit = std::move(*limit);
     ChildSetup setup;
     setup.output = operation.output ? operation.output->GetInput() : -1;
     setup.report = writer.Get();
@@ -167,14 +167,13 @@ void Executor::AwaitOutput(Operation& operation) {
         Deliver(id);
         return;
     }
-    try {
-        operation.grace = std::make_unique<Timer>(
-            loop, std::min(std::chrono::steady_clock::now() + limits.grace, operation.answerBy),
-            [this, id] { Deliver(id); });
-    } catch (const std::system_error&) {
-        Deliver(id);
-        return;
+    Result<std::unique_ptr<Timer> > grace = Timer::Make(
+        loop, std::min(std::chrono::steady_clock::now() + limits.grace, operation.answerBy),
+        [this, id] { Deliver(id); });
+    if (!grace) {
+        return Deliver(id);
     }
+    operation.grace = std::move(*grace);
     operation.output->OnEnd([this, id] { Deliver(id); });
 }
 
