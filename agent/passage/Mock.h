@@ -66,7 +66,7 @@ private:
     };
 
     void Give(const Arrival& arrival, const MockRow& row);
-    void Looked(std::uint64_t id, const Look& look);
+    void Looked(std::uint64_t id, const CallerFacts& facts);
     void Due(std::uint64_t id);
 
     sentrel::SR_MainLoop& loop;

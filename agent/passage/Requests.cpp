@@ -16,7 +16,7 @@ struct Requests::Job {
     std::uint64_t id = 0;
     Arrival arrival;
     Parsed parsed;
-    std::optional<Look> look;
+    std::optional<CallerFacts> look;
     std::optional<Permit> permit;
     std::shared_ptr<Relay> relay;  // none: no output
     AuditRequest audit;
@@ -90,16 +90,17 @@ void Requests::Take(const Arrival& arrival) {
     job->audit.operation = arrival.call.operation;
     job->parsed = Parse(arrival.call.operation, arrival.call.text);
     DescribeArguments(arrival.call.text, job->parsed.status == kOk, job->audit);
-    std::string reason = "the agent is ending";
-    if (ending || !relays.HasRoom(arrival.caller.uid, reason)) {
-        return Refuse(*job, SR_FAIL, reason, reason);
+    const Check room = ending ? Refusal{"the agent is ending"} : relays.HasRoom(arrival.caller.uid);
+    if (!room) {
+        return Refuse(*job, room.Status(), room.Reason(), room.Reason());
     }
     const std::uint64_t id = job->id;
     const AccountQuestions questions = store.QuestionsOf(arrival.call.operation);
-    if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
-                      [this, id](const Look& look) { Looked(id, look); })) {
-        reason = "the process for it cannot be started";
-        return Refuse(*job, SR_FORK_FAILED, reason, reason);
+    const auto started =
+        relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
+                     [this, id](const CallerFacts& facts) { Looked(id, facts); });
+    if (!started) {
+        return Refuse(*job, started.Status(), started.Reason(), started.Reason());
     }
     looking[id] = job;
 }
@@ -108,12 +109,12 @@ void Requests::Take(const Arrival& arrival) {
 void Requests::TurnAway(const Arrival& arrival) {
     arrival.answer->Set(SR_FAIL, 0);
     const Caller& caller = arrival.caller;
-    std::string reason;
     if (arrival.turn == Turn::kFirstAway && arrival.call.descriptor > 0 && !ending &&
-        relays.HasRoom(caller.uid, reason)) {
+        relays.HasRoom(caller.uid)) {
         // The answer goes with the last copy of this: not before the reason was said.
-        const auto say = [this, uid = caller.uid, answer = arrival.answer](const Look& look) {
-            refusals.Say(uid, look.output, "too many calls in a minute");
+        const auto say = [this, uid = caller.uid,
+                          answer = arrival.answer](const CallerFacts& facts) {
+            refusals.Say(uid, facts.output, "too many calls in a minute");
         };
         (void)relays.Start(TaskFor(caller, arrival.call.descriptor, AccountQuestions()), caller,
                            say);
@@ -151,29 +152,28 @@ void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
 
 bool Requests::LookAt(const Caller& caller, const std::string& operation,
                       const std::function<void(const Caller&)>& known) {
-    std::string reason;
-    const auto found = [caller, known](const Look& look) {
+    const auto found = [caller, known](const CallerFacts& facts) {
         Caller whole = caller;
-        whole.executable = look.executable;
-        whole.account = look.account;
+        whole.executable = facts.executable;
+        whole.account = facts.account;
         known(whole);
     };
-    return relays.HasRoom(caller.uid, reason) &&
+    return relays.HasRoom(caller.uid) &&
            relays.Start(TaskFor(caller, 0, store.QuestionsOf(operation)), caller, found);
 }
 
 // A look may take longer than the next one; what came over one connection keeps its order.
-void Requests::Looked(std::uint64_t id, const Look& look) {
+void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
     const auto entry = looking.find(id);
     if (entry == looking.end()) {
-        if (look.output) {
-            look.output->Kill();  // refused in the meantime
+        if (facts.output) {
+            facts.output->Kill();  // refused in the meantime
         }
         return;
     }
-    entry->second->look = look;
+    entry->second->look = facts;
     entry->second->look->output.reset();
-    entry->second->relay = look.output;
+    entry->second->relay = facts.output;
     const std::string sender = entry->second->arrival.call.sender;
     std::vector<std::shared_ptr<Job> > ready;
     for (auto next = looking.begin(); next != looking.end();) {

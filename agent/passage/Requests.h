@@ -69,7 +69,7 @@ private:
     struct Job;
 
     void TurnAway(const Arrival& arrival);
-    void Looked(std::uint64_t id, const Look& look);
+    void Looked(std::uint64_t id, const CallerFacts& facts);
     void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
     void Refuse(Job& job, int status, const std::string& reason, const std::string& detail);

@@ -119,7 +119,7 @@ bool Identify(int fd, struct stat& seen) {
     return true;
 }
 
-bool Look(const Caller& caller, gid_t group, int number, struct stat& seen) {
+bool SeeAsCaller(const Caller& caller, gid_t group, int number, struct stat& seen) {
     const std::string path =
         "/proc/" + std::to_string(caller.pid) + "/fd/" + std::to_string(number);
     OwnedFd file;
@@ -165,21 +165,22 @@ bool IsOfTheLog(const std::string& address) {
 
 // Lines in there are the caller's, but a hasty reader might take them for the agent's. One that is
 // not connected could be connected to a log later; one that is stays as it is.
-std::string SocketRefusal(int fd) {
+Check CheckSocket(int fd) {
     if (!IsStreamSocket(fd)) {
-        return "the output descriptor is a socket of another kind";
+        return Refusal{"the output descriptor is a socket of another kind"};
     }
     sockaddr_un address = {};
     socklen_t length = sizeof address;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        return "the output descriptor is a socket that is not connected";
+        return Refusal{"the output descriptor is a socket that is not connected"};
     }
     // Without a name, with one that is no path, or with one that may fill all of its room.
     const std::size_t start = offsetof(sockaddr_un, sun_path);
     const std::string name(address.sun_path, std::max<std::size_t>(length, start) - start);
-    return IsOfTheLog(name.substr(0, name.find('\0')))
-               ? "the output descriptor leads to the system's log"
-               : "";
+    if (IsOfTheLog(name.substr(0, name.find('\0')))) {
+        return Refusal{"the output descriptor leads to the system's log"};
+    }
+    return Fine();
 }
 
 // File systems in which writing is a command to the kernel.
@@ -197,32 +198,29 @@ bool IsControlFileSystem(int fd) {
                      static_cast<std::uint32_t>(system.f_type)) != std::end(kMagic);
 }
 
-// Empty when it is of a kind that output may go to.
-std::string KindRefusal(int fd, const struct stat& file) {
+// Whether it is of a kind that output may go to.
+Check CheckKind(int fd, const struct stat& file) {
     const int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || (flags & O_PATH) != 0 || (flags & O_ACCMODE) == O_RDONLY) {
-        return "the output descriptor is not open for writing";
+        return Refusal{"the output descriptor is not open for writing"};
     }
     if (S_ISFIFO(file.st_mode)) {
-        return "";
+        return Fine();
     }
     if (S_ISSOCK(file.st_mode)) {
-        return SocketRefusal(fd);
+        return CheckSocket(fd);
     }
     if (S_ISREG(file.st_mode)) {
-        return IsControlFileSystem(fd) ? "the output descriptor is a file of the kernel's" : "";
+        if (IsControlFileSystem(fd)) {
+            return Refusal{"the output descriptor is a file of the kernel's"};
+        }
+        return Fine();
     }
     const bool null = S_ISCHR(file.st_mode) && file.st_rdev == makedev(1, 3);
     if (null || (S_ISCHR(file.st_mode) && isatty(fd) == 1)) {
-        return "";
+        return Fine();
     }
-    return "the output descriptor is of a kind that is not written to";
-}
-
-Descriptor Refused(const char* reason) {
-    Descriptor result;
-    result.refusal = reason;
-    return result;
+    return Refusal{"the output descriptor is of a kind that is not written to"};
 }
 
 }  // namespace
@@ -236,41 +234,40 @@ std::string ExecutableOf(pid_t pid) {
                : std::string();
 }
 
-Descriptor TakeDescriptor(const Caller& caller, int number) {
+Result<OwnedFd> TakeDescriptor(const Caller& caller, int number) {
     if (number <= 0) {
-        return Descriptor();
+        return OwnedFd();
     }
     if (number >= kHighest) {
-        return Refused("the output descriptor's number is out of range");
+        return Refusal{"the output descriptor's number is out of range"};
     }
     if (caller.pid <= 0 || caller.uid == static_cast<uid_t>(-1)) {
-        return Refused("the output descriptor's process is not known");
+        return Refusal{"the output descriptor's process is not known"};
     }
     const OwnedFd process(OpenProcess(caller.pid));
     gid_t group = 0;
     if (!process || !GroupOf(caller, group)) {
-        return Refused("the output descriptor's process is gone or is not the caller's");
+        return Refusal{"the output descriptor's process is gone or is not the caller's"};
     }
     struct stat before = {};
     struct stat taken = {};
     struct stat after = {};
-    if (!Look(caller, group, number, before)) {
-        return Refused("there is no such output descriptor, or it is not the caller's");
+    if (!SeeAsCaller(caller, group, number, before)) {
+        return Refusal{"there is no such output descriptor, or it is not the caller's"};
     }
-    Descriptor result;
-    result.fd.Reset(CopyDescriptor(process.Get(), number));
-    if (!result.fd || !Identify(result.fd.Get(), taken)) {
-        return Refused("the output descriptor cannot be taken");
+    OwnedFd output(CopyDescriptor(process.Get(), number));
+    if (!output || !Identify(output.Get(), taken)) {
+        return Refusal{"the output descriptor cannot be taken"};
     }
-    if (!Look(caller, group, number, after) || !SameFile(before, taken) ||
+    if (!SeeAsCaller(caller, group, number, after) || !SameFile(before, taken) ||
         !SameFile(taken, after) || !IsAlive(process.Get())) {
-        return Refused("the output descriptor changed while it was taken");
+        return Refusal{"the output descriptor changed while it was taken"};
     }
-    result.refusal = KindRefusal(result.fd.Get(), taken);
-    if (!result.refusal.empty()) {
-        result.fd.Reset();
+    const Check kind = CheckKind(output.Get(), taken);
+    if (!kind) {
+        return kind.GetRefusal();
     }
-    return result;
+    return output;
 }
 
 }  // namespace agent

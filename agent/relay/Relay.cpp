@@ -125,24 +125,24 @@ void Relay::TakeAccount(const LookReport& next) {
 
 void Relay::LookEnds(const std::string& refusal) {
     reports.reset();
-    Look look;
-    look.executable = found.executable;
-    look.account = account;
+    CallerFacts facts;
+    facts.executable = found.executable;
+    facts.account = account;
     if (found.state == LookReport::kTaken) {
-        look.output = shared_from_this();
+        facts.output = shared_from_this();
         limit.reset();
     } else {
         // A refusal always has a reason: without one the request would go on.
-        look.refusal = refusal.empty() ? "the output descriptor cannot be taken" : refusal;
+        facts.refusal = refusal.empty() ? "the output descriptor cannot be taken" : refusal;
         CloseInput();
     }
     if (!wanted) {
-        look.refusal.clear();
+        facts.refusal.clear();
     }
     const Known function = std::move(known);
     known = nullptr;
     try {
-        function(look);
+        function(facts);
     } catch (const std::exception&) {
         Kill();  // out of memory: whoever held the answer has let it go
     }
@@ -161,7 +161,7 @@ void Relay::ChildEnded() {
     if (known) {
         LookEnds("the output descriptor cannot be looked at");
     }
-    RelayReport result;
+    CopyReport result;
     if (read(report.Get(), &result, sizeof result) == static_cast<ssize_t>(sizeof result)) {
         copied = result.copied;
         dropped = result.dropped;
@@ -181,7 +181,7 @@ Relays::Relays(sentrel::SR_MainLoop& mainLoop, const RelayLimits& relayLimits)
 
 Relays::~Relays() {}
 
-bool Relays::HasRoom(uid_t uid, std::string& reason) const {
+Check Relays::HasRoom(uid_t uid) const {
     std::size_t sound = 0;
     std::size_t own = 0;
     std::size_t ownHung = 0;
@@ -197,24 +197,24 @@ bool Relays::HasRoom(uid_t uid, std::string& reason) const {
     const bool crowded =
         own >= limits.ofOne || ownUnsure >= limits.unsure || (uid != 0 && sound >= limits.all);
     if (ownHung >= limits.hung) {
-        reason = "too many processes hang over files of this user's";
-    } else if (crowded) {
-        reason = "too many requests at once";
+        return Refusal{"too many processes hang over files of this user's"};
     }
-    return ownHung < limits.hung && !crowded;
+    if (crowded) {
+        return Refusal{"too many requests at once"};
+    }
+    return Fine();
 }
 
-std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller,
-                                     const Relay::Known& known, OwnedFd&& atHand) {
-    const OwnedFd given(std::move(atHand));
+Result<std::shared_ptr<Relay> > Relays::Start(const RelayTask& task, const Caller& caller,
+                                              const Relay::Known& known) {
+    const Refusal refusal{"the process for it cannot be started", SR_FORK_FAILED};
     Pipe output;
     Pipe report;
     if (!output.Open() || !report.Open() || fcntl(report.reader.Get(), F_SETFL, O_NONBLOCK) != 0) {
-        return nullptr;
+        return refusal;
     }
     RelayChildSetup setup;
     setup.input = output.reader.Get();
-    setup.atHand = given.Get();
     setup.report = report.writer.Get();
     setup.cap = limits.cap;
     setup.parent = getpid();
@@ -222,7 +222,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     Relay::Child child;
     child.pid = fork();
     if (child.pid < 0) {
-        return nullptr;
+        return refusal;
     }
     if (child.pid == 0) {
         RunRelayChild(setup, task, caller);
@@ -234,7 +234,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     child.pidfd.Reset(OpenProcess(child.pid));
     if (!child.pidfd) {
         KillProcess(child.pid);
-        return nullptr;
+        return refusal;
     }
     child.input = std::move(output.writer);
     child.report = std::move(report.reader);
@@ -242,7 +242,7 @@ std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller
     Result<std::unique_ptr<Timer> > limit =
         Timer::Make(loop, Now() + limits.look, [&look = *relay] { look.LookTooLong(); });
     if (!limit) {
-        return nullptr;  // the child is killed with the relay
+        return refusal;  // the child is killed with the relay
     }
     relay->limit = std::move(*limit);
     running.push_back(relay);

@@ -22,6 +22,7 @@
 #include "base/Caller.h"
 #include "base/Descriptors.h"
 #include "base/Events.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -42,8 +43,8 @@ struct RelayLimits {
 class Relay;
 class Relays;
 
-// What the child found out.
-struct Look {
+// What the child found out about the caller.
+struct CallerFacts {
     std::string executable;         // empty: unknown
     Account account;                // what was asked of it, when that is known
     std::shared_ptr<Relay> output;  // to be abandoned or killed in the end; none: no output
@@ -52,7 +53,7 @@ struct Look {
 
 class Relay : public std::enable_shared_from_this<Relay> {
 public:
-    typedef std::function<void(const Look&)> Known;
+    typedef std::function<void(const CallerFacts&)> Known;
 
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
@@ -127,13 +128,13 @@ public:
     // Kills what still runs, and waits for nothing.
     ~Relays();
 
-    // Whether one more may be started for this uid; if not, `reason` is written.
-    bool HasRoom(uid_t uid, std::string& reason) const;
+    // Whether one more may be started for this uid.
+    Check HasRoom(uid_t uid) const;
     // Starts a child that does `task`. `known` is called once, from the loop, within the limit for
-    // looks; an output that has not answered by then is refused. Null, and never a call, when no
-    // process or descriptor is left. `atHand`: see RelayTask.
-    std::shared_ptr<Relay> Start(const RelayTask& task, const Caller& caller,
-                                 const Relay::Known& known, OwnedFd&& atHand = OwnedFd());
+    // looks; an output that has not answered by then is refused. A refusal, and never a call, when
+    // no process or descriptor is left.
+    Result<std::shared_ptr<Relay> > Start(const RelayTask& task, const Caller& caller,
+                                          const Relay::Known& known);
     std::size_t Count() const { return running.size(); }
     // Children that were killed and do not end.
     std::size_t Hung() const;

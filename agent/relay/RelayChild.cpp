@@ -102,12 +102,10 @@ bool BecomeCaller(const Caller& caller) {
     return syscall(SYS_capset, &header, none) == 0;
 }
 
-// The pipe's end, what is at hand and the report become 0, 1 and 3; all else is closed. With
-// nothing at hand, 1 is taken by the pipe's end as well until the output is known; so is 2, where
-// nobody can write to it.
+// The pipe's end and the report become 0 and 3; all else is closed. Until the output is known 1 is
+// taken by the pipe's end as well; so is 2, where nobody can write to it.
 bool KeepOnly(const RelayChildSetup& setup) {
-    const int wanted[] = {setup.input, setup.atHand >= 0 ? setup.atHand : setup.input, setup.input,
-                          setup.report};
+    const int wanted[] = {setup.input, setup.input, setup.input, setup.report};
     const int count = 4;
     int high[count];
     for (int i = 0; i < count; ++i) {
@@ -153,7 +151,7 @@ public:
         }
     }
 
-    RelayReport report;
+    CopyReport report;
 
 private:
     void Read() {
@@ -220,10 +218,7 @@ bool Send(const LookReport& report) {
 // Makes the caller's descriptor number 1 and leaves no copy of it. The first close tells whether
 // the file's system answers: better now than when the tool has run.
 bool PlaceOutput(OwnedFd&& taken) {
-    OwnedFd output(std::move(taken));
-    if (output.Get() == kOutput) {
-        return output.Release() == kOutput;
-    }
+    const OwnedFd output(std::move(taken));
     return dup2(output.Get(), kOutput) == kOutput;
 }
 
@@ -282,12 +277,13 @@ bool TakeLook(const RelayTask& task, const RelayChildSetup& setup) {
     }
     report.state = LookReport::kNoOutput;
     if (task.output) {
-        Descriptor output = task.output();
-        Put(report.refusal, output.refusal);
-        if (output.fd && PlaceOutput(std::move(output.fd))) {
-            report.state = LookReport::kTaken;
-        } else if (output.fd || !output.refusal.empty()) {
+        Result<OwnedFd> output = task.output();
+        if (!output) {
+            Put(report.refusal, output.Reason());
             report.state = LookReport::kRefused;
+        } else if (*output) {
+            report.state =
+                PlaceOutput(std::move(*output)) ? LookReport::kTaken : LookReport::kRefused;
         }
     }
     return Send(report) && report.state == LookReport::kTaken;

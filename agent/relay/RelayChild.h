@@ -18,13 +18,14 @@
 namespace agent {
 
 // What is to be found out. The functions run in the child, which has closed every descriptor but
-// its own: 0 and 3 are not theirs to use, 1 is what was at hand, if anything, and 2 leads nowhere.
+// its own: 0 and 3 are not theirs to use, 1 and 2 lead nowhere.
 struct RelayTask {
     std::function<std::string()> executable;  // empty: not asked for
     AccountQuestions questions;               // of the caller's account
     // Answers them; in a process of its own, which gets half of the time for the look. May throw.
     std::function<Account()> account;
-    std::function<Descriptor()> output;  // empty: none is wanted
+    // Takes the descriptor that is copied to. Empty: none is wanted.
+    std::function<Result<OwnedFd>()> output;
 };
 
 // Written when the executable and when the account is known, and at the look's end, each in one
@@ -45,14 +46,13 @@ struct LookReport {
 static_assert(sizeof(LookReport) <= PIPE_BUF, "it must arrive in one piece");
 
 // Written at the end of the copying.
-struct RelayReport {
+struct CopyReport {
     std::uint64_t copied = 0;
     std::uint64_t dropped = 0;
 };
 
 struct RelayChildSetup {
     int input = -1;   // the pipe's reading end
-    int atHand = -1;  // becomes descriptor 1; -1: nothing
     int report = -1;  // for the reports
     std::size_t cap = 0;
     pid_t parent = 0;
