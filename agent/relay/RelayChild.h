@@ -1,6 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the relay's process does: first, with the agent's rights, it looks at the caller's process;
-// then, with the caller's and no other, it copies.
+// then, with the caller's and no other, it copies. Its states, each left for the next one only:
+//
+//   begins    lays down what it has of the agent: signals, session, every descriptor but its own
+//   looks     says what it finds piece by piece, so that a look that is given up has told the rest
+//   confined  has the caller's file as its output, and gives up all else: memory is got first and
+//             the filter comes last, since behind it nothing of this can be done any more; the
+//             death signal is said again behind the change of ids. Only then it says that it has an
+//             output: no tool runs whose output nobody is fit to copy
+//   copies    until every writer of its pipe has gone; then says how much, and ends
+//
+// Who ends it: it itself, without an output after the look; the agent by SIGKILL, when the look or
+// the copying takes too long (Relay.h); the kernel, with the agent or at a call that the filter
+// forbids. Whatever fails ends it, and the agent, which sees the end, refuses the request.
 #ifndef SENTREL_AGENT_RELAYCHILD_H
 #define SENTREL_AGENT_RELAYCHILD_H
 
@@ -12,6 +24,7 @@
 #include <functional>
 #include <string>
 
+#include "CopyFilter.h"
 #include "Descriptor.h"
 #include "base/Caller.h"
 
@@ -52,18 +65,15 @@ struct CopyReport {
 };
 
 struct RelayChildSetup {
-    int input = -1;   // the pipe's reading end
-    int report = -1;  // for the reports
-    std::size_t cap = 0;
-    pid_t parent = 0;
+    int input = -1;       // the pipe's reading end
+    int report = -1;      // for the reports
+    std::size_t cap = 0;  // bytes that are copied
     std::chrono::milliseconds accountLimit{1000};
 };
 
-// Runs in a new process. After the look, and when there is an output, it gives up every right but
-// the caller's ids and the few system calls that copying takes, then copies until the pipe's
-// writers are gone.
+// Runs in a new process, whose parent is `parent`.
 [[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const RelayTask& task,
-                                const Caller& caller);
+                                const Caller& caller, const CopyFilter& filter, pid_t parent);
 
 }  // namespace agent
 

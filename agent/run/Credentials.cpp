@@ -9,9 +9,8 @@ namespace {
 
 const std::size_t kLongestName = 255;
 
-bool Refuse(std::string& reason, const char* why) {
-    reason = std::string("the file of credentials ") + why;
-    return false;
+Refusal Malformed(const char* why) {
+    return Refusal{std::string("the file of credentials ") + why, SR_RULE_NO_FOUND};
 }
 
 // As strict as the grammar: the value becomes one of the mount's options.
@@ -42,28 +41,27 @@ void TakeLine(std::string line, Credentials& credentials) {
 
 }  // namespace
 
-bool ReadCredentials(const std::string& text, Credentials& credentials, std::string& reason) {
+Result<Credentials> ReadCredentials(const std::string& text) {
     if (text.size() > kLargestCredentials) {
-        return Refuse(reason, "is larger than 4096 bytes");
+        return Malformed("is larger than 4096 bytes");
     }
     if (text.find('\0') != std::string::npos) {
-        return Refuse(reason, "holds a NUL");
+        return Malformed("holds a NUL");
     }
     Credentials found;
     for (const std::string& line : Split(text, '\n')) {
         TakeLine(line, found);
     }
     if (found.password.empty()) {
-        return Refuse(reason, "has no line 'password='");
+        return Malformed("has no line 'password='");
     }
     if (!found.user.empty() && !IsPlain(found.user, "._$@-")) {
-        return Refuse(reason, "has a malformed user");
+        return Malformed("has a malformed user");
     }
     if (!found.domain.empty() && !IsPlain(found.domain, "._-")) {
-        return Refuse(reason, "has a malformed domain");
+        return Malformed("has a malformed domain");
     }
-    credentials = found;
-    return true;
+    return found;
 }
 
 }  // namespace agent

@@ -30,44 +30,58 @@ std::string Unescape(const std::string& text) {
 }
 
 // A stream would take an error for the end.
-bool ReadTable(std::string& text) {
+Result<std::string> ReadTable() {
+    const Refusal refusal{"the kernel's list of mounts cannot be read"};
     const OwnedFd table(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
     if (!table) {
-        return false;
+        return refusal;
     }
+    std::string text;
     for (;;) {
         char piece[16384];
         const ssize_t count = read(table.Get(), piece, sizeof piece);
         if (count > 0) {
             text.append(piece, static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return count == 0;
+        } else if (count == 0) {
+            return text;
+        } else if (errno != EINTR) {
+            return refusal;
         }
     }
 }
 
+// "36 35 98:0 /root /point nosuid,nodev ..."; what follows is of the file system.
+std::optional<MountEntry> ReadLine(const std::string& line) {
+    std::istringstream fields(line);
+    MountEntry entry;
+    char colon = ':';
+    std::string root;
+    fields >> entry.id >> entry.parent >> entry.majorNumber >> colon >> entry.minorNumber >> root >>
+        entry.point >> entry.options;
+    if (!fields) {
+        return std::nullopt;
+    }
+    entry.point = Unescape(entry.point);
+    return entry;
+}
+
 }  // namespace
 
-bool ReadMounts(std::vector<MountEntry>& mounts) {
-    std::string text;
-    if (!ReadTable(text)) {
-        return false;
+Result<std::vector<MountEntry> > ReadMounts() {
+    const Result<std::string> text = ReadTable();
+    if (!text) {
+        return text.GetRefusal();
     }
-    std::istringstream table(text);
+    std::vector<MountEntry> mounts;
+    std::istringstream table(*text);
     for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        MountEntry entry;
-        char colon = ':';
-        std::string root;
-        fields >> entry.id >> entry.parent >> entry.majorNumber >> colon >> entry.minorNumber >>
-            root >> entry.point >> entry.options;
-        if (!fields) {
-            return false;
+        const std::optional<MountEntry> entry = ReadLine(line);
+        if (!entry) {
+            return Refusal{"the kernel's list of mounts is not understood"};
         }
-        entry.point = Unescape(entry.point);
-        mounts.push_back(entry);
+        mounts.push_back(*entry);
     }
-    return true;
+    return mounts;
 }
 
 const MountEntry* FindMount(const std::vector<MountEntry>& mounts, std::uint64_t id) {
@@ -84,14 +98,13 @@ std::string MissingFlag(const MountEntry& mount, const std::vector<std::string>&
     return missing == flags.end() ? "" : *missing;
 }
 
-bool MountId(int fd, std::uint64_t& id) {
+std::optional<std::uint64_t> MountId(int fd) {
     struct statx found = {};
     if (statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &found) != 0 ||
         (found.stx_mask & STATX_MNT_ID) == 0) {
-        return false;
+        return std::nullopt;
     }
-    id = found.stx_mnt_id;
-    return true;
+    return found.stx_mnt_id;
 }
 
 }  // namespace agent
