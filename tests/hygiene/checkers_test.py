@@ -238,6 +238,21 @@ def ATableOfCodesThatDiffersIsRefused(root):
     expect(1, "the table has", "texts.py", "codes", root / "m", root / "h")
 
 
+def AShownLogLineThatStandsElsewhereIsRefused(root):
+    write(root, {"docs/a.md": "`[SR] [A.cpp(Do() +2)][x]5`\n",
+                 "src/A.cpp": 'void Do() {\n    SR_LOG(ERR, "[x]" << 5);\n}\n'})
+    expect(0, "1 log lines shown", "texts.py", "lines", root / "docs", root / "src")
+    for shown, word in (("A.cpp(Do() +3)][x]5", "no such statement in line 3"),
+                        ("A.cpp(Do() +9)][x]5", "no such statement in line 9"),
+                        ("A.cpp(Do() +2)][y]5", "no such statement in line 2"),
+                        ("A.cpp(Undo() +2)][x]5", "has no Undo"),
+                        ("B.cpp(Do() +2)][x]5", "B.cpp has no such statement")):
+        write(root, {"docs/a.md": f"`[SR] [{shown}`\n"})
+        expect(1, word, "texts.py", "lines", root / "docs", root / "src")
+    write(root, {"docs/a.md": "nothing\n"})
+    expect(1, "no log line found", "texts.py", "lines", root / "docs", root / "src")
+
+
 # What runs where ---------------------------------------------------------------------------------
 
 def where(root, code, word, listed, *tests, ran=None):

@@ -25,7 +25,7 @@ int SR_Agent(const char* agent, const char* args, unsigned int length, int descr
     Message response(std::string(), -1);
     const int code = communication.SendMessage("org.sentrel.sr_agent", request, response);
     if (code != SR_COMM_OK) {
-        SR_LOG(ERR, "[Client][Status]" << std::to_string(code));
+        SR_LOG(ERR, "[Client][Status]" << code);
         return code;
     }
     // The exchange leaves the data as it was made: empty.
