@@ -987,6 +987,10 @@ TEST_F(ExchangeTest, TheReplysTwoNumbersAreStatusAndReturnValue) {
         {"0 42", 0, 42},
         {"0 -1", 0, -1},
         {" \t\n0\n7 and more", 0, 7},
+        {"\v\f\r0\v8", 0, 8},
+        {"\xC2\xA0"
+         "7 1",
+         0, 0},  // a blank to others, not to the wire
         {"+0 +5", 0, 5},
         {"0", 0, 0},
         {"", 0, 0},

@@ -5,7 +5,6 @@
 sentrel_test(LogTest unit/LogTest.cpp LABEL unit-threads)
 sentrel_test(StatusTest unit/StatusTest.cpp LABEL unit)
 sentrel_test(MessageRecordTest unit/MessageRecordTest.cpp LABEL unit)
-sentrel_test(ReplyTest unit/ReplyTest.cpp LABEL unit)
 sentrel_test(CallbackTest unit/CallbackTest.cpp LABEL unit)
 sentrel_test(DBusErrorTest unit/DBusErrorTest.cpp LIBS -Wl,--wrap=dbus_error_free
   LABEL unit-threads)
