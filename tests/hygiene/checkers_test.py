@@ -37,7 +37,7 @@ LAYERS = {
     "src/api/SR_API.h": '#include "SR_Status.h"\n',
     "src/api/SR_API.cpp": '#include "SR_API.h"\n#include "SR_Message.h"\n#include "SR_Log.h"\n',
     "src/communication/SR_Message.h": "",
-    "src/communication/dbus/SR_MainLoop.h": "#include <poll.h>\n",
+    "src/loop/SR_MainLoop.h": "#include <poll.h>\n",
     "src/communication/dbus/SR_DBusProxy.h": '#include <dbus/dbus.h>\n#include "SR_MainLoop.h"\n',
     "src/log/SR_Log.h": '#include "SR_Status.h"\n',
     "src/log/SR_LogImpl.h": '#include "SR_Log.h"\n',
@@ -66,8 +66,17 @@ def AnIncludeThatSkipsAStepIsRefused(root):
 
 
 def ALoopThatKnowsDBusIsRefused(root):
-    layers(root, 1, "the loop knows nothing of D-Bus",
-           {"src/communication/dbus/SR_MainLoop.cpp": "#include <dbus/dbus.h>\n"})
+    layers(root, 1, "loop knows nothing of libdbus",
+           {"src/loop/SR_MainLoop.cpp": "#include <dbus/dbus.h>\n"})
+    layers(root, 1, "loop must not reach communication/dbus",
+           {"src/loop/SR_MainLoop.cpp": '#include "SR_DBusProxy.h"\n'})
+    layers(root, 1, "loop must not reach log",
+           {"src/loop/SR_MainLoop.cpp": '#include "SR_Log.h"\n'})
+
+
+def ALayerBesideTheBusLayerThatKnowsLibdbusIsRefused(root):
+    layers(root, 1, "communication knows nothing of libdbus",
+           {"src/communication/SR_Message.cpp": "#include <dbus/dbus.h>\n"})
 
 
 def AnInstalledHeaderThatNeedsAnInnerOneIsRefused(root):
@@ -77,7 +86,7 @@ def AnInstalledHeaderThatNeedsAnInnerOneIsRefused(root):
 
 def HeadersInACircleAreRefused(root):
     layers(root, 1, "headers in a circle",
-           {"src/communication/dbus/SR_MainLoop.h": '#include "SR_DBusProxy.h"\n'})
+           {"src/loop/SR_MainLoop.h": '#include "SR_DBusProxy.h"\n'})
 
 
 def AnIncludeOfNothingIsRefused(root):
