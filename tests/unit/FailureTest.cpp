@@ -685,11 +685,7 @@ class Served : public SR_DBusIAdaptor, public SR_DBusAdaptor {
 public:
     explicit Served(SR_DBusConnection& handle)
         : SR_DBusIAdaptor("org.x.If"), SR_DBusAdaptor(handle, "/x") {
-        AddMethod("Call",
-                  sentrel::Slot<SR_DBusMessage, const SR_DBusCallMessage&>(
-                      boost::make_shared<
-                          sentrel::Callback<Served, SR_DBusMessage, const SR_DBusCallMessage&> >(
-                          this, &Served::Call)));
+        AddMethod("Call", this, &Served::Call);
     }
     SR_DBusMessage Call(const SR_DBusCallMessage& call) { return handler(call); }
 
