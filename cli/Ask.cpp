@@ -7,6 +7,7 @@
 
 #include "Control.h"
 #include "Json.h"
+#include "Outcome.h"
 #include "Quote.h"
 
 namespace cli {
@@ -137,7 +138,8 @@ bool IsEmptyList(const Json& object, const char* name) {
 
 int AskTest(const Operation& operation, const std::string& text, const Options& options) {
     Json answer;
-    const int failed = Ask("test", "Test", {operation.agent, text}, Json::kObject, options, answer);
+    const int failed =
+        Ask("test", "Test", {operation.operation, text}, Json::kObject, options, answer);
     if (failed != 0) {
         return failed;
     }
