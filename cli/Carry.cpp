@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <functional>
 
-#include "Json.h"
+#include "ForProgram.h"
 #include "Outcome.h"
 #include "Output.h"
 
@@ -64,16 +64,7 @@ int CarryForProgram(const Operation& operation, const std::string& text) {
     const Outcome outcome = CallWith(operation, text, [&](const std::string& bytes) {
         output.append(bytes, 0, kMostOutput - output.size());
     });
-    const Json object = Json::Object()
-                            .Add("operation", Json::Text(operation.name))
-                            .Add("status", Json::Number(outcome.status))
-                            .Add("name", Json::Text(StatusName(outcome.status)))
-                            .Add("value", Json::Number(outcome.value))
-                            .Add("exit", Json::Number(outcome.Exit()))
-                            .Add("output", Json::Text(output))
-                            .Add("text", Json::Text(outcome.Text()))
-                            .Add("advice", Json::Text(outcome.Advice()));
-    Show(object.Write() + "\n");
+    Show(OutcomeLine(operation, outcome, output) + "\n");
     return outcome.Exit();
 }
 

@@ -3,7 +3,7 @@
 
 #include <sentrel/SR_API.h>
 
-#include "Json.h"
+#include "ForProgram.h"
 
 namespace cli {
 
@@ -31,20 +31,6 @@ int ExitStatus(int status) {
         default:
             return kRefused;
     }
-}
-
-void PrintErrorsForProgram() {
-    Json list = Json::List();
-    for (const Meaning& meaning : Meanings()) {
-        const std::optional<int> exit = meaning.Exit();
-        list.Add(Json::Object()
-                     .Add("status", Json::Number(meaning.status))
-                     .Add("name", Json::Text(StatusName(meaning.status)))
-                     .Add("exit", exit ? Json::Number(*exit) : Json())
-                     .Add("text", Json::Text(meaning.text))
-                     .Add("advice", Json::Text(meaning.advice)));
-    }
-    std::printf("%s\n", list.Write().c_str());
 }
 
 }  // namespace
@@ -85,7 +71,7 @@ std::optional<int> Meaning::Exit() const {
 
 void PrintErrors(const Options& options) {
     if (options.json) {
-        PrintErrorsForProgram();
+        std::printf("%s\n", MeaningsLine(Meanings()).c_str());
         return;
     }
     std::printf("STATUS  NAME                      EXIT   MEANING\n");

@@ -12,7 +12,7 @@
 #include "Ask.h"
 #include "Carry.h"
 #include "Doctor.h"
-#include "Json.h"
+#include "ForProgram.h"
 #include "Operations.h"
 #include "Outcome.h"
 #include "Quote.h"
@@ -46,10 +46,7 @@ const char kHelpEnd[] =
 
 int PrintVersion(const cli::Options& options) {
     if (options.json) {
-        const cli::Json object = cli::Json::Object()
-                                     .Add("version", cli::Json::Text(SENTREL_VERSION))
-                                     .Add("interface", cli::Json::Text(SR_ConfigInfo()));
-        std::printf("%s\n", object.Write().c_str());
+        std::printf("%s\n", cli::VersionLine(SENTREL_VERSION, SR_ConfigInfo()).c_str());
     } else {
         std::printf("sentrel %s, interface %s\n", SENTREL_VERSION, SR_ConfigInfo());
     }
