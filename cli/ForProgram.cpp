@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ForProgram.h"
 
+#include <utf8.h>
+
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -20,17 +22,16 @@ std::string JsonLine(const Json& value) {
     const std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
     // What JSON lets stand in a text and a terminal would obey: DEL, and the controls beyond it.
     std::string line;
-    for (std::size_t at = 0; at < text.size();) {
-        unsigned character = 0;
-        const std::size_t length = CharacterAt(text, at, character);
+    for (auto at = text.begin(); at != text.end();) {
+        const auto from = at;
+        const unsigned character = utf8::unchecked::next(at);
         if (IsControl(character) || character == kReplacement) {
             char escape[16];
             (void)std::snprintf(escape, sizeof(escape), "\\u%04x", character);
             line += escape;
         } else {
-            line.append(text, at, length);
+            line.append(from, at);
         }
-        at += length;
     }
     return line;
 }

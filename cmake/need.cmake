@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-# need_library(NAME VERSION DEBIAN): finds a library that brings a CMake package of its own. Without
-# it, the error says what to install.
-function(need_library name version debian)
-  find_package(${name} ${version} CONFIG QUIET)
+# need_library(NAME DEBIAN [VERSION]): finds a library that brings a CMake package of its own.
+# Without it, the error names Debian's package.
+function(need_library name debian)
+  find_package(${name} ${ARGV2} CONFIG QUIET)
   if(NOT ${name}_FOUND)
-    message(FATAL_ERROR
-      "${name} ${version} or later is missing. Debian has it in the package ${debian}.")
+    list(PREPEND ARGN ${name})
+    list(JOIN ARGN " " wanted)
+    message(FATAL_ERROR "${wanted} is missing; Debian's package of it is ${debian}.")
   endif()
 endfunction()

@@ -18,6 +18,7 @@ LIBRARIES = {
     "nlohmann_json": ("nlohmann-json3-dev", "nlohmann-json", "nlohmann-json"),
     "re2": ("libre2-dev", "re2", "RE2"),
     "tomlplusplus": ("libtomlplusplus-dev", "tomlplusplus", "toml++"),
+    "utf8cpp": ("libutfcpp-dev", "utfcpp", "utf8cpp"),
 }
 NONE = {"Threads", "PkgConfig"}  # the compiler's, and a tool
 SCRIPTS = ("scripts/test.sh", "scripts/demo.sh", "scripts/cross.sh")
@@ -38,7 +39,7 @@ def asked(root):
             for name in words.split():
                 if name not in ("REQUIRED", "QUIET", "IMPORTED_TARGET"):
                     found.setdefault(re.split("[<>=]", name)[0], None)
-        for name, package in re.findall(r"\bneed_library\((\w+) \S+ (\S+)\)", text):
+        for name, package in re.findall(r"\bneed_library\((\w+) ([\w.+-]+)", text):
             found[name] = package
     return {name: package for name, package in found.items() if name not in NONE}
 
