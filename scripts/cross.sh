@@ -26,7 +26,7 @@ need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config python3 g++
 sysroot=$PWD/build/sysroot-$arch
 build=$PWD/build/cross-$arch
 libraries="libc6-dev libstdc++-12-dev libdbus-1-dev libboost-dev libgtest-dev libre2-dev
-    libtomlplusplus-dev libutfcpp-dev nlohmann-json3-dev"
+    libseccomp-dev libtomlplusplus-dev libutfcpp-dev nlohmann-json3-dev"
 
 # apt with a state of its own, in which nothing is installed, names all that is needed.
 fetch() {

@@ -15,6 +15,7 @@ import sys
 LIBRARIES = {
     "Boost": ("libboost-dev", "boost", "Boost"),
     "dbus-1": ("libdbus-1-dev", "dbus", "libdbus"),
+    "libseccomp": ("libseccomp-dev", "libseccomp", "libseccomp"),
     "nlohmann_json": ("nlohmann-json3-dev", "nlohmann-json", "nlohmann-json"),
     "re2": ("libre2-dev", "re2", "RE2"),
     "tomlplusplus": ("libtomlplusplus-dev", "tomlplusplus", "toml++"),
