@@ -7,7 +7,7 @@
 #ifndef SENTREL_AGENT_LIBRARYLOG_H
 #define SENTREL_AGENT_LIBRARYLOG_H
 
-#include "Log.h"
+#include "answer/Log.h"
 
 namespace agent {
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "Log.h"
-#include "Text.h"
+#include "answer/Log.h"
+#include "base/Text.h"
 
 namespace agent {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Quota.h"
+#include "passage/Quota.h"
 
 namespace agent {
 

@@ -29,17 +29,17 @@
 #include <cstring>
 #include <iostream>
 
-#include "Control.h"
-#include "Events.h"
 #include "LibraryLog.h"
-#include "Log.h"
-#include "Mock.h"
 #include "Options.h"
-#include "OwnedFd.h"
-#include "Requests.h"
-#include "RuleLoader.h"
-#include "RuleStore.h"
-#include "Service.h"
+#include "answer/Log.h"
+#include "base/Descriptors.h"
+#include "base/Events.h"
+#include "gate/Service.h"
+#include "passage/Control.h"
+#include "passage/Mock.h"
+#include "passage/Requests.h"
+#include "rules/RuleLoader.h"
+#include "rules/RuleStore.h"
 
 namespace {
 

@@ -105,7 +105,7 @@ check_tidy() (
 check_cppcheck() {
     cppcheck -j "$jobs" --enable=warning,performance,portability --std=c++17 --language=c++ \
         --inline-suppr --suppressions-list=tests/cppcheck-suppressions.txt --error-exitcode=1 \
-        -I build/clang/include service/src agent cli
+        -I build/clang/include -I agent service/src agent cli
 }
 
 check_shell() { shellcheck -x .ci/run scripts/*.sh tests/*/*.sh; }

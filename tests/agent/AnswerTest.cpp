@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // One reply for every call that wants one, seen from a caller on a private bus.
-#include "Answer.h"
+#include "answer/Answer.h"
 
 #include <sentrel/SR_DBusAdaptor.h>
 #include <sentrel/SR_DBusDispatcher.h>
@@ -10,9 +10,9 @@
 #include <boost/make_shared.hpp>
 #include <functional>
 
-#include "Events.h"
 #include "PrivateBus.h"
 #include "RunFixture.h"
+#include "base/Events.h"
 
 using agent::Answer;
 

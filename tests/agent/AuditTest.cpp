@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What an administrator reads, and what a caller cannot make him read.
-#include "Audit.h"
+#include "answer/Audit.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ AuditRequest Request() {
     request.uid = 1000;
     request.pid = 42;
     request.executable = "/usr/bin/player";
-    request.agent = "sr_mount";
+    request.operation = "sr_mount";
     request.arguments = {"-t", "tmpfs", "none", "/media/x"};
     request.rule = "/etc/rules/10.toml:3";
     return request;
@@ -59,7 +59,7 @@ TEST(AuditTest, NoCallersTextEndsALineOrMakesAField) {
     Audit audit(out);
     AuditRequest request = Request();
     request.arguments = {"x\nsentrel-agent: phase=end id=8", "\" decision=allow uid=0 \""};
-    request.agent = "a\r\x1b[2J";
+    request.operation = "a\r\x1b[2J";
     request.executable = "/tmp/\xff\xc2\x85";
     audit.Denied(request, 7, "\x01");
     const std::string line = out.str();

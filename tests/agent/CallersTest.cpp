@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Who calls, asked of a private bus: one question for many callers' calls, and what becomes of
 // those whom the bus does not know.
-#include "Callers.h"
+#include "gate/Callers.h"
 
 #include <gtest/gtest.h>
 #include <sentrel/SR_DBusDispatcher.h>
@@ -11,11 +11,11 @@
 #include <chrono>
 #include <sstream>
 
-#include "Events.h"
 #include "Monitor.h"
 #include "PrivateBus.h"
 #include "RunProgram.h"
-#include "Strangers.h"
+#include "answer/Strangers.h"
+#include "base/Events.h"
 
 namespace {
 
@@ -161,7 +161,7 @@ TEST_F(CallersTest, ManyStrangersGetAFewLinesASecondAndTheRestIsCounted) {
     agent::Audit audit(lines);
     agent::Strangers strangers(dispatcher, audit);
     agent::AuditRequest request;
-    request.agent = "sr_rmmod";
+    request.operation = "sr_rmmod";
     request.arguments = {"x"};
     int described = 0;
     const auto describe = [&] {

@@ -3,7 +3,7 @@
 #include <linux/mount.h>
 #include <sys/stat.h>
 
-#include "Decide.h"
+#include "decide/Decide.h"
 
 #include <gtest/gtest.h>
 
@@ -86,7 +86,7 @@ TEST(Decide, AMountIsRebuiltWithTheProtectingFlagsLast) {
     EXPECT_EQ(Pins(plan), "9 file /dev/sda1 closed;10 directory /m closed;");
     EXPECT_EQ(plan.requiredMountFlags, (Words{"nosuid", "nodev", "noexec"}));
     EXPECT_EQ(plan.deadline.count(), 5000);
-    EXPECT_EQ(plan.agent, "sr_mount");
+    EXPECT_EQ(plan.operation, "sr_mount");
 }
 
 TEST(Decide, AMountOfNothingHasNoPinnedSource) {

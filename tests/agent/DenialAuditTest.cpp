@@ -69,7 +69,7 @@ protected:
             dbus_message_new_method_call("org.sentrel.sr_agent", "/org/sentrel/sr_agent",
                                          "org.sentrel.sr_agent.Control1", "Test");
         const std::string text = Localized(one.text);
-        const char* words[] = {one.agent.c_str(), text.c_str()};
+        const char* words[] = {one.operation.c_str(), text.c_str()};
         (void)dbus_message_append_args(question, DBUS_TYPE_STRING, &words[0], DBUS_TYPE_STRING,
                                        &words[1], DBUS_TYPE_INVALID);
         return test::Send(As(player), question).text;
@@ -77,8 +77,8 @@ protected:
 
     void ExpectRefused(const DenialCase& one, const std::string& uid) {
         const std::string text = Localized(one.text);
-        const std::string what = one.agent + " " + text + " by " + uid;
-        const test::Reply reply = test::Call(As(uid), one.agent.c_str(), text.c_str());
+        const std::string what = one.operation + " " + text + " by " + uid;
+        const test::Reply reply = test::Call(As(uid), one.operation.c_str(), text.c_str());
         ASSERT_TRUE(reply.text == "7 0" || reply.text == "1 0")
             << what << ": " << reply.text << reply.error;
         byRule += reply.text == "7 0" ? 1 : 0;
@@ -107,7 +107,7 @@ TEST_F(DenialAuditTest, EveryCaseOfTheMatrixIsRefusedAndHasExactlyOneLineInTheAu
     for (const DenialCase& good : GoodCases()) {
         const std::string judgement = Judgement(good);
         ASSERT_TRUE(test::Holds(judgement, "\"decision\":\"allow\""))
-            << good.agent << ": " << judgement;
+            << good.operation << ": " << judgement;
     }
     std::size_t next = 0;
     int leftOut = 0;

@@ -9,15 +9,15 @@
 #include <iostream>
 #include <set>
 
-#include "Decide.h"
 #include "Denials.h"
 #include "Oracle.h"
+#include "decide/Decide.h"
 
 namespace {
 
 // The answer's status; a permit without status 0 or the reverse is a failure by itself.
 int Answer(const agent::RuleSet& set, const DenialCase& one) {
-    const agent::Parsed parsed = agent::Parse(one.agent, one.text);
+    const agent::Parsed parsed = agent::Parse(one.operation, one.text);
     if (parsed.status != agent::kOk) {
         return parsed.status;
     }
@@ -30,11 +30,11 @@ int Answer(const agent::RuleSet& set, const DenialCase& one) {
 TEST(DenialMatrix, EveryGoodRequestIsAllowed) {
     const auto set = MakeRules(kNarrowRules);
     for (const DenialCase& good : GoodCases()) {
-        EXPECT_EQ(Answer(*set, good), agent::kOk) << good.agent;
+        EXPECT_EQ(Answer(*set, good), agent::kOk) << good.operation;
     }
     for (const GoodRequest& good : GoodRequests()) {
-        EXPECT_EQ(Answer(*set, {good.agent, good.text, MakeCaller(1000), false}), agent::kOk)
-            << good.agent;
+        EXPECT_EQ(Answer(*set, {good.operation, good.text, MakeCaller(1000), false}), agent::kOk)
+            << good.operation;
     }
 }
 
@@ -46,10 +46,10 @@ TEST(DenialMatrix, EveryCaseIsRefused) {
     for (const DenialCase& one : DenialCases()) {
         const int status = Answer(*set, one);
         EXPECT_TRUE(status == agent::kRuleNotFound || status == agent::kFail)
-            << one.agent << " " << one.text << " by " << one.caller.uid << ": " << status;
+            << one.operation << " " << one.text << " by " << one.caller.uid << ": " << status;
         byRule += status == agent::kRuleNotFound ? 1 : 0;
         malformed += status == agent::kFail ? 1 : 0;
-        distinct.insert(one.agent + " " + one.text);
+        distinct.insert(one.operation + " " + one.text);
     }
     std::cout << "refused: " << byRule << " by the rules, " << malformed << " malformed, of "
               << DenialCases().size() << " cases (" << distinct.size() << " different texts)\n";
@@ -66,7 +66,7 @@ TEST(DenialMatrix, WideRulesLetThroughWhatIsWrongByRuleOnly) {
         const int status = Answer(*set, one);
         allowed += status == agent::kOk ? 1 : 0;
         smuggled += one.smuggled ? 1 : 0;
-        EXPECT_FALSE(one.smuggled && status == agent::kOk) << one.agent << " " << one.text;
+        EXPECT_FALSE(one.smuggled && status == agent::kOk) << one.operation << " " << one.text;
     }
     std::cout << "allowed by wide rules: " << allowed << " of " << DenialCases().size()
               << " cases, of which " << smuggled << " can never be\n";

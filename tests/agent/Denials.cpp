@@ -15,7 +15,7 @@ struct Field {
 };
 
 struct Operation {
-    std::string agent;
+    std::string operation;
     Words good;
     std::vector<Field> fields;
 };
@@ -170,7 +170,7 @@ void AddWrongFields(const Operation& operation, std::vector<DenialCase>& cases) 
         for (const std::string& wrong : field.wrong) {
             Words words = operation.good;
             words[field.word] = wrong;
-            cases.push_back({operation.agent, Text(words), MakeCaller(1000), false});
+            cases.push_back({operation.operation, Text(words), MakeCaller(1000), false});
         }
     }
 }
@@ -201,7 +201,7 @@ void AddSmuggling(const Operation& operation, std::vector<DenialCase>& cases) {
         for (const std::string& appendix : Appendices()) {
             Words words = operation.good;
             words[at] += appendix;
-            cases.push_back({operation.agent, Text(words), MakeCaller(1000),
+            cases.push_back({operation.operation, Text(words), MakeCaller(1000),
                              AlwaysMalformed(operation.good[at], isOptionText, appendix)});
         }
     }
@@ -210,25 +210,26 @@ void AddSmuggling(const Operation& operation, std::vector<DenialCase>& cases) {
             Words words = operation.good;
             words.insert(words.begin() + static_cast<std::ptrdiff_t>(at), intruder);
             // The one that a table knows; a rule may allow it.
-            cases.push_back({operation.agent, Text(words), MakeCaller(1000), intruder != "-osuid"});
+            cases.push_back(
+                {operation.operation, Text(words), MakeCaller(1000), intruder != "-osuid"});
             words = operation.good;
             words.insert(words.begin() + static_cast<std::ptrdiff_t>(at), {"--", intruder});
-            cases.push_back({operation.agent, Text(words), MakeCaller(1000), true});
+            cases.push_back({operation.operation, Text(words), MakeCaller(1000), true});
         }
     }
     for (const char* end : {" '", " \"", " \\", "\n", " '\n'", " -- --", " -- -- x", " ''"}) {
-        cases.push_back({operation.agent, Text(operation.good) + end, MakeCaller(1000), true});
+        cases.push_back({operation.operation, Text(operation.good) + end, MakeCaller(1000), true});
     }
     // NUL bytes and one word too many.
     cases.push_back(
-        {operation.agent, Text(operation.good) + std::string(1, '\0'), MakeCaller(1000), true});
+        {operation.operation, Text(operation.good) + std::string(1, '\0'), MakeCaller(1000), true});
     std::string many = Text(operation.good);
     for (int i = 0; i < 64; ++i) {
         many += " x";
     }
-    cases.push_back({operation.agent, many, MakeCaller(1000), true});
-    cases.push_back(
-        {operation.agent, Text(operation.good) + std::string(8192, ' '), MakeCaller(1000), true});
+    cases.push_back({operation.operation, many, MakeCaller(1000), true});
+    cases.push_back({operation.operation, Text(operation.good) + std::string(8192, ' '),
+                     MakeCaller(1000), true});
 }
 
 void AddCallers(const Operation& operation, std::vector<DenialCase>& cases) {
@@ -236,18 +237,18 @@ void AddCallers(const Operation& operation, std::vector<DenialCase>& cases) {
     const std::vector<gid_t> every = {0, 6, 44, 1000, 1100};
     for (const uid_t uid :
          {0U, 1U, 44U, 100U, 999U, 1001U, 1100U, 10000U, 65534U, 0xfffffffeU, 0xffffffffU}) {
-        cases.push_back({operation.agent, text, MakeCaller(uid), false});
-        cases.push_back({operation.agent, text, MakeCaller(uid, every), false});
+        cases.push_back({operation.operation, text, MakeCaller(uid), false});
+        cases.push_back({operation.operation, text, MakeCaller(uid, every), false});
     }
     for (const Operation& other : Operations()) {
-        if (other.agent != operation.agent && other.good != operation.good) {
-            cases.push_back({operation.agent, Text(other.good), MakeCaller(1000), false});
+        if (other.operation != operation.operation && other.good != operation.good) {
+            cases.push_back({operation.operation, Text(other.good), MakeCaller(1000), false});
         }
     }
-    if (operation.agent == "sr_mount") {
+    if (operation.operation == "sr_mount") {
         for (const char* executable : {"", "/usr/bin/player2", "/usr/bin/player (deleted)",
                                        "/tmp/usr/bin/player", "player"}) {
-            cases.push_back({operation.agent, text, MakeCaller(1000, {}, executable), false});
+            cases.push_back({operation.operation, text, MakeCaller(1000, {}, executable), false});
         }
     }
 }
@@ -271,7 +272,7 @@ const std::vector<DenialCase>& GoodCases() {
     static const std::vector<DenialCase> kCases = [] {
         std::vector<DenialCase> cases;
         for (const Operation& operation : Operations()) {
-            cases.push_back({operation.agent, Text(operation.good), MakeCaller(1000), false});
+            cases.push_back({operation.operation, Text(operation.good), MakeCaller(1000), false});
         }
         return cases;
     }();

@@ -11,7 +11,7 @@
 #include "RuleTexts.h"
 
 struct DenialCase {
-    std::string agent;
+    std::string operation;
     std::string text;
     agent::Caller caller;
     bool smuggled;  // refused whatever the rules say

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Taking the caller's descriptor: what is given, and what no caller gets us to write to.
-#include "Descriptor.h"
+#include "relay/Descriptor.h"
 
 #include <grp.h>
 #include <signal.h>
@@ -13,9 +13,9 @@
 #include <functional>
 
 #include "MountNamespace.h"
-#include "Pidfd.h"
 #include "RunFixture.h"
 #include "StreamListener.h"
+#include "base/Process.h"
 
 using agent::Caller;
 using agent::Descriptor;

@@ -8,9 +8,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "Decide.h"
 #include "Oracle.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
+#include "decide/RuleCheck.h"
+#include "decide/RuleReader.h"
+#include "rules/RuleFiles.h"
 
 namespace {
 
@@ -118,7 +121,7 @@ TEST(Examples, AnExt4IsMountedOnlyWithAnAnswerToItsErrors) {
     EXPECT_FALSE(Allowed(caller, "sr_mount", "-t auto /dev/sdb1 /media/usb0"));
     for (const agent::Rule& rule : kSet->rules) {
         for (const char* type : {"ext2", "ext3", "ext4"}) {
-            const bool ext = rule.permit && rule.agent == "sr_mount" && rule.type.given &&
+            const bool ext = rule.permit && rule.operation == "sr_mount" && rule.type.given &&
                              rule.type.Match(type, agent::Variables());
             EXPECT_TRUE(!ext || std::count(rule.always.begin(), rule.always.end(),
                                            "errors=remount-ro") == 1)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // From argument text to fields: each option and operand of each operation, and what is refused.
-#include "Grammar.h"
+#include "parse/Parse.h"
 
 #include <gtest/gtest.h>
 

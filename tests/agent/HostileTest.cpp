@@ -234,7 +234,7 @@ TEST_F(HostileTest, ThirtyMegabytesAreADBusError) {
 // What a rule allows and what is tried against it. The harmless forms show that the rule works and
 // that only what is different about the others gets them refused.
 struct Attempts {
-    const char* agent;
+    const char* operation;
     const char* rule;
     std::vector<const char*> harmless;
     std::vector<const char*> hostile;
@@ -356,18 +356,18 @@ TEST_F(HostileTest, WordsThatMeanSomethingToAToolAreRefusedAndStartNothing) {
     Serve();
     for (const Attempts& attempts : AllAttempts()) {
         rules.Write("units.toml", std::string("[[rule]]\nname = \"it\"\nagent = \"") +
-                                      attempts.agent + "\"\npermit = true\nuser = \"*\"\n" +
+                                      attempts.operation + "\"\npermit = true\nuser = \"*\"\n" +
                                       attempts.rule);
         agent->Signal(SIGHUP);
         (void)agent->NextLineWith("1 loaded");
         for (const char* harmless : attempts.harmless) {
-            const std::string judgement = Judgement(attempts.agent, harmless);
+            const std::string judgement = Judgement(attempts.operation, harmless);
             EXPECT_EQ(0U, judgement.find("{\"decision\":\"allow\"")) << harmless << judgement;
         }
         for (const char* hostile : attempts.hostile) {
-            const std::string answer = Answer(attempts.agent, hostile);
+            const std::string answer = Answer(attempts.operation, hostile);
             EXPECT_TRUE(answer == "7 0" || answer == "1 0")
-                << attempts.agent << " " << hostile << ": " << answer;
+                << attempts.operation << " " << hostile << ": " << answer;
             const std::string line = agent->NextLineWith("phase=");
             EXPECT_TRUE(test::Holds(line, "decision=deny")) << line;
         }

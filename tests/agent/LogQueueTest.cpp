@@ -7,11 +7,11 @@
 #include <csignal>
 #include <sstream>
 
-#include "Audit.h"
-#include "Log.h"
 #include "LogReader.h"
 #include "RunFixture.h"
 #include "RunProgram.h"
+#include "answer/Audit.h"
+#include "answer/Log.h"
 
 using agent::AttachedLog;
 using agent::ErrorStream;
@@ -93,7 +93,7 @@ TEST_F(LogQueueTest, TheJournalGetsEachValueAsAFieldOfItsOwn) {
     agent::AuditRequest request;
     request.id = 7;
     request.uid = 1000;
-    request.agent = "sr_mount";
+    request.operation = "sr_mount";
     request.arguments = {"x\nMESSAGE=forged", "\"y\""};
     request.rule = "/etc/10.toml:3";
     audit.Denied(request, 7, "no rule\nSENTREL_UID=0");

@@ -10,8 +10,8 @@
 #include <map>
 #include <sstream>
 
-#include "Decide.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
 
 using agent::Pin;
 
@@ -62,7 +62,8 @@ public:
     }
 
     Words Run() {
-        Demand(rule.permit && rule.agent == plan.agent, "the rule does not permit this operation");
+        Demand(rule.permit && rule.operation == plan.operation,
+               "the rule does not permit this operation");
         Demand(!plan.argv.empty(), "there is no command");
         const auto separator = std::find(plan.argv.begin(), plan.argv.end(), "--");
         Demand(separator != plan.argv.end(), "there is no '--'");
@@ -133,7 +134,7 @@ private:
     }
 
     void CheckOperation() {
-        const std::string& name = plan.agent;
+        const std::string& name = plan.operation;
         if (name == "sr_mount" || name == "sr_mount_cifs") {
             CheckMount(name == "sr_mount");
         } else if (name == "sr_umount" || name == "sr_umount_cifs") {
@@ -235,7 +236,7 @@ private:
                                       "users", "owner", "group", "pass", "password"}) {
                 Demand(key != never, "the option " + option);
             }
-            const bool share = plan.agent == "sr_mount_cifs";
+            const bool share = plan.operation == "sr_mount_cifs";
             for (const char* never : {"unc", "prefixpath", "cred", "credentials", "target"}) {
                 Demand(!share || key != never, "the option " + option);
             }
@@ -400,7 +401,7 @@ Words Ask(const agent::RuleSet& set, const agent::Caller& caller, const std::str
         return {"the secret is in the command"};
     }
     for (const agent::Rule& rule : set.rules) {
-        if (rule.where == decision.permit->GetRule() && rule.agent == agentName) {
+        if (rule.where == decision.permit->GetRule() && rule.operation == agentName) {
             return Objections(rule, caller, kTools, decision.permit->GetPlan());
         }
     }

@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "Permit.h"
-#include "Rules.h"
-#include "Tools.h"
+#include "base/Caller.h"
+#include "base/Permit.h"
+#include "base/Tools.h"
+#include "decide/Rule.h"
 
 // Sentences about everything in `plan` that `rule` does not allow this caller, or that no plan may
 // ever have. Empty: nothing to object to.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Globs, exact texts and regular expressions.
-#include "Pattern.h"
+#include "decide/Pattern.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Who may run, who waits and who is turned away.
-#include "Quota.h"
+#include "passage/Quota.h"
 
 #include <gtest/gtest.h>
 

@@ -9,9 +9,9 @@
 #include <iostream>
 #include <random>
 
-#include "Decide.h"
 #include "Oracle.h"
 #include "RuleTexts.h"
+#include "decide/Decide.h"
 
 namespace {
 
@@ -111,9 +111,9 @@ TEST(RandomDecide, NothingThatIsPermittedIsObjectedTo) {
         const std::string text = generator.Text(good.text);
         const agent::Caller caller = MakeCaller(generator.Below(8) == 0 ? 1001 : 1000);
         bool permitted = false;
-        ASSERT_EQ(Ask(*narrow, caller, good.agent, text, permitted), Words{}) << text;
+        ASSERT_EQ(Ask(*narrow, caller, good.operation, text, permitted), Words{}) << text;
         byNarrow += permitted ? 1 : 0;
-        ASSERT_EQ(Ask(*wide, caller, good.agent, text, permitted), Words{}) << text;
+        ASSERT_EQ(Ask(*wide, caller, good.operation, text, permitted), Words{}) << text;
         byWide += permitted ? 1 : 0;
     }
     std::cout << "of " << kRounds << " requests " << byNarrow << " permitted by narrow rules, "
@@ -130,7 +130,7 @@ bool IsObjectedTo(std::size_t request, const std::function<void(agent::Plan&)>& 
     const agent::Caller caller = MakeCaller(1000);
     const agent::Decision decision =
         agent::Decider(agent::Tools())
-            .Decide(*set, caller, agent::Parse(good.agent, good.text).request);
+            .Decide(*set, caller, agent::Parse(good.operation, good.text).request);
     EXPECT_TRUE(decision.permit);
     agent::Plan plan = decision.permit->GetPlan();
     EXPECT_EQ(Objections(set->rules[request], caller, agent::Tools(), plan), Words{});

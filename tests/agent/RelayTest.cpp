@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The relay's process: its rights, and that it holds up nobody.
-#include "Relay.h"
+#include "decide/Accounts.h"
+#include "relay/Relay.h"
 
 #include <signal.h>
 #include <sys/socket.h>
 
-#include "Pidfd.h"
 #include "RunFixture.h"
+#include "base/Process.h"
 
 using agent::OwnedFd;
 using agent::Relay;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // How many answers a user may leave unread, on a private bus that tells what it holds and on one
 // that does not.
-#include "Replies.h"
+#include "answer/Replies.h"
 
 #include <gtest/gtest.h>
 #include <sentrel/SR_DBusAdaptor.h>
@@ -14,10 +14,10 @@
 #include <string>
 
 #include "ChildProcess.h"
-#include "Events.h"
 #include "Monitor.h"
 #include "PrivateBus.h"
 #include "SilentCaller.h"
+#include "base/Events.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "RuleTexts.h"
-#include "Rules.h"
+#include "decide/RuleCheck.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Loading the rules by another process: what it brings back, and a process that hangs, dies or is
 // asked for again.
-#include "RuleLoader.h"
+#include "rules/RuleLoader.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

@@ -4,6 +4,8 @@
 
 #include <iostream>
 
+#include "decide/RuleReader.h"
+
 bool FixedAccounts::FindUser(const std::string& name, uid_t& uid) const {
     if (name != "player" && name != "media" && name != "root") {
         return false;

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Accounts.h"
-#include "Permit.h"
-#include "Rules.h"
+#include "base/Caller.h"
+#include "decide/Accounts.h"
+#include "decide/Rule.h"
 
 // player is 1000 with the primary group 1100, media is 1001 and in the group media (44); there
 // is the group disk (6) too.
@@ -34,7 +34,7 @@ std::shared_ptr<const agent::RuleSet> MakeRules(const std::string& text);
 extern const char* const kNarrowRules;
 // For each operation, in AgentNames()' order, a request that kNarrowRules allows.
 struct GoodRequest {
-    const char* agent;
+    const char* operation;
     const char* text;
 };
 const std::vector<GoodRequest>& GoodRequests();

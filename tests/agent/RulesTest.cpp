@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reading rules: what is accepted, what is refused with its line, and which files are trusted.
-#include "Rules.h"
+#include "decide/Rule.h"
+#include "decide/RuleReader.h"
+#include "rules/RuleFiles.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -108,8 +110,8 @@ TEST(Rules, OneRuleForSeveralAgentsBecomesOneForEach) {
         "user = 0\ntarget = \"/m\"\n");
     ASSERT_TRUE(result.rules);
     ASSERT_EQ(result.rules->rules.size(), 2U);
-    EXPECT_EQ(result.rules->rules[0].agent, "sr_umount");
-    EXPECT_EQ(result.rules->rules[1].agent, "sr_umount_cifs");
+    EXPECT_EQ(result.rules->rules[0].operation, "sr_umount");
+    EXPECT_EQ(result.rules->rules[1].operation, "sr_umount_cifs");
     EXPECT_EQ(result.rules->rules[1].where, "f:1");
 }
 
@@ -457,7 +459,7 @@ TEST_F(RuleFiles, LeaveNoDescriptorOpen) {
 // A database that does not answer must not make a rule that forbids a group one that forbids
 // nobody.
 TEST(Rules, AnAccountThatCannotBeLookedUpIsAnErrorAndNotAWarning) {
-    class BrokenAccounts : public agent::Accounts {
+    class BrokenAccounts : public agent::Names {
     public:
         bool FindUser(const std::string&, uid_t&) const override {
             throw agent::LookUpFailed("Input/output error");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a user may send, what is turned away with an answer and what without one.
-#include "Tolls.h"
+#include "gate/Tolls.h"
 
 #include <gtest/gtest.h>
 

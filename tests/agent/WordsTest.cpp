@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Cutting the argument text into words.
-#include "Words.h"
+#include "parse/Words.h"
 
 #include <gtest/gtest.h>
 

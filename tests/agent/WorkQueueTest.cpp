@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // In which order, and when, what was let in is begun.
-#include "WorkQueue.h"
+#include "gate/WorkQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,8 @@
 if(TARGET sentrel-agent)
   add_library(agent_rules_support STATIC agent/Denials.cpp agent/Oracle.cpp agent/RuleTexts.cpp)
   target_include_directories(agent_rules_support PUBLIC agent)
-  target_link_libraries(agent_rules_support PUBLIC sentrel_agent_rules PRIVATE sentrel_warnings)
+  target_link_libraries(agent_rules_support PUBLIC sentrel_agent_rules
+    PRIVATE sentrel_warnings)
   foreach(name DecideTest DenialMatrixTest ExamplesTest GrammarTest PatternTest RandomDecideTest
       RuleCheckTest RulesTest WordsTest)
     sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS agent_rules_support)
@@ -19,14 +20,14 @@ if(TARGET sentrel-agent)
   target_link_libraries(stand_in_tool PRIVATE sentrel_warnings -static -fno-sanitize=all)
   foreach(name AnswerTest AuditTest DescriptorTest LogQueueTest QuotaTest RelayTest RepliesTest
       TollsTest)
-    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_run)
+    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_passage)
     target_include_directories(${name} PRIVATE system)
     target_compile_definitions(${name} PRIVATE STAND_IN_TOOL="$<TARGET_FILE:stand_in_tool>")
     add_dependencies(${name} stand_in_tool)
   endforeach()
 
   foreach(name CallersTest RuleLoaderTest WorkQueueTest)
-    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_objects)
+    sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_passage)
   endforeach()
 
   add_library(agent_support STATIC agent/OtherUsers.cpp agent/Programs.cpp)

@@ -7,7 +7,7 @@
 
 #include <random>
 
-#include "Words.h"
+#include "parse/Words.h"
 
 namespace {
 

@@ -8,7 +8,7 @@ find_package(Python3 REQUIRED COMPONENTS Interpreter)
 
 # The agent's splitter alone, whether the agent is built or not.
 set(agent ${CMAKE_SOURCE_DIR}/agent)
-sentrel_test(QuoteTest cli/QuoteTest.cpp ${agent}/Text.cpp ${agent}/Words.cpp LIBRARY LABEL unit
+sentrel_test(QuoteTest cli/QuoteTest.cpp ${agent}/base/Text.cpp ${agent}/parse/Words.cpp LIBRARY LABEL unit
   LIBS sentrel_cli_objects)
 target_include_directories(QuoteTest PRIVATE ${agent})
 foreach(name CliForProgramTest CliOutputTest CliTextTest CliToldTest DiagnosisTest)

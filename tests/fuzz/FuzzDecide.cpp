@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "Grammar.h"
 #include "Oracle.h"
 #include "RuleTexts.h"
+#include "parse/Parse.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto kNarrow = MakeRules(kNarrowRules);

@@ -4,7 +4,7 @@
 # SENTREL_FUZZ_SECONDS; what it finds out stays in the build directory for the next run.
 set(SENTREL_FUZZ_SECONDS 60 CACHE STRING "how long the fuzz test runs")
 set(decide)
-foreach(library sentrel_agent_text sentrel_agent_rules)
+foreach(library sentrel_agent_base sentrel_agent_parse sentrel_agent_decide)
   get_target_property(sources ${library} SOURCES)
   list(APPEND decide ${sources})
 endforeach()

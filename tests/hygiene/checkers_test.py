@@ -85,12 +85,47 @@ def AnIncludeOfNothingIsRefused(root):
 
 
 def AnAgentThatReachesIntoTheLibraryIsRefused(root):
-    write(root, {"agent/Rules.h": "", "service/SR_Log.h": "",
-                 "agent/main.cpp": '#include "Rules.h"\n#include <sentrel/SR_DBusProxy.h>\n'})
+    write(root, {"agent/Options.h": "", "service/SR_Log.h": "",
+                 "agent/main.cpp": '#include "Options.h"\n#include <sentrel/SR_DBusProxy.h>\n'})
     expect(0, "2 files read", "includes.py", "agent", root / "agent")
     for reach in ('"../service/SR_Log.h"', '"SR_LogImpl.h"', "<SR_DBusProxy.h>"):
         write(root, {"agent/bad.cpp": f"#include {reach}\n"})
         expect(1, "bad.cpp:1", "includes.py", "agent", root / "agent")
+
+
+def rooms(root, code, word, files):
+    write(root, {"agent/base/Text.h": "#include <poll.h>\n", "agent/base/Events.h": "",
+                 "agent/decide/Rule.h": '#include "base/Text.h"\n#include <string>\n',
+                 "agent/run/Child.h": '#include "base/Events.h"\n#include <sys/mount.h>\n',
+                 **{f"agent/{name}": text for name, text in files.items()}})
+    expect(code, word, "includes.py", "agent", root / "agent")
+
+
+def RoomsThatLookDownTheStairAreAccepted(root):
+    rooms(root, 0, "3 arrows between 9 rooms",
+          {"passage/Requests.h": '#include "run/Child.h"\n'})
+
+
+def ARoomThatSeesOneBesideOrAboveItIsRefused(root):
+    rooms(root, 1, "run must not see decide", {"run/Child.cpp": '#include "decide/Rule.h"\n'})
+    rooms(root, 1, "base must not see decide",
+          {"run/Child.cpp": "", "base/Text.cpp": '#include "decide/Rule.h"\n'})
+
+
+def AFolderOfTheAgentThatIsNoRoomIsRefused(root):
+    rooms(root, 1, "a folder that is no room", {"more/Text.h": ""})
+
+
+def ADecisionThatKnowsTheSystemIsRefused(root):
+    for include in ("<sys/mount.h>", "<sentrel/SR_MainLoop.h>", "<unistd.h>", "<fstream>",
+                    '"base/Events.h"'):
+        rooms(root, 1, "decide knows neither the bus nor the system",
+              {"decide/Decide.cpp": f"#include {include}\n"})
+
+
+def RoomsWithHeadersInACircleAreRefused(root):
+    rooms(root, 1, "headers in a circle",
+          {"decide/Rule.h": '#include "Pattern.h"\n', "decide/Pattern.h": '#include "Rule.h"\n'})
 
 
 def ACommandThatReachesPastTheCInterfaceIsRefused(root):

@@ -3,7 +3,8 @@
 """Reads every #include of a source tree and compares it with the allowed pairs.
 
 includes.py library DIR INSTALLED...   DIR is service/src; INSTALLED are the installed headers
-includes.py agent DIR                  only <sentrel/...> and its own files
+includes.py agent DIR                  only <sentrel/...> and its own files; each room sees the rooms
+                                       below it, and parse and decide see neither bus nor system
 includes.py cli DIR                    only <sentrel/SR_API.h>, <sentrel/SR_Status.h>,
                                        <sentrel/Arguments.h> and its own, and <sentrel/sentrel.h>
                                        in Control.cpp alone
@@ -25,6 +26,26 @@ ALLOWED = {
     "log": {"status"},
     "status": set(),
 }
+# The agent's rooms, each with those that it may see. What lies above them sees all.
+ROOMS = {
+    "passage": {"rules", "gate", "answer", "run", "relay", "decide", "parse", "base"},
+    "rules": {"decide", "parse", "base"},
+    "gate": {"answer", "parse", "base"},
+    "answer": {"relay", "base"},
+    "run": {"relay", "base"},
+    "relay": {"base"},
+    "decide": {"parse", "base"},
+    "parse": {"base"},
+    "base": set(),
+}
+# Those that know neither the bus nor the system: of base, of the library and of the C library they
+# may see what is named here, and of C++ everything but what opens files.
+PURE = {"parse", "decide"}
+PURE_BASE = {"Caller", "Operation", "Permit", "Result", "Text", "Tools"}
+PURE_HEADERS = {"sentrel/SR_Status.h", "sys/types.h", "linux/mount.h", "re2/re2.h",
+                "toml++/toml.h", "utf8.h", "fnmatch.h"}
+IMPURE_HEADERS = {"filesystem", "fstream", "thread", "future"}
+MOST_ARROWS = 30
 UMBRELLA = "sentrel.h"  # exists to include every installed header, so it may reach every folder
 # Arguments.h is header-only and stands on SR_API.h: with it, the command quotes words as any caller.
 CLI_HEADERS = {"sentrel/SR_API.h", "sentrel/SR_Status.h", "sentrel/Arguments.h"}
@@ -125,12 +146,48 @@ def check_outside(root, allowed):
     return faults
 
 
+def check_agent(root):
+    faults = check_outside(root, lambda _, name: name.startswith("sentrel/"))
+    arrows, header_graph = set(), {}
+    for path, includes in read(root).items():
+        room = path.parent.as_posix()
+        if room == ".":
+            continue
+        if room not in ROOMS:
+            faults.append(f"{path}: a folder that is no room")
+            continue
+        for line, kind, name in includes:
+            where = f"{path}:{line}: {name}"
+            if kind == "<":
+                if room in PURE and name not in PURE_HEADERS and (
+                        "/" in name or "." in name or name in IMPURE_HEADERS):
+                    faults.append(f"{where}: {room} knows neither the bus nor the system")
+                continue
+            own = (root / path.parent / name).is_file()
+            target = path.parent / name if own else pathlib.PurePath(name)
+            other = target.parent.as_posix()
+            if path.suffix == ".h":
+                header_graph.setdefault(path.as_posix(), set()).add(target.as_posix())
+            if other == room:
+                continue
+            arrows.add((room, other))
+            if other not in ROOMS[room]:
+                faults.append(f"{where}: {room} must not see {other}")
+            elif room in PURE and other == "base" and target.stem not in PURE_BASE:
+                faults.append(f"{where}: {room} knows neither the bus nor the system")
+    faults += [f"{' -> '.join(circle)}: headers in a circle" for circle in circles(header_graph)]
+    print(f"{len(arrows)} arrows between {len(ROOMS)} rooms")
+    if len(arrows) > MOST_ARROWS:
+        faults.append(f"more than {MOST_ARROWS} arrows between the rooms")
+    return faults
+
+
 def main():
     mode, root = sys.argv[1], pathlib.Path(sys.argv[2])
     if mode == "library":
         faults = check_library(root, sys.argv[3:])
     elif mode == "agent":
-        faults = check_outside(root, lambda _, name: name.startswith("sentrel/"))
+        faults = check_agent(root)
     else:
         faults = check_outside(root, lambda path, name: name in CLI_HEADERS or (
             (path, name) == (CLI_BUS_FILE, CLI_BUS_HEADER)))

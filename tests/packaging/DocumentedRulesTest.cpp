@@ -6,10 +6,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "Accounts.h"
-#include "Decide.h"
-#include "Grammar.h"
-#include "Rules.h"
+#include "decide/Accounts.h"
+#include "decide/Decide.h"
+#include "decide/Rule.h"
+#include "decide/RuleCheck.h"
+#include "decide/RuleReader.h"
+#include "parse/Parse.h"
 
 namespace {
 
@@ -30,6 +32,7 @@ public:
         gid = 1000;
         return true;
     }
+    std::set<gid_t> FindGroupsOf(uid_t, const std::set<gid_t>&) const override { return {}; }
 };
 
 // The lines between each pair of `begin` and `end`, where they hold rules.

@@ -2,7 +2,7 @@
 // Prints the words that the agent's splitter takes from the first argument, a NUL behind each.
 #include <cstdio>
 
-#include "Words.h"
+#include "parse/Words.h"
 
 int main(int argc, char** argv) {
     std::vector<std::string> words;

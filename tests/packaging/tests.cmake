@@ -62,18 +62,18 @@ if(TARGET sentrel-agent AND TARGET sentrel)
 endif()
 
 # The header-only convenience, against the agent's own splitter and against a bus.
-if(TARGET sentrel_agent_objects)
+if(TARGET sentrel-agent)
   sentrel_test(ArgumentsTest packaging/ArgumentsTest.cpp LIBRARY LABEL unit
-    LIBS sentrel_agent_objects)
+    LIBS sentrel_agent_parse)
   add_executable(split packaging/split.cpp)
-  target_link_libraries(split PRIVATE sentrel_agent_objects sentrel_warnings)
+  target_link_libraries(split PRIVATE sentrel_agent_parse sentrel_warnings)
   add_dependencies(release_tests split)
   packaging_test(ThePythonModuleCalls packaging python_test.py $<TARGET_FILE:sentrel-client>
     $<TARGET_FILE:scripted_agent> $<TARGET_FILE:split> ${root}/service/src/status/SR_Status.h)
 endif()
-if(TARGET sentrel_agent_objects AND EXISTS ${root}/agent/Rules.h)
+if(TARGET sentrel-agent)
   sentrel_test(DocumentedRulesTest packaging/DocumentedRulesTest.cpp LIBRARY LABEL unit
-    LIBS sentrel_agent_objects)
+    LIBS sentrel_agent_decide)
   target_compile_definitions(DocumentedRulesTest PRIVATE SENTREL_DOCS="${root}/docs")
 endif()
 sentrel_test(HelpersTest packaging/HelpersTest.cpp LIBRARY LABEL bus)

@@ -6,10 +6,10 @@
 
 #include <set>
 
-#include "Credentials.h"
-#include "Pidfd.h"
-#include "Quota.h"
 #include "RunFixture.h"
+#include "base/Process.h"
+#include "passage/Quota.h"
+#include "run/Credentials.h"
 
 using agent::Pin;
 using agent::Plan;
@@ -103,7 +103,7 @@ TEST_F(ExecutorTest, TheToolRunsInAStateOfItsOwnWithLimits) {
     sigaddset(&blocked, SIGUSR1);
     ASSERT_EQ(sigprocmask(SIG_BLOCK, &blocked, nullptr), 0);
     Plan plan = ToolPlan({"state"});
-    plan.agent = "sr_mknod";
+    plan.operation = "sr_mknod";
     EXPECT_EQ(Run(plan).output,
               "cwd /\nstdin /dev/null\numask 18\nown session yes\nown group yes\n"
               "ignored " +

@@ -16,7 +16,7 @@
 
 #include <string>
 
-#include "OwnedFd.h"
+#include "base/Descriptors.h"
 
 class FuseMount {
 public:

@@ -16,11 +16,11 @@
 #include <cstddef>
 #include <cstring>
 
-#include "Aftercheck.h"
 #include "FuseMount.h"
 #include "MountNamespace.h"
 #include "RunFixture.h"
-#include "Unmount.h"
+#include "run/Aftercheck.h"
+#include "run/Unmount.h"
 
 using agent::Pin;
 using agent::Plan;
@@ -44,7 +44,7 @@ protected:
     static Plan MountPlan(const std::vector<std::string>& options, const std::string& source,
                           const std::string& where) {
         Plan plan;
-        plan.agent = "sr_mount";
+        plan.operation = "sr_mount";
         plan.argv = {"/usr/bin/mount", "-i", "-n", "--no-canonicalize"};
         plan.argv.insert(plan.argv.end(), options.begin(), options.end());
         plan.argv.insert(plan.argv.end(), {"--", source, where});
@@ -64,7 +64,7 @@ protected:
 
     static Plan UmountPlan(const std::string& where, const std::vector<std::string>& flags = {}) {
         Plan plan;
-        plan.agent = "sr_umount";
+        plan.operation = "sr_umount";
         plan.argv = {"/usr/bin/umount", "-i", "--no-canonicalize"};
         plan.argv.insert(plan.argv.end(), flags.begin(), flags.end());
         plan.argv.insert(plan.argv.end(), {"--", where});
@@ -75,7 +75,7 @@ protected:
     // Of the device 1:3.
     static Plan NodePlan(const std::string& path, mode_t type) {
         Plan plan;
-        plan.agent = "sr_mknod";
+        plan.operation = "sr_mknod";
         plan.argv = {"mknod", "-m", "0640", "--", path};
         plan.pins.push_back(MakePin(4, Pin::kParent, path));
         plan.node.emplace();
@@ -596,7 +596,7 @@ TEST_F(MountTest, AMountPointSwappedForALinkIsNotUnmountedThrough) {
     ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
     ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
     Plan plan = ToolPlan({"swap-then-umount", target, directory / "moved", elsewhere, target});
-    plan.agent = "sr_umount";
+    plan.operation = "sr_umount";
     plan.pins.push_back(MakePin(5, Pin::kMountPoint, target));
     ExpectFine(Run(plan));
     EXPECT_NE(MountedOn(elsewhere), "");

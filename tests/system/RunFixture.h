@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "Executor.h"
 #include "Skip.h"
+#include "run/Executor.h"
 
 namespace agent {
 
@@ -175,7 +175,7 @@ protected:
 
     agent::Plan ToolPlan(const std::vector<std::string>& words) const {
         agent::Plan plan;
-        plan.agent = "sr_mount";
+        plan.operation = "sr_mount";
         plan.argv = {tool};
         plan.argv.insert(plan.argv.end(), words.begin(), words.end());
         return plan;

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Audit.h"
+
+#include <algorithm>
+#include <ostream>
+
+#include "Log.h"
+
+namespace agent {
+
+namespace {
+
+const std::size_t kLongestField = 512;
+const std::size_t kLongestArguments = 4096;
+
+const char* const kSecretNames[] = {"password", "passwd", "pass", "pw", "cred", "secret"};
+
+char Lower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+unsigned char Byte(const std::string& text, std::size_t at) {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+}
+
+// Bytes of the well-formed and printable character at `at`; 0 when there is none.
+std::size_t PrintableLength(const std::string& text, std::size_t at) {
+    const unsigned char lead = Byte(text, at);
+    if (lead < 0x80) {
+        return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+    }
+    const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc2 || lead > 0xf4) {
+        return 0;
+    }
+    unsigned code = lead & (0xffU >> (length + 1));
+    for (std::size_t i = 1; i < length; ++i) {
+        const unsigned char next = Byte(text, at + i);
+        if ((next & 0xc0) != 0x80) {
+            return 0;
+        }
+        code = (code << 6) | (next & 0x3fU);
+    }
+    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    // C1, line and paragraph separators, and the marks that turn the direction of the text.
+    const bool control = code < 0xa0 || (code >= 0x2028 && code <= 0x202e) ||
+                         (code >= 0x2066 && code <= 0x2069) || code == 0x200e || code == 0x200f;
+    return overlong || surrogate || control || code > 0x10ffff ? 0 : length;
+}
+
+void AppendHex(std::string& text, unsigned char byte) {
+    static const char kDigits[] = "0123456789abcdef";
+    text += "\\x";
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 15];
+}
+
+}  // namespace
+
+// Its values as text and as fields.
+class Audit::Line {
+public:
+    Line(const char* phase, const AuditRequest& request) {
+        std::string arguments;
+        for (const std::string& word : request.arguments) {
+            arguments += arguments.empty() ? "" : " ";
+            arguments += Redact(word, request.split);
+        }
+        Word("phase", phase);
+        Number("id", request.id);
+        Number("uid", static_cast<long>(request.uid));
+        Number("pid", request.pid);
+        Text("exe", request.executable);
+        Text("agent", request.operation);
+        Text("args", arguments, kLongestArguments);
+        Text("rule", request.rule);
+    }
+
+    void Word(const char* name, const std::string& value) { Add(name, value, value); }
+    template <typename Value>
+    void Number(const char* name, Value value) {
+        Word(name, std::to_string(value));
+    }
+    void Text(const char* name, const std::string& value, std::size_t cap = kLongestField) {
+        const std::string escaped = Escape(value, cap);
+        Add(name, "\"" + escaped + "\"", escaped);
+    }
+    const LogEntry& Get() const { return entry; }
+
+private:
+    void Add(const char* name, const std::string& shown, const std::string& value) {
+        entry.text.append(entry.text.empty() ? "" : " ").append(name).append("=").append(shown);
+        std::string field = "SENTREL_";
+        for (const char* letter = name; *letter != '\0'; ++letter) {
+            field += *letter >= 'a' ? static_cast<char>(*letter - 'a' + 'A') : *letter;
+        }
+        entry.fields.emplace_back(field, value);
+    }
+
+    LogEntry entry;
+};
+
+Audit::Audit(LogQueue& queue) : log(&queue), out(nullptr) {}
+
+Audit::Audit(std::ostream& stream) : log(nullptr), out(&stream) {}
+
+void Audit::Before(const AuditRequest& request) {
+    Line line("start", request);
+    line.Word("decision", "allow");
+    Write(line);
+}
+
+void Audit::After(const AuditRequest& request, const AuditResult& result) {
+    Line line("end", request);
+    line.Word("decision", "allow");
+    line.Number("status", result.status);
+    line.Number("exit", result.exit);
+    line.Number("signal", result.signal);
+    line.Number("duration_ms", result.duration.count());
+    line.Number("out_bytes", result.outBytes);
+    line.Number("dropped_bytes", result.droppedBytes);
+    line.Text("reason", result.reason);
+    Write(line);
+}
+
+void Audit::Denied(const AuditRequest& request, int status, const std::string& reason) {
+    Line line("end", request);
+    line.Word("decision", "deny");
+    line.Number("status", status);
+    line.Text("reason", reason);
+    Write(line);
+}
+
+std::string Audit::Quote(const std::string& text, std::size_t cap) {
+    return "\"" + Escape(text, cap) + "\"";
+}
+
+std::string Audit::Escape(const std::string& text, std::size_t cap) {
+    const bool cut = text.size() > cap;
+    const std::string kept = text.substr(0, cap);
+    std::string quoted;
+    for (std::size_t at = 0; at < kept.size();) {
+        const std::size_t length = PrintableLength(kept, at);
+        if (length == 0) {
+            AppendHex(quoted, Byte(kept, at));
+            ++at;
+            continue;
+        }
+        if (kept[at] == '"' || kept[at] == '\\') {
+            quoted += '\\';
+        }
+        quoted.append(kept, at, length);
+        at += length;
+    }
+    return quoted + (cut ? "..." : "");
+}
+
+// A password may hold commas, so nothing behind its name is shown. Text that could not be split may
+// hide the name between quotes and backslashes, which are left out of the search; where they hide
+// one, nothing at all is shown.
+std::string Audit::Redact(const std::string& word, bool split) {
+    std::string plain;
+    for (const char letter : word) {
+        if (split || (letter != '\'' && letter != '"' && letter != '\\')) {
+            plain += Lower(letter);
+        }
+    }
+    std::size_t from = std::string::npos;
+    for (const char* name : kSecretNames) {
+        for (std::size_t at = plain.find(name); at != std::string::npos;
+             at = plain.find(name, at + 1)) {
+            const std::size_t equals = plain.find('=', at);
+            const std::size_t comma = plain.find(',', at);
+            if (equals != std::string::npos && (equals < comma)) {
+                from = std::min(from, equals);
+            }
+        }
+    }
+    // The old form, user=NAME%PASSWORD.
+    const std::size_t user = plain.find("user");
+    if (user != std::string::npos && plain.find('=', user) != std::string::npos) {
+        from = std::min(from, plain.find('%', user));
+    }
+    if (from == std::string::npos) {
+        return word;
+    }
+    return split ? word.substr(0, from + 1) + "***" : "***";
+}
+
+bool Audit::HidesSome(const AuditRequest& request) {
+    return std::any_of(
+        request.arguments.begin(), request.arguments.end(),
+        [&request](const std::string& word) { return Redact(word, request.split) != word; });
+}
+
+void Audit::Write(const Line& line) {
+    if (out != nullptr) {
+        *out << "sentrel-agent: " << line.Get().text << std::endl;
+    } else {
+        log->Write(line.Get());
+    }
+}
+
+}  // namespace agent

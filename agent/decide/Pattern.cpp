@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+// See Pattern.h.
+#include "Pattern.h"
+
+#include <algorithm>
+
+#ifdef SENTREL_RE2
+#include <re2/re2.h>
+#endif
+
+#include "base/Text.h"
+
+namespace agent {
+
+namespace {
+
+const std::string::size_type kNone = std::string::npos;
+const char kBelow[] = "/**";
+
+bool EndsBelow(const std::string& glob) {
+    return glob.size() >= 3 && glob.compare(glob.size() - 3, 3, kBelow) == 0;
+}
+
+// Behind the character that begins at `at`, which may have several bytes.
+std::size_t NextCharacter(const std::string& text, std::size_t at) {
+    do {
+        ++at;
+    } while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xc0) == 0x80);
+    return at;
+}
+
+// How much of `field` a glob without "/**" can take: all of it, or up to a '/' when `below`.
+//
+// One step back to the last '*' is enough: no wildcard takes a '/', so the parts between slashes
+// match one by one, and in a part the first place where the rest fits is as good as any later one.
+// The time is at most the product of the two lengths.
+bool MatchGlob(const std::string& glob, const std::string& field) {
+    std::size_t g = 0;
+    std::size_t f = 0;
+    std::size_t star = kNone;
+    std::size_t starField = 0;
+    while (f < field.size()) {
+        if (g < glob.size() && glob[g] == '*') {
+            star = g++;
+            starField = f;
+        } else if (g < glob.size() && glob[g] == '?' && field[f] != '/') {
+            ++g;
+            f = NextCharacter(field, f);
+        } else if (g < glob.size() && glob[g] != '?' && glob[g] == field[f]) {
+            ++g;
+            ++f;
+        } else if (star != kNone && field[starField] != '/') {
+            starField = NextCharacter(field, starField);
+            f = starField;
+            g = star + 1;
+        } else {
+            return false;
+        }
+    }
+    while (g < glob.size() && glob[g] == '*') {
+        ++g;
+    }
+    return g == glob.size();
+}
+
+// "DIR/**": DIR must match the field up to one of its slashes, and something must follow.
+bool MatchBelow(const std::string& directory, const std::string& field) {
+    for (std::size_t slash = field.find('/'); slash != kNone; slash = field.find('/', slash + 1)) {
+        if (slash + 1 < field.size() && MatchGlob(directory, field.substr(0, slash))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Replace(std::string& text, const std::string& name, const std::string& value) {
+    for (std::size_t at = text.find(name); at != kNone; at = text.find(name, at)) {
+        if (value.empty()) {
+            return false;
+        }
+        text.replace(at, name.size(), value);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Expand(const std::string& text, const Variables& variables, std::string& expanded) {
+    std::string result = text;
+    if (!Replace(result, "%uid", variables.uid) || !Replace(result, "%gid", variables.gid)) {
+        return false;
+    }
+    expanded = result;
+    return true;
+}
+
+Pattern::Pattern(Kind ofKind, const std::string& ofText) : kind(ofKind), text(ofText) {
+    if (text.empty()) {
+        error = "the pattern is empty";
+    } else {
+        Compile();
+    }
+}
+
+void Pattern::Compile() {
+    if (kind == kGlob) {
+        const std::size_t doubled = text.find("**");
+        if (doubled != kNone && !(EndsBelow(text) && doubled == text.size() - 2)) {
+            error = "'**' can only be the end '/**' of a pattern";
+        }
+    } else if (kind == kRegex) {
+        if (text.size() > kLongestRegex) {
+            error = "the regular expression is longer than 1024 characters";
+            return;
+        }
+#ifdef SENTREL_RE2
+        re2::RE2::Options options;
+        options.set_max_mem(kRegexMemory);
+        options.set_log_errors(false);
+        options.set_never_capture(true);
+        const auto compiled = std::make_shared<const re2::RE2>(text, options);
+        if (compiled->ok()) {
+            regex = compiled;
+        } else {
+            error = "the regular expression does not compile: " + compiled->error();
+        }
+#else
+        error = "regular expressions are not built in";
+#endif
+    }
+}
+
+bool Pattern::IsLiteral() const {
+    return kind == kExact || (kind == kGlob && GetFixedPart() == text);
+}
+
+std::string Pattern::GetFixedPart() const {
+    if (kind == kRegex) {
+        return "";
+    }
+    if (kind == kExact) {
+        return text;
+    }
+    const std::size_t wild =
+        std::min(text.find_first_of("*?"), std::min(text.find("%uid"), text.find("%gid")));
+    return text.substr(0, wild);
+}
+
+bool Pattern::Matches(const std::string& field, const Variables& variables) const {
+    if (!error.empty()) {
+        return false;
+    }
+    if (kind == kExact) {
+        return field == text;
+    }
+#ifdef SENTREL_RE2
+    if (kind == kRegex) {
+        return re2::RE2::FullMatch(field, *regex);
+    }
+#endif
+    std::string glob;
+    if (kind != kGlob || !Expand(text, variables, glob)) {
+        return false;
+    }
+    return EndsBelow(glob) ? MatchBelow(glob.substr(0, glob.size() - 3), field)
+                           : MatchGlob(glob, field);
+}
+
+}  // namespace agent

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a request's own process does. It pins the caller's paths, starts the tool as its child,
+// waits for it, ends it at the deadline, puts a finished mount in its place, and reports. So every
+// path that a caller names is touched here and never in the agent: one that hangs holds up one
+// request.
+//
+// SIGTERM to this process is a deadline that passes at once. The agent's death takes the process
+// along, and its death takes the tool.
+#ifndef SENTREL_AGENT_CHILD_H
+#define SENTREL_AGENT_CHILD_H
+
+#include <chrono>
+#include <string>
+
+#include "base/Caller.h"
+#include "base/Permit.h"
+
+namespace agent {
+
+// Written whole into the report pipe; at most one of each stage, in this order.
+struct ChildReport {
+    enum Stage { kNothing, kToolStarting, kToolEnded, kFinished };
+    Stage stage = kNothing;
+    int status = 0;
+    int value = 0;
+    int exit = -1;
+    int signal = 0;
+    char reason[256] = {};
+};
+
+struct ChildSetup {
+    int output = -1;  // for the tool's output and a refusal's reason; -1: none
+    int report = -1;
+    std::chrono::steady_clock::time_point deadline;
+    std::chrono::milliseconds killAfter{0};  // from the polite signal to the other
+    pid_t parent = 0;
+};
+
+// Ends with _exit; runs nothing of what the agent has registered to run at its end.
+[[noreturn]] void RunChild(const Permit& permit, const Caller& caller, const ChildSetup& setup);
+
+}  // namespace agent
+
+#endif

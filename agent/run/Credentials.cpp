@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Credentials.h"
+
+#include "base/Text.h"
+
+namespace agent {
+
+namespace {
+
+const std::size_t kLongestName = 255;
+
+bool Refuse(std::string& reason, const char* why) {
+    reason = std::string("the file of credentials ") + why;
+    return false;
+}
+
+// As strict as the grammar: the value becomes one of the mount's options.
+bool IsPlain(const std::string& value, const char* marks) {
+    return IsMadeOf(value, (std::string(kAlnum) + marks).c_str()) && value[0] != '-' &&
+           value.size() <= kLongestName;
+}
+
+void TakeLine(std::string line, Credentials& credentials) {
+    line.erase(0, line.find_first_not_of(" \t"));
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+        return;
+    }
+    const std::string key = line.substr(0, equals);
+    const std::string value = line.substr(equals + 1);
+    if (key == "username" || key == "user") {
+        credentials.user = value;
+    } else if (key == "password" || key == "pass") {
+        credentials.password = value;
+    } else if (key == "domain" || key == "dom") {
+        credentials.domain = value;
+    }
+}
+
+}  // namespace
+
+bool ReadCredentials(const std::string& text, Credentials& credentials, std::string& reason) {
+    if (text.size() > kLargestCredentials) {
+        return Refuse(reason, "is larger than 4096 bytes");
+    }
+    if (text.find('\0') != std::string::npos) {
+        return Refuse(reason, "holds a NUL");
+    }
+    Credentials found;
+    for (const std::string& line : Split(text, '\n')) {
+        TakeLine(line, found);
+    }
+    if (found.password.empty()) {
+        return Refuse(reason, "has no line 'password='");
+    }
+    if (!found.user.empty() && !IsPlain(found.user, "._$@-")) {
+        return Refuse(reason, "has a malformed user");
+    }
+    if (!found.domain.empty() && !IsPlain(found.domain, "._-")) {
+        return Refuse(reason, "has a malformed domain");
+    }
+    credentials = found;
+    return true;
+}
+
+}  // namespace agent

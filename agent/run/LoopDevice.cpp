@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "LoopDevice.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+
+#include "base/Text.h"
+
+namespace agent {
+
+namespace {
+
+struct Range {
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;  // 0: to the end
+    bool readOnly = false;
+};
+
+bool ReadSize(const std::string& text, std::uint64_t& size) {
+    const std::size_t end = std::min(text.find_first_not_of(kDigits), text.size());
+    const std::string unit = text.substr(end);
+    const std::size_t power = unit.empty() ? 0 : std::string("KMG").find(unit[0]);
+    if (end == 0 || end > 15 || (!unit.empty() && unit.size() != 1 && unit.substr(1) != "iB") ||
+        (!unit.empty() && power == std::string::npos)) {
+        return false;
+    }
+    size = std::stoull(text.substr(0, end));
+    const unsigned shift = unit.empty() ? 0 : 10 * (static_cast<unsigned>(power) + 1);
+    if (size > std::numeric_limits<std::uint64_t>::max() >> (shift + 1)) {
+        return false;
+    }
+    size <<= shift;
+    return true;
+}
+
+// Takes the options that are the loop device's out of mount(8)'s list.
+bool TakeOptions(std::vector<std::string>& words, Range& range) {
+    const auto end = std::find(words.begin(), words.end(), "--");
+    const auto option = std::find(words.begin(), end, "-o");
+    if (option == end) {
+        return true;
+    }
+    std::vector<std::string> rest;
+    for (const std::string& one : Split(*(option + 1), ',')) {
+        if (StartsWith(one, "offset=") || StartsWith(one, "sizelimit=")) {
+            std::uint64_t& value = one[0] == 'o' ? range.offset : range.size;
+            if (!ReadSize(one.substr(one.find('=') + 1), value)) {
+                return false;
+            }
+        } else if (one != "loop") {
+            rest.push_back(one);
+            range.readOnly = one == "ro" || (range.readOnly && one != "rw");
+        }
+    }
+    if (rest.empty()) {
+        words.erase(option, option + 2);
+    } else {
+        *(option + 1) = Join(rest, ",");
+    }
+    return true;
+}
+
+std::string NameOf(long number) {
+    return "/dev/loop" + std::to_string(number);
+}
+
+// A loop device's state; false when it has no image.
+bool ReadState(const OwnedFd& device, loop_info64& state) {
+    return device && ioctl(device.Get(), LOOP_GET_STATUS64, &state) == 0;
+}
+
+bool Overlap(const Range& range, const loop_info64& state) {
+    const auto end = [](std::uint64_t offset, std::uint64_t size) {
+        return size == 0 ? std::numeric_limits<std::uint64_t>::max() : offset + size;
+    };
+    return range.offset < end(state.lo_offset, state.lo_sizelimit) &&
+           state.lo_offset < end(range.offset, range.size);
+}
+
+// One image under two devices would be two file systems that know nothing of each other. False
+// when it is in use in another manner; `name` stays empty when it is not in use.
+bool FindOther(const struct stat& image, const Range& range, OwnedFd& device, std::string& name) {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/block", ignored)) {
+        const std::string candidate = "/dev/" + entry.path().filename().string();
+        if (!StartsWith(candidate, "/dev/loop")) {
+            continue;
+        }
+        loop_info64 state = {};
+        OwnedFd other(open(candidate.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!ReadState(other, state) || state.lo_device != image.st_dev ||
+            state.lo_inode != image.st_ino || !Overlap(range, state)) {
+            continue;
+        }
+        const bool readOnly = (state.lo_flags & LO_FLAGS_READ_ONLY) != 0;
+        if (state.lo_offset != range.offset || state.lo_sizelimit != range.size ||
+            (readOnly && !range.readOnly)) {
+            return false;
+        }
+        device = std::move(other);
+        name = candidate;
+    }
+    return true;
+}
+
+bool Configure(const OwnedFd& file, const Range& range, const std::string& shownAs, OwnedFd& device,
+               std::string& name) {
+    const OwnedFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    loop_config config = {};
+    config.fd = static_cast<unsigned>(file.Get());
+    config.info.lo_offset = range.offset;
+    config.info.lo_sizelimit = range.size;
+    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+    if (range.readOnly) {
+        config.info.lo_flags |= LO_FLAGS_READ_ONLY;
+    }
+    (void)shownAs.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
+    for (int tries = 0; control && tries < 16; ++tries) {
+        const long number = ioctl(control.Get(), LOOP_CTL_GET_FREE);
+        if (number < 0) {
+            return false;
+        }
+        name = NameOf(number);
+        device.Reset(open(name.c_str(), (range.readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+        if (device && ioctl(device.Get(), LOOP_CONFIGURE, &config) == 0) {
+            return true;
+        }
+        if (errno != EBUSY) {
+            return false;  // else another took it first
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool NeedsLoop(const PinnedPath& image, const std::vector<std::string>& words) {
+    const auto end = std::find(words.begin(), words.end(), "--");
+    const auto option = std::find(words.begin(), end, "-o");
+    if (image.regularFile || option == end) {
+        return image.regularFile;
+    }
+    const std::vector<std::string> options = Split(*(option + 1), ',');
+    return std::find(options.begin(), options.end(), "loop") != options.end();
+}
+
+bool AttachLoop(const PinnedPath& image, std::vector<std::string>& words, OwnedFd& device,
+                std::string& reason) {
+    const std::string failure = "failed to setup loop device for " + image.pin.path;
+    Range range;
+    if (!image.regularFile && !image.blockDevice) {
+        reason = failure + ": it is neither a file nor a block device";
+        return false;
+    }
+    if (!TakeOptions(words, range)) {
+        reason = failure + ": its offset or size is malformed";
+        return false;
+    }
+    const std::string link = "/proc/self/fd/" + std::to_string(image.object.Get());
+    OwnedFd file(open(link.c_str(), (range.readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+    if (!file && errno == EROFS) {
+        range.readOnly = true;
+        file.Reset(open(link.c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    struct stat found = {};
+    if (!file || fstat(file.Get(), &found) != 0) {
+        reason = failure + ": " + std::strerror(errno);
+        return false;
+    }
+    std::string name;
+    if (!FindOther(found, range, device, name)) {
+        reason = "the image is in use by a loop device already: " + image.pin.path;
+        return false;
+    }
+    if (name.empty() && !Configure(file, range, image.pin.path, device, name)) {
+        reason = failure + ": " + std::strerror(errno);
+        return false;
+    }
+    words[words.size() - 2] = name;
+    return true;
+}
+
+}  // namespace agent
