@@ -24,54 +24,58 @@ LIBRARIES = {
 NONE = {"Threads", "PkgConfig"}  # the compiler's, and a tool
 SCRIPTS = ("scripts/test.sh", "scripts/demo.sh", "scripts/cross.sh")
 FOLDERS = ("service", "agent", "cli")
+# Where the recipe has what a folder needs; the rest stands in DEPENDS.
+RECIPE = {"agent": ["PACKAGECONFIG[agent]", "PACKAGECONFIG[re2]"], "cli": ["PACKAGECONFIG[cli]"]}
 
 
 def asked(root):
-    """{library: the Debian package that the error names, or None}"""
-    found = {}
-    paths = [root / "CMakeLists.txt"]
+    """(folder, library, the Debian package that the error names or None); "" is the root."""
+    paths = [("", root / "CMakeLists.txt")]
     for folder in FOLDERS:
-        paths += sorted((root / folder).rglob("CMakeLists.txt"))
-    for path in paths:
+        paths += [(folder, path) for path in sorted((root / folder).rglob("CMakeLists.txt"))]
+    for folder, path in paths:
         text = re.sub(r"#.*", "", path.read_text(encoding="utf-8"))
-        for name in re.findall(r"\bfind_package\((\w+)", text):
-            found.setdefault(name, None)
+        names = re.findall(r"\bfind_package\((\w+)", text)
         for words in re.findall(r"\bpkg_check_modules\(\w+ ([^)]*)\)", text):
-            for name in words.split():
-                if name not in ("REQUIRED", "QUIET", "IMPORTED_TARGET"):
-                    found.setdefault(re.split("[<>=]", name)[0], None)
+            names += [re.split("[<>=]", word)[0] for word in words.split()
+                      if word not in ("REQUIRED", "QUIET", "IMPORTED_TARGET")]
+        yield from ((folder, name, None) for name in names if name not in NONE)
         for name, package in re.findall(r"\bneed_library\((\w+) ([\w.+-]+)", text):
-            found[name] = package
-    return {name: package for name, package in found.items() if name not in NONE}
+            yield folder, name, package
 
 
-def lists(root):
-    """{list: its text without comments, which Debian's package it names by, or another word}"""
-    def read(name):
-        text = (root / name).read_text(encoding="utf-8")
-        return re.sub(r"(?m)^\s*#.*", "", text)
+def read(path):
+    """Without comments."""
+    return re.sub(r"(?m)^\s*#.*", "", path.read_text(encoding="utf-8"))
 
-    control = read("debian/control")
+
+def lists(root, folder):
+    """(list, its text, which of the table's words it has), of what is needed for the folder."""
+    control = read(root / "debian/control")
     yield "debian/control", re.search(r"(?ms)^Build-Depends:(.*?)^\S", control)[1], 0
     for name in SCRIPTS:
-        yield name, read(name), 0
+        yield name, read(root / name), 0
     for path in sorted((root / "packaging/yocto").glob("*.bb")):
-        wanted = re.findall(r'(?m)^(?:DEPENDS|PACKAGECONFIG\[\w+\]) = "([^"]*)"', path.read_text())
-        yield path.name, "\n".join(wanted), 1
-    yield "README.md", re.search(r"(?ms)^Needed are (.*?)^$", read("README.md"))[1], 2
+        wanted = dict(re.findall(r'(?m)^(DEPENDS|PACKAGECONFIG\[\w+\]) = "([^"]*)"', read(path)))
+        names = RECIPE.get(folder, ["DEPENDS"])
+        yield path.name, "\n".join(wanted[name] for name in names), 1
+    yield "README.md", re.search(r"(?ms)^Needed are (.*?)^$", read(root / "README.md"))[1], 2
 
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    found = asked(root)
-    faults = [f"{name}: not in the table of this test" for name in found if name not in LIBRARIES]
-    for name in sorted(found.keys() & LIBRARIES.keys()):
+    faults, found = [], set()
+    for folder, name, package in asked(root):
+        found.add(name)
+        if name not in LIBRARIES:
+            faults.append(f"{folder}: {name} is not in the table of this test")
+            continue
         words = LIBRARIES[name]
-        if found[name] not in (None, words[0]):
-            faults.append(f"{name}: the error names {found[name]}")
-        for place, text, which in lists(root):
+        if package not in (None, words[0]):
+            faults.append(f"{folder}: the error about {name} names {package}")
+        for place, text, which in lists(root, folder):
             if not re.search(rf"(?<![\w+-]){re.escape(words[which])}(?![\w+-])", text):
-                faults.append(f"{place}: {words[which]} is missing")
+                faults.append(f"{place}: {words[which]}, which {folder or 'the root'} asks for")
     print(f"{len(found)} libraries: {', '.join(sorted(found))}")
     print("\n".join(faults))
     assert len(found) >= 4, "the build's files were not read"
