@@ -230,7 +230,11 @@ bool Confine(const Caller& caller, const CopyFilter& filter, pid_t parent) {
     }
     void* memory = mmap(nullptr, setup.cap + kTail, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED || !Confine(caller, filter, parent) || !Send(report)) {
+    if (memory == MAP_FAILED || !Confine(caller, filter, parent)) {
+        report.state = LookReport::kRefused;
+        Put(report.refusal, "the process that copies the output cannot lay down its rights");
+    }
+    if (!Send(report) || report.state != LookReport::kTaken) {
         _exit(1);
     }
     Copy copy(static_cast<char*>(memory), setup.cap);

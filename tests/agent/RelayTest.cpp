@@ -3,8 +3,13 @@
 #include "decide/Accounts.h"
 #include "relay/Relay.h"
 
+#include <errno.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include "RunFixture.h"
 #include "base/Process.h"
@@ -327,6 +332,39 @@ TEST_F(RelayTest, ARefusedOutputIsToldWithItsReason) {
     ASSERT_TRUE(RunToItsEnd(other));
     EXPECT_FALSE(found.output);
     EXPECT_EQ(found.refusal, "the output descriptor cannot be taken");
+}
+
+// A kernel without filters, as far as this process and its children can tell.
+bool RefuseFilters() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_prctl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PR_SET_SECCOMP, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {sizeof program / sizeof program[0], program};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(RelayTest, WithoutAFilterAnOutputIsRefusedBeforeAnythingIsCopied) {
+    const TestPipe pipe;
+    const pid_t child = test::Fork([&] {
+        EXPECT_TRUE(RefuseFilters());
+        Restart(agent::ExecutorLimits(), agent::RelayLimits());
+        agent::CallerFacts found;
+        const std::shared_ptr<Relay> relay =
+            Begin(TaskToTake(pipe.writer.Get()),
+                  [&found](const agent::CallerFacts& facts) { found = facts; });
+        EXPECT_TRUE(relay);
+        EXPECT_TRUE(relay && RunToItsEnd(relay));
+        EXPECT_FALSE(found.output);
+        EXPECT_EQ(found.refusal, "the process that copies the output cannot lay down its rights");
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(test::Reap(child, test::kLimit), 0);
 }
 
 TEST_F(RelayTest, ALookThatTakesTooLongIsGivenUpWithWhatItFoundSoFar) {
