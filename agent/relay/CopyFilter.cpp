@@ -22,6 +22,8 @@ namespace {
 const int kAllowed[] = {SCMP_SYS(read), SCMP_SYS(write),      SCMP_SYS(ppoll),
                         SCMP_SYS(exit), SCMP_SYS(exit_group), SCMP_SYS(rt_sigreturn)};
 
+const std::size_t kMostInstructions = 127;
+
 Refusal Failure(int error) {
     return Refusal{
         std::string("the relay's system call filter cannot be made: ") + std::strerror(error),
@@ -49,16 +51,14 @@ Result<CopyFilter> CopyFilter::Make() {
     // pipe holds, so writing all of it before reading any waits for nobody.
     error = -seccomp_export_bpf(rules.get(), pipe->writer.Get());
     pipe->writer.Reset();
-    std::vector<sock_filter> program(BPF_MAXINSNS);
-    const ssize_t size =
-        error == 0 ? read(pipe->reader.Get(), program.data(), program.size() * sizeof(sock_filter))
-                   : -1;
-    if (size <= 0 || static_cast<std::size_t>(size) % sizeof(sock_filter) != 0) {
+    sock_filter program[kMostInstructions + 1];
+    const ssize_t size = error == 0 ? read(pipe->reader.Get(), program, sizeof program) : -1;
+    // A part of a filter would be another filter.
+    if (size <= 0 || size == static_cast<ssize_t>(sizeof program) ||
+        static_cast<std::size_t>(size) % sizeof(sock_filter) != 0) {
         return Failure(error != 0 ? error : EIO);
     }
-    program.resize(static_cast<std::size_t>(size) / sizeof(sock_filter));
-    program.shrink_to_fit();
-    return CopyFilter(std::move(program));
+    return CopyFilter({program, program + static_cast<std::size_t>(size) / sizeof(sock_filter)});
 }
 
 bool CopyFilter::Load() const {
