@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <initializer_list>
 
 #include "base/Text.h"
@@ -289,10 +288,9 @@ void RuleReader::ReadRange(const toml::node& node, unsigned most, Numbers& numbe
         if (text->get() == "*") {
             first = 0;
             last = most;
-        } else if (ends.size() == 2 && IsMadeOf(ends[0], kDigits) && IsMadeOf(ends[1], kDigits) &&
-                   ends[0].size() < 9 && ends[1].size() < 9) {
-            first = std::strtoul(ends[0].c_str(), nullptr, 10);
-            last = std::strtoul(ends[1].c_str(), nullptr, 10);
+        } else if (ends.size() == 2 && ends[0].size() < 9 && ends[1].size() < 9) {
+            first = ToNumber<unsigned long>(ends[0]).value_or(first);
+            last = ToNumber<unsigned long>(ends[1]).value_or(last);
         }
     }
     if (first > last || last > most) {
@@ -449,12 +447,13 @@ void RuleReader::CheckAlways(const toml::node& node, const std::string& option, 
 void RuleReader::ReadModes(const toml::node& node, Rule& rule) {
     for (const toml::node* element : Elements(node)) {
         const toml::value<std::string>* text = element->as_string();
-        if (text == nullptr || !IsMadeOf(text->get(), "01234567") || text->get().size() > 4 ||
-            std::strtol(text->get().c_str(), nullptr, 8) > 0777) {
+        const std::optional<unsigned> mode =
+            text == nullptr ? std::nullopt : ToNumber<unsigned>(text->get(), 8);
+        if (!mode || text->get().size() > 4 || *mode > 0777) {
             Error(*element, "a mode is an octal text up to \"0777\"");
             return;
         }
-        rule.modes.push_back(static_cast<int>(std::strtol(text->get().c_str(), nullptr, 8)));
+        rule.modes.push_back(static_cast<int>(*mode));
     }
 }
 
@@ -483,8 +482,8 @@ void RuleReader::ReadDeadline(const toml::node& node, Rule& rule) {
         const std::size_t unit = text->get().find_first_not_of(kDigits);
         const std::string number = text->get().substr(0, unit);
         const std::string name = unit == std::string::npos ? "" : text->get().substr(unit);
-        if (!number.empty() && number.size() < 6 && (name == "s" || name == "ms")) {
-            milliseconds = std::strtol(number.c_str(), nullptr, 10) * (name == "s" ? 1000 : 1);
+        if (number.size() < 6 && (name == "s" || name == "ms")) {
+            milliseconds = ToNumber<std::int64_t>(number).value_or(0) * (name == "s" ? 1000 : 1);
         }
     }
     if (milliseconds <= 0 || milliseconds > kLongestDeadline) {

@@ -4,7 +4,6 @@
 #include "Parse.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "BindOptions.h"
 #include "Words.h"
@@ -331,15 +330,13 @@ bool ReadNumber(const std::string& text, unsigned long most, unsigned& number) {
     const bool hex = StartsWith(text, "0x") || StartsWith(text, "0X");
     const bool octal = !hex && text.size() > 1 && text[0] == '0';
     const std::string digits = hex ? text.substr(2) : text;
-    const char* allowed = hex ? "0123456789abcdefABCDEF" : octal ? "01234567" : kDigits;
-    if (!IsMadeOf(digits, allowed) || digits.size() > 9) {
+    const std::optional<unsigned long> value = ToNumber<unsigned long>(digits, hex     ? 16
+                                                                               : octal ? 8
+                                                                                       : 10);
+    if (!value || *value > most || digits.size() > 9) {
         return false;
     }
-    const unsigned long value = std::strtoul(digits.c_str(), nullptr, hex ? 16 : octal ? 8 : 10);
-    if (value > most) {
-        return false;
-    }
-    number = static_cast<unsigned>(value);
+    number = static_cast<unsigned>(*value);
     return true;
 }
 
@@ -368,14 +365,14 @@ bool StoreMode(Request& request, const std::string& value, std::string& error) {
     if (request.mode != -1) {
         return Refuse(error, "the mode is given twice");
     }
-    if (!IsMadeOf(value, "01234567") || value.size() > 4) {
+    const std::optional<unsigned> mode = ToNumber<unsigned>(value, 8);
+    if (!mode || value.size() > 4) {
         return Refuse(error, "the mode is not an octal number");
     }
-    const unsigned long mode = std::strtoul(value.c_str(), nullptr, 8);
-    if (mode > 0777) {
+    if (*mode > 0777) {
         return Refuse(error, "the mode has more than the permission bits");
     }
-    request.mode = static_cast<int>(mode);
+    request.mode = static_cast<int>(*mode);
     return true;
 }
 

@@ -5,7 +5,8 @@
 #include "RuleSource.h"
 
 #include <cstdint>
-#include <cstdlib>
+
+#include "base/Text.h"
 
 namespace agent {
 
@@ -38,14 +39,15 @@ public:
 
     std::uint64_t Number() {
         const std::size_t end = packed.find(' ', at);
-        good = good && end != std::string::npos && end > at && end - at < 20 &&
-               packed.find_first_not_of("0123456789", at) == end;
+        good = good && end != std::string::npos && end - at < 20;
+        const std::string_view digits = std::string_view(packed).substr(at, good ? end - at : 0);
+        const std::optional<std::uint64_t> number = ToNumber<std::uint64_t>(digits);
+        good = good && number;
         if (!good) {
             return 0;
         }
-        const std::uint64_t number = std::strtoull(packed.c_str() + at, nullptr, 10);
         at = end + 1;
-        return number;
+        return *number;
     }
     std::string Text() {
         const std::uint64_t size = Number();
