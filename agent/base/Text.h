@@ -25,6 +25,7 @@ std::string Join(const std::vector<std::string>& parts, const char* separator);
 std::vector<std::string> Split(const std::string& text, char separator);
 
 bool StartsWith(const std::string& text, const std::string& prefix);
+bool EndsWith(const std::string& text, const std::string& suffix);
 
 // Not empty, and made of `allowed` only.
 bool IsMadeOf(const std::string& text, const char* allowed);

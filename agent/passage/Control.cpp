@@ -42,14 +42,14 @@ std::string Control::Test(const Question& question, const Caller& caller) const 
     const bool root = caller.uid == 0;
     JsonObject answer;
     const Parsed parsed = Parse(question.operation, question.text);
-    if (parsed.status != kOk) {
+    if (parsed.status != SR_OK) {
         AuditRequest described;
-        DescribeArguments(question.text, false, described);
+        DescribeArguments(question.text, parsed.words, false, described);
         answer.Add("decision", "error").Add("status", parsed.status).Add("rule", "");
         return answer.Add("reason", ReasonOf(parsed, described)).Text();
     }
     const Decision decision = store.Decide(caller, parsed.request);
-    const bool denied = decision.status == kRuleNotFound;
+    const bool denied = decision.status == SR_RULE_NO_FOUND;
     answer.Add("decision", decision.permit ? "allow" : denied ? "deny" : "error");
     answer.Add("status", decision.status).Add("rule", decision.rule);
     answer.Add("reason", root ? decision.detail : decision.reason);

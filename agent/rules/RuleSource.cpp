@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-//
 // The form: numbers in decimal, each with a blank behind it; texts behind the number of their
 // bytes; lists behind the number of their elements; a mark at the end.
 #include "RuleSource.h"
@@ -25,8 +24,8 @@ public:
         Number(answers.size());
         for (const auto& [name, answer] : answers) {
             Text(name);
-            Number(answer.found ? 1 : 0);
-            Number(answer.id);
+            Number(answer.id ? 1 : 0);
+            Number(answer.id.value_or(0));
             Text(answer.failure);
         }
     }
@@ -35,7 +34,7 @@ public:
 
 class Unpacker {
 public:
-    explicit Unpacker(const std::string& text) : packed(text) {}
+    explicit Unpacker(const std::string& packed_) : packed(packed_) {}
 
     std::uint64_t Number() {
         const std::size_t end = packed.find(' ', at);
@@ -62,8 +61,9 @@ public:
     void Answers(std::map<std::string, AccountTable::Answer>& answers) {
         for (std::uint64_t count = Number(); good && count > 0; --count) {
             AccountTable::Answer& answer = answers[Text()];
-            answer.found = Number() == 1;
-            answer.id = static_cast<id_t>(Number());
+            const bool found = Number() == 1;
+            const id_t id = static_cast<id_t>(Number());
+            answer.id = found ? std::optional<id_t>(id) : std::nullopt;
             answer.failure = Text();
         }
     }

@@ -34,4 +34,10 @@ TEST(Text, ANumberThatItsTypeCannotHoldIsNone) {
     EXPECT_EQ(ToNumber<int>("-"), std::nullopt);
 }
 
+TEST(Text, AQuotedTextIsOneReadableLine) {
+    EXPECT_EQ(agent::Quote("/m/a b"), "'/m/a b'");
+    EXPECT_EQ(agent::Quote("/m/a'b\\\xc3\xa4\n"), "'/m/a\\x27b\\x5c\\xc3\\xa4\\x0a'");
+    EXPECT_EQ(agent::Quote(std::string(200, 'a')), "'" + std::string(120, 'a') + "...'");
+}
+
 }  // namespace
