@@ -4,7 +4,6 @@
 #include <getopt.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "answer/Log.h"
 #include "base/Text.h"
@@ -58,13 +57,13 @@ bool ReadLimit(const std::string& text, QuotaLimits& limits) {
                                : name == "minute"  ? &limits.perMinute
                                : name == "total"   ? &limits.total
                                                    : nullptr;
-    if (limit == nullptr || !IsMadeOf(count, kDigits) || count.size() > 4 ||
-        (std::atoi(count.c_str()) == 0 && name != "waiting")) {
+    const std::optional<std::size_t> number = ToNumber<std::size_t>(count);
+    if (limit == nullptr || !number || count.size() > 4 || (*number == 0 && name != "waiting")) {
         Complain("--limit: not running, waiting, minute or total with a number up to 9999: " +
                  text);
         return false;
     }
-    *limit = static_cast<std::size_t>(std::atoi(count.c_str()));
+    *limit = *number;
     return true;
 }
 

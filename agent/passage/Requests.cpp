@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <optional>
 
-#include "parse/Words.h"
 #include "relay/Descriptor.h"
 #include "rules/Database.h"
 
@@ -49,14 +48,12 @@ RelayTask TaskFor(const Caller& caller, int descriptor, const AccountQuestions& 
 }  // namespace
 
 // A word behind one that holds a password may be a piece of it when the text makes no sense.
-void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit) {
-    std::string error;
-    audit.split = SplitWords(text, audit.arguments, error);
-    if (!audit.split) {
-        audit.arguments = {text};
-        return;
-    }
-    for (std::size_t i = 0; !parsed && i < audit.arguments.size(); ++i) {
+void DescribeArguments(const std::string& text,
+                       const std::optional<std::vector<std::string>>& words, bool parsed,
+                       AuditRequest& audit) {
+    audit.split = words.has_value();
+    audit.arguments = words.value_or(std::vector<std::string>{text});
+    for (std::size_t i = 0; audit.split && !parsed && i < audit.arguments.size(); ++i) {
         if (Audit::Redact(audit.arguments[i], true) != audit.arguments[i]) {
             audit.arguments.resize(i + 1);
         }
@@ -89,7 +86,8 @@ void Requests::Take(const Arrival& arrival) {
     job->audit.pid = arrival.caller.pid;
     job->audit.operation = arrival.call.operation;
     job->parsed = Parse(arrival.call.operation, arrival.call.text);
-    DescribeArguments(arrival.call.text, job->parsed.status == kOk, job->audit);
+    DescribeArguments(arrival.call.text, job->parsed.words, job->parsed.status == SR_OK,
+                      job->audit);
     const Check room = ending ? Refusal{"the agent is ending"} : relays.HasRoom(arrival.caller.uid);
     if (!room) {
         return Refuse(*job, room.Status(), room.Reason(), room.Reason());
@@ -129,7 +127,8 @@ void Requests::TakeUnknown(const std::string& sender, const std::optional<Call>&
         request.id = ++lastId;
         if (call) {
             request.operation = call->operation;
-            DescribeArguments(call->text, false, request);
+            const Parsed parsed = Parse(call->operation, call->text);
+            DescribeArguments(call->text, parsed.words, false, request);
         }
         return request;
     };
@@ -175,7 +174,7 @@ void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
     entry->second->look->output.reset();
     entry->second->relay = facts.output;
     const std::string sender = entry->second->arrival.call.sender;
-    std::vector<std::shared_ptr<Job> > ready;
+    std::vector<std::shared_ptr<Job>> ready;
     for (auto next = looking.begin(); next != looking.end();) {
         if (next->second->arrival.call.sender != sender) {
             ++next;
@@ -196,7 +195,7 @@ void Requests::Decide(const std::shared_ptr<Job>& job) {
     caller.executable = job->look->executable;
     caller.account = job->look->account;
     job->audit.executable = caller.executable;
-    if (job->parsed.status != kOk) {
+    if (job->parsed.status != SR_OK) {
         const std::string reason = ReasonOf(job->parsed, job->audit);
         return Refuse(*job, job->parsed.status, reason, reason);
     }
@@ -229,7 +228,7 @@ void Requests::Admit(const std::shared_ptr<Job>& job) {
     }
     // Those ahead may never end; whoever waits still gets an answer in time.
     const std::uint64_t id = job->id;
-    Result<std::unique_ptr<Timer> > wait =
+    Result<std::unique_ptr<Timer>> wait =
         Timer::Make(loop, job->arrival.received + job->permit->GetPlan().deadline,
                     [this, id] { WaitedTooLong(id); });
     if (!wait) {
@@ -287,13 +286,14 @@ void Requests::Done(std::uint64_t id, const Outcome& outcome) {
 
 void Requests::Record(const Job& job) {
     const Request& request = job.parsed.request;
-    if (request.operation == "sr_umount" || request.operation == "sr_umount_cifs") {
+    const MountChange change = RowOf(request.operation).mounts;
+    if (change == MountChange::kRemoves) {
         mounts.Remove(request.target);
-    } else if (request.operation == "sr_mount" || request.operation == "sr_mount_cifs") {
+    } else if (change != MountChange::kNone) {
         MountRecord record;
         record.target = request.target;
         record.source = request.source;
-        record.type = request.operation == "sr_mount" ? request.type : "cifs";
+        record.type = request.type;
         record.rule = job.audit.rule;
         record.uid = job.arrival.caller.uid;
         mounts.Add(record);
@@ -322,7 +322,7 @@ void Requests::EndAll() {
     }
     ending = true;
     strangers.Flush();
-    std::vector<std::shared_ptr<Job> > waiting;
+    std::vector<std::shared_ptr<Job>> waiting;
     for (const auto& entry : looking) {
         waiting.push_back(entry.second);
     }

@@ -84,6 +84,7 @@ bool Relay::Hangs() const {
 void Relay::ReadLook() {
     LookReport next;
     ssize_t count = 0;
+    // Not beyond the last word on the look: what follows it is the report on the copying.
     while (known &&
            (count = read(report.Get(), &next, sizeof next)) == static_cast<ssize_t>(sizeof next)) {
         found = next;
@@ -125,6 +126,7 @@ void Relay::LookEnds(const std::string& refusal) {
     if (!wanted) {
         facts.refusal.clear();
     }
+    // Whoever is called may call back here, and must find that it has been told.
     const Known function = std::move(known);
     known = nullptr;
     try {
@@ -142,7 +144,9 @@ void Relay::LookTooLong() {
 }
 
 void Relay::ChildEnded() {
+    // Counted no more, and held here: whoever is told below may let go of it.
     const std::shared_ptr<Relay> kept = relays.Take(this);
+    // Its last words may have come together with its end.
     ReadLook();
     if (known) {
         LookEnds("the output descriptor cannot be looked at");
@@ -168,6 +172,9 @@ Relays::Relays(sentrel::SR_MainLoop& loop_, const RelayLimits& limits_)
 Relays::~Relays() {}
 
 Check Relays::HasRoom(uid_t uid) const {
+    // A caller can make its own children hang, and so many of them it may have; but what it costs
+    // others is bounded by the number of all, which hung ones are no part of: they cost no time.
+    // Root, who has to put things in order, is never kept out by others.
     std::size_t sound = 0;
     std::size_t own = 0;
     std::size_t ownHung = 0;

@@ -117,10 +117,9 @@ private:
             return Refusal{"there is no tool to run"};
         }
         // Again, although the agent has looked at its start: it may have been replaced since.
-        std::string reason;
-        const int status = plan.bind || plan.node ? SR_OK : CheckTool(plan.argv[0], reason);
-        if (status != SR_OK) {
-            return Refusal{reason, status};
+        const Check trusted = plan.bind || plan.node ? Fine() : CheckTool(plan.argv[0]);
+        if (!trusted) {
+            return trusted;
         }
         job.arguments = plan.argv;
         for (const Pin& pin : plan.pins) {

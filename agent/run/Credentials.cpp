@@ -19,6 +19,8 @@ bool IsPlain(const std::string& value, const char* marks) {
            value.size() <= kLongestName;
 }
 
+// At the first '=' only: a password may hold others, and blanks at its end are its own. The last
+// line that names a thing counts, as it does for the tool.
 void TakeLine(std::string line, Credentials& credentials) {
     line.erase(0, line.find_first_not_of(" \t"));
     if (!line.empty() && line.back() == '\r') {
@@ -45,6 +47,7 @@ Result<Credentials> ReadCredentials(const std::string& text) {
     if (text.size() > kLargestCredentials) {
         return Malformed("is larger than 4096 bytes");
     }
+    // The tool would take it for the end, and see another password than this does.
     if (text.find('\0') != std::string::npos) {
         return Malformed("holds a NUL");
     }

@@ -35,7 +35,8 @@ struct Executor::Operation {
 
     bool HasEnded() const { return !child; }
 
-    // Takes over what the process has reported until now.
+    // Takes over what the process has reported until now. Each report is one write of less than
+    // PIPE_BUF, so it comes whole or not at all, also from a process that is killed.
     void ReadReports() {
         ChildReport next;
         while (read(report.Get(), &next, sizeof next) == static_cast<ssize_t>(sizeof next)) {
@@ -64,6 +65,7 @@ Executor::~Executor() {
 
 void Executor::Start(Permit&& permit, const Caller& caller, const std::shared_ptr<Relay>& output,
                      TimePoint received, const Done& done, const Gone& gone) {
+    // Used up here, whatever comes of it: a permit starts one tool.
     const Permit granted(std::move(permit));
     const std::uint64_t id = ++lastId;
     Operation& operation = *(operations[id] = std::make_unique<Operation>());
@@ -92,6 +94,8 @@ void Executor::Start(Permit&& permit, const Caller& caller, const std::shared_pt
 bool Executor::Launch(Operation& operation, const Permit& permit, const Caller& caller,
                       TimePoint deadline) {
     operation.Fail(SR_FORK_FAILED, "the tool's process cannot be started");
+    // What may fail is had before there is a process: one without a limit could hold up its caller
+    // for ever.
     const std::uint64_t id = operation.id;
     Result<Pipe> report = OpenPipe(Reading::kNeverWaits);
     Result<std::unique_ptr<Timer> > limit =
@@ -118,9 +122,12 @@ bool Executor::Launch(Operation& operation, const Permit& permit, const Caller& 
     return true;
 }
 
+// Handlers know an operation by its number: `done` and `gone` belong to others, who may start and
+// end operations while they run.
 void Executor::ProcessEnded(std::uint64_t id) {
     Operation& operation = *operations.at(id);
     operation.end.reset();
+    // Reaped only now that the loop does not watch it any more.
     (void)operation.child.Reap();
     operation.ReadReports();
     if (operation.answered) {
@@ -136,11 +143,15 @@ void Executor::ProcessEnded(std::uint64_t id) {
         operation.outcome.signal = operation.last.signal;
         operation.outcome.reason = operation.last.reason;
     } else {
+        // It was killed, or failed where it could not say so. A tool that it had started died with
+        // it; what that had done by then nobody knows.
         operation.Fail(SR_WAITPID_FAILED, "the tool's end could not be learned");
     }
     AwaitOutput(operation);
 }
 
+// The answer tells how many bytes have come, so the relay gets a moment for the last of them; no
+// more than that, since the reader is the caller's and may never read.
 void Executor::AwaitOutput(Operation& operation) {
     const std::uint64_t id = operation.id;
     if (!operation.output || operation.output->Ended()) {
@@ -186,6 +197,8 @@ void Executor::Deliver(std::uint64_t id) {
         operation.output->Abandon();
         operation.output.reset();
     }
+    // `done` may end the program's loop or start the next request; behind it nothing of this
+    // operation is touched but what is held here.
     const Done done = std::move(operation.done);
     if (!operation.HasEnded()) {
         done(outcome);

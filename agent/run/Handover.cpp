@@ -61,6 +61,7 @@ Result<OwnedFd> Take(const OwnedFd& taker) {
     if (recvmsg(taker.Get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC) <= 0) {
         return Refusal{"the mount was not handed on"};
     }
+    // Only our own process can have written here; a message without a descriptor is its refusal.
     const cmsghdr* const header = CMSG_FIRSTHDR(&message);
     if (header == nullptr || header->cmsg_type != SCM_RIGHTS) {
         return Refusal{text};

@@ -35,7 +35,7 @@ std::optional<std::uint64_t> ReadSize(const std::string& text) {
         (!unit.empty() && power == std::string::npos)) {
         return std::nullopt;
     }
-    const std::uint64_t size = std::stoull(text.substr(0, end));
+    const std::uint64_t size = ToNumber<std::uint64_t>(text.substr(0, end)).value_or(0);
     const unsigned shift = unit.empty() ? 0 : 10 * (static_cast<unsigned>(power) + 1);
     // Half of the range: an offset and a size are added up.
     if (size > std::numeric_limits<std::uint64_t>::max() >> (shift + 1)) {
@@ -137,6 +137,8 @@ std::optional<LoopDevice> Configure(const OwnedFd& file, const Range& range,
         config.info.lo_flags |= LO_FLAGS_READ_ONLY;
     }
     (void)shownAs.copy(reinterpret_cast<char*>(config.info.lo_file_name), LO_NAME_SIZE - 1);
+    // Between the question for a free number and its use another may have taken it: then the next.
+    // Not for ever, since somebody could be taking them on purpose.
     for (int tries = 0; control && tries < 16; ++tries) {
         const long number = ioctl(control.Get(), LOOP_CTL_GET_FREE);
         if (number < 0) {
@@ -198,6 +200,7 @@ Result<OwnedFd> AttachLoop(const PinnedPath& image, std::vector<std::string>& wo
     if (!device) {
         return Refusal{failure + ": " + std::strerror(errno)};
     }
+    // Of "-- IMAGE MOUNTPOINT", which Plan::argv ends with.
     words[words.size() - 2] = device->name;
     return std::move(device->fd);
 }

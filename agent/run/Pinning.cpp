@@ -18,6 +18,8 @@ namespace agent {
 
 namespace {
 
+// The rule was compared with the path as a text. So the text must name one thing only: no component
+// that leads back up, and none that is doubled.
 bool IsPlainComponent(const std::string& name) {
     return !name.empty() && name != "." && name != "..";
 }
@@ -158,6 +160,7 @@ std::string PinnedPath::Reach() const {
     return Inherited() == parent.Get() ? base + "/" + name : base;
 }
 
+// The kernel's own word, not a walk: a walk would meet what was exchanged meanwhile.
 std::string PathOf(int fd) {
     char path[PATH_MAX];
     const ssize_t length =
@@ -169,7 +172,10 @@ std::string PathOf(int fd) {
 
 OwnedFd OpenBelow(int directory, const std::string& name, int flags) {
     open_how how = {};
+    // O_PATH opens nothing: no device notices, no pipe waits, and it needs no right to the file.
     how.flags = static_cast<unsigned>(O_PATH | O_CLOEXEC | flags);
+    // No link anywhere, not even root's own: a rule names the place itself, and a link below /proc
+    // leads wherever its process says.
     how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     return OwnedFd(
         static_cast<int>(syscall(SYS_openat2, directory, name.c_str(), &how, sizeof how)));

@@ -43,6 +43,7 @@ void ClearStage(const std::string& stage) {
 }
 
 Result<OwnedFd> TakeFromStage(const std::string& stage, const std::vector<std::string>& flags) {
+    // Opened once; what it is, where it stands and what is handed on are all asked of this one.
     const OwnedFd made = OpenBelow(AT_FDCWD, stage, O_DIRECTORY);
     const std::optional<std::uint64_t> id = made ? MountId(made.Get()) : std::nullopt;
     const Result<std::vector<MountEntry> > mounts = ReadMounts();

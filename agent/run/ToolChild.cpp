@@ -40,10 +40,10 @@ void Limit(int resource, rlim_t most) {
 }
 
 // A number of processes is not among them: root is exempt from it.
-void LimitTool(const std::string& operation) {
-    // A mount helper may keep a small table below /run; the other tools write no files.
-    const bool writes = operation.find("mount") != std::string::npos;
-    Limit(RLIMIT_FSIZE, writes ? 1048576 : 0);
+void LimitTool(Operation operation) {
+    Limit(RLIMIT_FSIZE, RowOf(operation).largestFile);
+    // More than a tool needs. They are for one that a caller's image, module or server has made run
+    // in a circle or grow: it ends before others go without.
     Limit(RLIMIT_NOFILE, 64);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_CPU, 10);
@@ -82,7 +82,8 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
         environment.push_back("PASSWD_FD=" + std::to_string(tool.secret.Get()));
         ready = fcntl(tool.secret.Get(), F_SETFD, 0) == 0;
     }
-    // Not the mount point: the tool mounts on its stage, and would keep the other busy.
+    // A pinned path is reached by the number of its descriptor, so the tool inherits it. Not the
+    // mount point's: the tool mounts on its stage, and would keep the other busy.
     const PinnedPath* const target = tool.plan.makesMount ? tool.Find(Pin::kDirectory) : nullptr;
     for (const PinnedPath& path : tool.pinned) {
         ready = ready && (&path == target || fcntl(path.Inherited(), F_SETFD, 0) == 0);
@@ -136,6 +137,8 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     if (exited && end.si_status == 0) {
         (void)Give(tool.giver, TakeFromStage(*stage, tool.plan.requiredMountFlags));
     }
+    // A helper that stays, as one for a file system in a process does, keeps the namespace. What it
+    // was mounted on must not stay there with it.
     ClearStage(*stage);
     if (!exited) {
         EndBy(end.si_status);
