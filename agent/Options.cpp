@@ -86,10 +86,6 @@ bool ReadOperands(int argc, char** argv, Options& options) {
 
 }  // namespace
 
-void Complain(const std::string& text) {
-    StandardError().WriteLine(text);
-}
-
 int ReadOptions(int argc, char** argv, Options& options) {
     enum { kRules = 1, kCheck, kToolPath, kLimit, kAudit, kMock, kHelpAsked, kVersion };
     const option known[] = {{"rules", required_argument, nullptr, kRules},

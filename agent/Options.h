@@ -22,9 +22,6 @@ struct Options {
 // Less than 0: go on. Otherwise the exit status; everything has been said.
 int ReadOptions(int argc, char** argv, Options& options);
 
-// One line on standard error.
-void Complain(const std::string& text);
-
 }  // namespace agent
 
 #endif

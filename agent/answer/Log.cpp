@@ -119,9 +119,9 @@ void LogQueue::Flush() {
     watch.reset();
 }
 
-void LogQueue::Attach(sentrel::SR_MainLoop* mainLoop) {
+void LogQueue::Attach(sentrel::SR_MainLoop* loop_) {
     watch.reset();
-    loop = mainLoop;
+    loop = loop_;
     Flush();
 }
 
@@ -137,8 +137,7 @@ void LogQueue::Drain(std::chrono::milliseconds limit) {
     }
 }
 
-ErrorStream::ErrorStream(int descriptor, const LogLimits& queueLimits)
-    : LogQueue(queueLimits), fd(descriptor) {
+ErrorStream::ErrorStream(int fd_, const LogLimits& limits_) : LogQueue(limits_), fd(fd_) {
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
         return;
@@ -197,6 +196,10 @@ LogQueue::Offered ErrorStream::Offer(LogEntry& entry) {
 ErrorStream& StandardError() {
     static ErrorStream stream(STDERR_FILENO);
     return stream;
+}
+
+void Complain(const std::string& text) {
+    StandardError().WriteLine(text);
 }
 
 SystemLog::~SystemLog() {

@@ -39,7 +39,7 @@ struct LogLimits {
 
 class LogQueue {
 public:
-    explicit LogQueue(const LogLimits& queueLimits) : limits(queueLimits) {}
+    explicit LogQueue(const LogLimits& limits_) : limits(limits_) {}
     LogQueue(const LogQueue&) = delete;
     LogQueue& operator=(const LogQueue&) = delete;
     virtual ~LogQueue() {}
@@ -49,7 +49,7 @@ public:
     // Offers what waits. Does not block.
     void Flush();
     // From now on the loop flushes when the reader has made room; null: no longer.
-    void Attach(sentrel::SR_MainLoop* mainLoop);
+    void Attach(sentrel::SR_MainLoop* loop_);
     bool Attached() const { return loop != nullptr; }
     // Offers what waits until all is taken or this time has passed.
     void Drain(std::chrono::milliseconds limit);
@@ -85,7 +85,7 @@ private:
 // others. Without a loop, WriteLine() gives the reader a few seconds.
 class ErrorStream : public LogQueue {
 public:
-    explicit ErrorStream(int descriptor, const LogLimits& queueLimits = LogLimits());
+    explicit ErrorStream(int fd_, const LogLimits& limits_ = LogLimits());
     ~ErrorStream() override {}
 
     void WriteLine(const std::string& text);
@@ -104,8 +104,9 @@ private:
     std::size_t written = 0;  // of the first line
 };
 
-// The program's one standard error.
+// The program's one standard error, and one line on it.
 ErrorStream& StandardError();
+void Complain(const std::string& text);
 
 struct LogPlaces {
     std::string journal = "/run/systemd/journal/socket";
@@ -116,10 +117,10 @@ struct LogPlaces {
 // there is looked at anew when the one in use has gone.
 class SystemLog : public LogQueue {
 public:
-    // `name` is the program's in the log. `errors` must outlive the object.
-    SystemLog(const std::string& name, LogQueue& errors, const LogLimits& queueLimits = LogLimits(),
-              const LogPlaces& logPlaces = LogPlaces())
-        : LogQueue(queueLimits), identifier(name), fallback(errors), places(logPlaces) {}
+    // `identifier_` is the program's name in the log. `fallback_` must outlive the object.
+    SystemLog(const std::string& identifier_, LogQueue& fallback_,
+              const LogLimits& limits_ = LogLimits(), const LogPlaces& places_ = LogPlaces())
+        : LogQueue(limits_), identifier(identifier_), fallback(fallback_), places(places_) {}
     ~SystemLog() override;
 
 protected:
@@ -142,7 +143,7 @@ private:
 // While it lives, the queue is served by the loop.
 class AttachedLog {
 public:
-    AttachedLog(LogQueue& logQueue, sentrel::SR_MainLoop& loop) : queue(logQueue) {
+    AttachedLog(LogQueue& queue_, sentrel::SR_MainLoop& loop) : queue(queue_) {
         queue.Attach(&loop);
     }
     AttachedLog(const AttachedLog&) = delete;
