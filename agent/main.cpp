@@ -153,19 +153,19 @@ int Check(const agent::Options& options) {
 
 // The library does not report the bus's answer to the request, so the bus is asked who has it.
 bool TakeName(sentrel::SR_DBusConnection& connection) {
-    connection.RequestName(agent::kName, kDoNotQueue);
+    connection.RequestName(agent::kServiceName, kDoNotQueue);
     sentrel::SR_DBusCallMessage question;
     (void)question.SetDestination("org.freedesktop.DBus");
     (void)question.SetPath("/org/freedesktop/DBus");
     (void)question.SetInterface("org.freedesktop.DBus");
     (void)question.SetMember("GetNameOwner");
-    (void)question.GetWriter().AppendString(agent::kName);
+    (void)question.GetWriter().AppendString(agent::kServiceName);
     const sentrel::SR_DBusMessage reply = connection.SendReplyAndBlock(question, -1);
     const char* own = connection.GetUniqueName();
     if (own != nullptr && std::strcmp(reply.GetReader().GetString(), own) == 0) {
         return true;
     }
-    Complain(std::string("another process owns ") + agent::kName + "; it must end first");
+    Complain(std::string("another process owns ") + agent::kServiceName + "; it must end first");
     return false;
 }
 
@@ -238,23 +238,11 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
     agent::RuleLoader loader(dispatcher, store, kLongestLoad);
     agent::Control control(
         requests, store, [&](const agent::RuleLoader::Done& done) { Reload(loader, store, done); });
-    agent::Receivers receivers;
-    receivers.request = [&](const agent::Arrival& arrival) { requests.Take(arrival); };
-    receivers.question = [&](const agent::Question& question, const agent::Caller& caller,
-                             const std::shared_ptr<agent::TextReply>& reply) {
-        control.Answer(question, caller, reply);
-    };
-    receivers.unknown = [&](const std::string& sender, const std::optional<agent::Call>& call,
-                            const std::string& reason) {
-        requests.TakeUnknown(sender, call, reason);
-    };
-    receivers.tooMany = [&](uid_t uid) { requests.TakeTooMany(uid); };
-    receivers.leftAlone = [&](uid_t uid, std::size_t bytes) { requests.TakeLeftAlone(uid, bytes); };
-    service.Serve(receivers);
+    service.Serve(requests, control);
     if (!TakeName(connection)) {
         return 1;
     }
-    Complain(std::string("serving ") + agent::kName + ", " + std::to_string(store.Count()) +
+    Complain(std::string("serving ") + agent::kServiceName + ", " + std::to_string(store.Count()) +
              " rules");
     Handlers handlers;
     handlers.onHangUp = [&] { Reload(loader, store, [](const agent::LoadResult&) {}); };
@@ -267,10 +255,9 @@ int ServeRules(const agent::Options& options, const agent::OwnedFd& signals) {
 }
 
 int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
-    std::vector<agent::MockRow> rows;
-    std::vector<std::string> errors;
-    if (!agent::ReadMockTable(options.mock, rows, errors)) {
-        for (const std::string& error : errors) {
+    const agent::MockTable table = agent::ReadMockTable(options.mock);
+    if (!table.errors.empty()) {
+        for (const std::string& error : table.errors) {
             Complain(error);
         }
         return 1;
@@ -279,19 +266,13 @@ int ServeMock(const agent::Options& options, const agent::OwnedFd& signals) {
     const Logs logs(dispatcher);
     sentrel::SR_DBusConnection connection = sentrel::SR_DBusConnection::SystemBus(dispatcher);
     agent::Service service(dispatcher, connection, options.limits.perMinute);
-    agent::Mock mock(dispatcher, rows);
-    agent::Receivers receivers;
-    receivers.request = [&mock](const agent::Arrival& arrival) { mock.Take(arrival); };
-    receivers.question = [&mock](const agent::Question& question, const agent::Caller& caller,
-                                 const std::shared_ptr<agent::TextReply>& reply) {
-        mock.Answer(question, caller, *reply);
-    };
-    service.Serve(receivers);
+    agent::Mock mock(dispatcher, table.rows);
+    service.Serve(mock, mock);
     if (!TakeName(connection)) {
         return 1;
     }
-    Complain(std::string("serving ") + agent::kName + " from a table, " +
-             std::to_string(rows.size()) + " answers");
+    Complain(std::string("serving ") + agent::kServiceName + " from a table, " +
+             std::to_string(table.rows.size()) + " answers");
     Handlers handlers;
     handlers.onHangUp = [] { Complain("a table is read at the start only"); };
     handlers.endAll = [&] {

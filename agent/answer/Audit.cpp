@@ -101,9 +101,9 @@ private:
     LogEntry entry;
 };
 
-Audit::Audit(LogQueue& queue) : log(&queue), out(nullptr) {}
+Audit::Audit(LogQueue& log_) : log(&log_), out(nullptr) {}
 
-Audit::Audit(std::ostream& stream) : log(nullptr), out(&stream) {}
+Audit::Audit(std::ostream& out_) : log(nullptr), out(&out_) {}
 
 void Audit::Before(const AuditRequest& request) {
     Line line("start", request);
@@ -111,16 +111,16 @@ void Audit::Before(const AuditRequest& request) {
     Write(line);
 }
 
-void Audit::After(const AuditRequest& request, const AuditResult& result) {
+void Audit::After(const AuditRequest& request, const Outcome& outcome) {
     Line line("end", request);
     line.Word("decision", "allow");
-    line.Number("status", result.status);
-    line.Number("exit", result.exit);
-    line.Number("signal", result.signal);
-    line.Number("duration_ms", result.duration.count());
-    line.Number("out_bytes", result.outBytes);
-    line.Number("dropped_bytes", result.droppedBytes);
-    line.Text("reason", result.reason);
+    line.Number("status", outcome.status);
+    line.Number("exit", outcome.exit);
+    line.Number("signal", outcome.signal);
+    line.Number("duration_ms", outcome.duration.count());
+    line.Number("out_bytes", outcome.outBytes);
+    line.Number("dropped_bytes", outcome.droppedBytes);
+    line.Text("reason", outcome.reason);
     Write(line);
 }
 

@@ -8,7 +8,7 @@
 
 using agent::Audit;
 using agent::AuditRequest;
-using agent::AuditResult;
+using agent::Outcome;
 
 namespace {
 
@@ -34,7 +34,7 @@ TEST(AuditTest, OneLineIsWrittenBeforeAndOneAfter) {
     std::ostringstream out;
     Audit audit(out);
     audit.Before(Request());
-    AuditResult result;
+    Outcome result;
     result.exit = 32;
     result.duration = std::chrono::milliseconds(15);
     result.outBytes = 99;
