@@ -8,6 +8,8 @@
 #ifndef SENTREL_AGENT_LOG_H
 #define SENTREL_AGENT_LOG_H
 
+#include <syslog.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -23,9 +25,9 @@
 namespace agent {
 
 struct LogEntry {
-    int priority = 5;   // syslog(3)'s, here "notice"
-    int facility = 10;  // "authpriv"
-    std::string text;   // one line, without its end
+    int priority = LOG_NOTICE;
+    int facility = LOG_FAC(LOG_AUTHPRIV);
+    std::string text;  // one line, without its end
     // What the journal can search for: names in capitals, values without a line's end.
     std::vector<std::pair<std::string, std::string> > fields;
     std::time_t when = 0;    // filled in by Write()
@@ -76,7 +78,7 @@ private:
     std::deque<LogEntry> queue;
     std::size_t bytes = 0;
     std::uint64_t lost = 0;
-    int lostFacility = 10;
+    int lostFacility = 0;  // of the last one
     sentrel::SR_MainLoop* loop = nullptr;
     std::unique_ptr<Watch> watch;  // while something waits
 };
