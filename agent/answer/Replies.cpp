@@ -34,6 +34,7 @@ struct Replies::Table {
     explicit Table(const ReplyLimits& limits_) : limits(limits_) {}
 
     std::size_t MostOf(uid_t uid) const { return uid == 0 ? limits.mostOfRoot : limits.most; }
+    std::size_t FadeOf(uid_t uid) const { return uid == 0 ? limits.fadeOfRoot : limits.fade; }
 
     void Add(uid_t uid, User& user, const std::string& busName, std::size_t bytes) {
         if (user.names.empty()) {
@@ -81,7 +82,7 @@ struct Replies::Table {
         User& user = users[uid];
         const std::chrono::duration<double> passed = Clock::now() - user.faded;
         auto gone =
-            static_cast<std::size_t>(passed.count() * static_cast<double>(limits.fade) / 60);
+            static_cast<std::size_t>(passed.count() * static_cast<double>(FadeOf(uid)) / 60);
         user.faded = gone == 0 ? user.faded : Clock::now();
         while (gone > 0 && !user.names.empty()) {
             const auto first = user.names.begin();
