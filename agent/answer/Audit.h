@@ -44,8 +44,6 @@ public:
     // Valid UTF-8 without control characters, in quotes: \xHH for every other byte, \" and \\.
     // What is longer than `cap` bytes is cut there and marked.
     static std::string Quote(const std::string& text, std::size_t cap);
-    // The same without the quotes around it.
-    static std::string Escape(const std::string& text, std::size_t cap);
     // The word with what follows the name of a password replaced by "***".
     static std::string Redact(const std::string& word, bool split);
     // Whether a request's arguments hold what a line does not show.
