@@ -4,7 +4,6 @@
 #include <getopt.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "answer/Log.h"
 #include "base/Result.h"
@@ -58,12 +57,12 @@ Check ReadLimit(const std::string& text, QuotaLimits& limits) {
                                : name == "minute"  ? &limits.perMinute
                                : name == "total"   ? &limits.total
                                                    : nullptr;
-    if (limit == nullptr || !IsMadeOf(count, kDigits) || count.size() > 4 ||
-        (std::atoi(count.c_str()) == 0 && name != "waiting")) {
+    const std::optional<std::size_t> number = ToNumber<std::size_t>(count);
+    if (limit == nullptr || !number || count.size() > 4 || (*number == 0 && name != "waiting")) {
         return Refusal{"--limit: not running, waiting, minute or total with a number up to 9999: " +
                        text};
     }
-    *limit = static_cast<std::size_t>(std::atoi(count.c_str()));
+    *limit = *number;
     return Fine();
 }
 

@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "Operation.h"
+
 namespace agent {
 
 // A path of the caller's that the tool's child pins before the tool runs: it is opened without
@@ -58,7 +60,7 @@ struct NodeSpec {
 // What the agent does itself, without a tool, has its command all the same: it is what an
 // administrator sees.
 struct Plan {
-    std::string operation;          // "sr_mount"
+    Operation operation = Operation::kMount;
     std::vector<std::string> argv;  // argv[0] is the tool's absolute path; "--" before operands
     std::vector<Pin> pins;
     // A text that must reach the tool but must not be seen: written to a pipe whose number the tool
@@ -85,15 +87,12 @@ public:
     Permit& operator=(const Permit&) = delete;
 
     const Plan& GetPlan() const { return plan; }
-    // "FILE:LINE" of the rule that allows it.
-    const std::string& GetRule() const { return rule; }
 
 private:
     friend class Decider;
-    Permit(Plan&& allowed, const std::string& byRule) : plan(std::move(allowed)), rule(byRule) {}
+    explicit Permit(Plan&& plan_) : plan(std::move(plan_)) {}
 
     Plan plan;
-    std::string rule;
 };
 
 }  // namespace agent

@@ -83,6 +83,11 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+bool EndsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
 bool IsMadeOf(const std::string& text, const char* allowed) {
     return !text.empty() && text.find_first_not_of(allowed) == std::string::npos;
 }

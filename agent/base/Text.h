@@ -3,7 +3,11 @@
 #ifndef SENTREL_AGENT_TEXT_H
 #define SENTREL_AGENT_TEXT_H
 
+#include <charconv>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace agent {
@@ -24,9 +28,20 @@ std::string Join(const std::vector<std::string>& parts, const char* separator);
 std::vector<std::string> Split(const std::string& text, char separator);
 
 bool StartsWith(const std::string& text, const std::string& prefix);
+bool EndsWith(const std::string& text, const std::string& suffix);
 
 // Not empty, and made of `allowed` only.
 bool IsMadeOf(const std::string& text, const char* allowed);
+
+// The number that the whole text is: digits, and a '-' before them where N can be negative. Nothing
+// for any other text (a blank, a '+', "0x") and for a number that N cannot hold.
+template <typename N>
+std::optional<N> ToNumber(std::string_view text, int base = 10) {
+    N number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number, base);
+    return error == std::errc() && stop == end ? std::optional<N>(number) : std::nullopt;
+}
 
 extern const char* const kDigits;
 extern const char* const kLower;  // a-z and the digits

@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Tools.h"
 
-#include <sentrel/SR_Status.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <utility>
 
 #include "Text.h"
 
 namespace agent {
 
 namespace {
+
+// "mount.cifs" of "/usr/sbin/mount.cifs".
+std::string NameOfTool(Operation operation) {
+    const std::string path = RowOf(operation).tool;
+    return path.substr(path.rfind('/') + 1);
+}
 
 std::string FindTool(const std::string& name, const std::vector<std::string>& directories) {
     for (const std::string& directory : directories) {
@@ -27,36 +30,47 @@ std::string FindTool(const std::string& name, const std::vector<std::string>& di
 
 }  // namespace
 
+Tools::Tools() {
+    for (const OperationRow& row : OperationRows()) {
+        paths[NameOfTool(row.operation)] = row.tool;
+    }
+}
+
+const std::string& Tools::PathFor(Operation operation) const {
+    return paths.at(NameOfTool(operation));
+}
+
 Tools FindTools(const std::string& directories, std::vector<std::string>& warnings) {
     const std::vector<std::string> places = Split(directories, ':');
     Tools tools;
-    const std::pair<const char*, std::string Tools::*> kNames[] = {
-        {"mount", &Tools::mount},   {"umount", &Tools::umount}, {"mount.cifs", &Tools::mountCifs},
-        {"insmod", &Tools::insmod}, {"rmmod", &Tools::rmmod},   {"systemctl", &Tools::systemctl}};
-    for (const auto& entry : kNames) {
-        std::string& path = tools.*entry.second;
-        path = FindTool(entry.first, places);
-        std::string reason;
-        if (!path.empty() && CheckTool(path, reason) != SR_OK) {
-            warnings.push_back(reason);
+    for (auto& [name, path] : tools.paths) {
+        if (path == name) {
+            continue;  // the agent's own work
+        }
+        path = FindTool(name, places);
+        if (path.empty()) {
+            continue;
+        }
+        if (const Check trusted = CheckTool(path); !trusted) {
+            warnings.push_back(trusted.Reason());
         }
     }
     return tools;
 }
 
-int CheckTool(const std::string& path, std::string& reason) {
+Check CheckTool(const std::string& path) {
     struct stat found = {};
     if (path.empty() || path[0] != '/' || stat(path.c_str(), &found) != 0) {
-        reason = path + ": the tool is not on this system";
-        return SR_FEATURE_ISNT_IMPLEMENTED;
+        return Refusal{path + ": the tool is not on this system", SR_FEATURE_ISNT_IMPLEMENTED};
     }
     const bool owned = found.st_uid == 0 || found.st_uid == geteuid();
     if (!S_ISREG(found.st_mode) || !owned || (found.st_mode & (S_IWGRP | S_IWOTH)) != 0 ||
         access(path.c_str(), X_OK) != 0) {
-        reason = path + ": the tool is not to be trusted: others may write it, or it is no program";
-        return SR_FORK_FAILED;
+        return Refusal{
+            path + ": the tool is not to be trusted: others may write it, or it is no program",
+            SR_FORK_FAILED};
     }
-    return SR_OK;
+    return Fine();
 }
 
 }  // namespace agent

@@ -1,21 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tools that the agent may run, by absolute path. An empty path: not on this system. Nodes it
-// makes itself.
+// The tools that the agent may run, by absolute path, and whether one may be trusted. Which
+// operation has which tool says base/Operation. A value type, and functions that look at files.
 #ifndef SENTREL_AGENT_TOOLS_H
 #define SENTREL_AGENT_TOOLS_H
 
+#include <map>
 #include <string>
 #include <vector>
+
+#include "Operation.h"
+#include "Result.h"
 
 namespace agent {
 
 struct Tools {
-    std::string mount = "/usr/bin/mount";
-    std::string umount = "/usr/bin/umount";
-    std::string mountCifs = "/usr/sbin/mount.cifs";
-    std::string insmod = "/usr/sbin/insmod";
-    std::string rmmod = "/usr/sbin/rmmod";
-    std::string systemctl = "/usr/bin/systemctl";
+    // Each tool where it usually is.
+    Tools();
+
+    // Of an operation's tool; empty when it is not on this system. What the agent makes itself has
+    // a bare name.
+    const std::string& PathFor(Operation operation) const;
+
+    std::map<std::string, std::string> paths;  // by the tool's name, as "mount.cifs"
 };
 
 // The first of the directories (colons between them) that has each tool; a tool that is nowhere has
@@ -23,9 +29,10 @@ struct Tools {
 // looked at again before every start.
 Tools FindTools(const std::string& directories, std::vector<std::string>& warnings);
 
-// Status 0 when the tool may be run; else 10 when it is missing, or 9 when others could have
-// changed it, with a reason. For the program's start; every child looks again.
-int CheckTool(const std::string& path, std::string& reason);
+// Refused with the status for the answer: SR_FEATURE_ISNT_IMPLEMENTED when the tool is missing,
+// SR_FORK_FAILED when others could have changed it. For the program's start; every child looks
+// again.
+Check CheckTool(const std::string& path);
 
 }  // namespace agent
 

@@ -5,9 +5,8 @@ namespace agent {
 
 Account LookUp(const Accounts& accounts, uid_t uid, const AccountQuestions& questions) {
     Account account;
-    gid_t primary = 0;
-    if (questions.primary && accounts.FindPrimaryGroup(uid, primary)) {
-        account.primary = primary;
+    if (questions.primary) {
+        account.primary = accounts.FindPrimaryGroup(uid);
     }
     if (!questions.groups.empty()) {
         account.groups = accounts.FindGroupsOf(uid, questions.groups);

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -28,16 +29,16 @@ public:
     Names& operator=(const Names&) = delete;
     virtual ~Names() = default;
 
-    // False when there is no such account; the output is then left alone. Throw LookUpFailed.
-    virtual bool FindUser(const std::string& name, uid_t& uid) const = 0;
-    virtual bool FindGroup(const std::string& name, gid_t& gid) const = 0;
+    // Nothing when there is no such account. Throw LookUpFailed.
+    virtual std::optional<uid_t> FindUser(const std::string& name) const = 0;
+    virtual std::optional<gid_t> FindGroup(const std::string& name) const = 0;
 };
 
 // Names, and what belongs to them. Throws LookUpFailed.
 class Accounts : public Names {
 public:
-    // The group that a user's account names. False as above.
-    virtual bool FindPrimaryGroup(uid_t uid, gid_t& gid) const = 0;
+    // The group that a user's account names. Nothing as above.
+    virtual std::optional<gid_t> FindPrimaryGroup(uid_t uid) const = 0;
     // Those of `asked` that the user's account is in; none when it has no account.
     virtual std::set<gid_t> FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const = 0;
 };

@@ -11,9 +11,13 @@
 #ifndef SENTREL_AGENT_DECIDE_H
 #define SENTREL_AGENT_DECIDE_H
 
+#include <sentrel/SR_Status.h>
+
+#include <functional>
 #include <optional>
 #include <string>
 
+#include "Plans.h"
 #include "Rule.h"
 #include "base/Caller.h"
 #include "base/Permit.h"
@@ -23,7 +27,7 @@
 namespace agent {
 
 struct Decision {
-    int status = kRuleNotFound;  // kOk exactly when there is a permit
+    int status = SR_RULE_NO_FOUND;  // SR_OK exactly when there is a permit
     std::optional<Permit> permit;
     std::string rule;    // "FILE:LINE" of the rule that decided; empty when none did
     std::string reason;  // one sentence for the caller: nothing about the rules
@@ -32,7 +36,13 @@ struct Decision {
 
 class Decider {
 public:
-    explicit Decider(const Tools& paths) : tools(paths) {}
+    // What makes the command once a rule allows it. Other than BuildPlan only in tests.
+    typedef std::function<Result<Plan>(const Rule& rule, const Request& request, const Tools& tools,
+                                       const Variables& variables)>
+        Planner;
+
+    explicit Decider(const Tools& tools_, const Planner& planner_ = BuildPlan)
+        : tools(tools_), planner(planner_) {}
 
     // `request` must come from Parse().
     Decision Decide(const RuleSet& set, const Caller& caller, const Request& request) const;
@@ -41,6 +51,7 @@ private:
     Decision Apply(const Rule& rule, const Request& request, const Variables& variables) const;
 
     const Tools tools;
+    const Planner planner;
 };
 
 }  // namespace agent

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// See Pattern.h.
+// The matcher of globs is written here, since fnmatch(3) goes by the locale and knows more than
+// rules mean; regular expressions are RE2's, whose time grows with the text only.
 #include "Pattern.h"
 
 #include <algorithm>
@@ -87,16 +88,15 @@ bool Replace(std::string& text, const std::string& name, const std::string& valu
 
 }  // namespace
 
-bool Expand(const std::string& text, const Variables& variables, std::string& expanded) {
-    std::string result = text;
-    if (!Replace(result, "%uid", variables.uid) || !Replace(result, "%gid", variables.gid)) {
-        return false;
+std::optional<std::string> Expand(const std::string& text, const Variables& variables) {
+    std::string expanded = text;
+    if (!Replace(expanded, "%uid", variables.uid) || !Replace(expanded, "%gid", variables.gid)) {
+        return std::nullopt;
     }
-    expanded = result;
-    return true;
+    return expanded;
 }
 
-Pattern::Pattern(Kind ofKind, const std::string& ofText) : kind(ofKind), text(ofText) {
+Pattern::Pattern(Kind kind_, const std::string& text_) : kind(kind_), text(text_) {
     if (text.empty() && kind != kTextGlob) {
         error = "the pattern is empty";
     } else {
@@ -163,12 +163,12 @@ bool Pattern::Matches(const std::string& field, const Variables& variables) cons
     if (kind == kTextGlob) {
         return MatchGlob(text, field, true);
     }
-    std::string glob;
-    if (kind != kGlob || !Expand(text, variables, glob)) {
+    const std::optional<std::string> glob = kind == kGlob ? Expand(text, variables) : std::nullopt;
+    if (!glob) {
         return false;
     }
-    return EndsBelow(glob) ? MatchBelow(glob.substr(0, glob.size() - 3), field)
-                           : MatchGlob(glob, field);
+    return EndsBelow(*glob) ? MatchBelow(glob->substr(0, glob->size() - 3), field)
+                            : MatchGlob(*glob, field);
 }
 
 }  // namespace agent

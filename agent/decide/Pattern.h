@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,8 @@ struct Variables {
     std::string gid;
 };
 
-// `text` with %uid and %gid put in. False when one of them is needed and not known.
-bool Expand(const std::string& text, const Variables& variables, std::string& expanded);
+// `text` with %uid and %gid put in. Nothing when one of them is needed and not known.
+std::optional<std::string> Expand(const std::string& text, const Variables& variables);
 
 class Pattern {
 public:
@@ -39,7 +40,7 @@ public:
     static constexpr std::size_t kLongestRegex = 1024;
     static constexpr int kRegexMemory = 1 << 20;
 
-    Pattern(Kind kind, const std::string& text);
+    Pattern(Kind kind_, const std::string& text_);
 
     Kind GetKind() const { return kind; }
     const std::string& GetText() const { return text; }

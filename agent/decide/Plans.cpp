@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// See Plans.h. One function for each operation, and a table of them at the end.
+// One function for each operation, and a table of them at the end.
 //
 // Every command has the same shape: the tool, what the agent always says, the request's options by
 // their long names, "--", the operands. No text of the caller's stands before the "--" except as
@@ -20,7 +20,6 @@ struct Build {
     const Request& request;
     const Variables& variables;
     Plan& plan;
-    std::string& error;
 
     void Say(const std::string& word) const { plan.argv.push_back(word); }
 
@@ -40,15 +39,15 @@ bool Contains(const std::vector<std::string>& list, const std::string& text) {
 }
 
 // The rule's additions, then nosuid and nodev, which must be the last word.
-bool ForcedOptions(const Build& build, std::vector<std::string>& forced) {
+Result<std::vector<std::string>> ForcedOptions(const Build& build) {
+    std::vector<std::string> forced;
     for (const std::string& option : build.rule.always) {
-        std::string expanded;
-        if (!Expand(option, build.variables, expanded)) {
-            build.error = "the caller's group is not known";
-            return false;
+        const std::optional<std::string> expanded = Expand(option, build.variables);
+        if (!expanded) {
+            return Refusal{"the caller's group is not known"};
         }
-        if (expanded != "nosuid" && expanded != "nodev") {
-            forced.push_back(expanded);
+        if (*expanded != "nosuid" && *expanded != "nodev") {
+            forced.push_back(*expanded);
         }
     }
     if (!build.rule.suid || Contains(build.rule.always, "nosuid")) {
@@ -57,51 +56,50 @@ bool ForcedOptions(const Build& build, std::vector<std::string>& forced) {
     if (!build.rule.dev || Contains(build.rule.always, "nodev")) {
         forced.push_back("nodev");
     }
-    return true;
+    return forced;
 }
 
 // As flags, in the order of their words, so that what is forced overrules the rest here too.
-bool ReadBindFlags(const Build& build, const std::vector<std::string>& options) {
+Check ReadBindFlags(const Build& build, const std::vector<std::string>& options) {
     BindFlags flags;
     for (const std::string& option : options) {
         if (!IsBindOption(option)) {
-            build.error = "a bind mount cannot have the option " + Quote(option);
-            return false;
+            return Refusal{"a bind mount cannot have the option " + Quote(option)};
         }
         AddBindOption(option, flags);
     }
     build.plan.bind = flags;
-    return true;
+    return Fine();
 }
 
 // "-o LIST" with the caller's options first, so that what is forced overrules them.
-bool SayOptions(const Build& build) {
-    std::vector<std::string> forced;
-    if (!ForcedOptions(build, forced)) {
-        return false;
+Check SayOptions(const Build& build) {
+    const Result<std::vector<std::string>> forced = ForcedOptions(build);
+    if (!forced) {
+        return forced.GetRefusal();
     }
     std::vector<std::string> options;
     for (const std::string& option : build.request.options) {
-        if (!Contains(forced, option)) {
+        if (!Contains(*forced, option)) {
             options.push_back(option);
         }
     }
-    options.insert(options.end(), forced.begin(), forced.end());
+    options.insert(options.end(), forced->begin(), forced->end());
     if (!options.empty()) {
         build.Say("-o");
         build.Say(Join(options, ","));
     }
     for (const char* flag : {"nosuid", "nodev", "noexec", "ro", "nosymfollow"}) {
-        if (Contains(forced, flag)) {
+        if (Contains(*forced, flag)) {
             build.plan.requiredMountFlags.push_back(flag);
         }
     }
     build.plan.makesMount = true;
-    return build.request.type != "none" || ReadBindFlags(build, options);
+    return build.request.type == "none" ? ReadBindFlags(build, options) : Fine();
 }
 
 // A table of mounts beside the kernel's ("-n": none) would keep a lock that anybody may hold.
-bool BuildMount(const Build& build) {
+Check BuildMount(const Build& build) {
     const Request& request = build.request;
     if (!Contains(build.rule.helpers, request.type)) {
         build.Say("-i");
@@ -112,8 +110,8 @@ bool BuildMount(const Build& build) {
         build.Say("-t");
         build.Say(request.type);
     }
-    if (!SayOptions(build)) {
-        return false;
+    if (const Check said = SayOptions(build); !said) {
+        return said;
     }
     build.Say("--");
     if (StartsWith(request.source, "/")) {
@@ -123,19 +121,19 @@ bool BuildMount(const Build& build) {
         build.Say(request.source);
     }
     build.SayPinned(request.target, Pin::kDirectory, !build.rule.openParents);
-    return true;
+    return Fine();
 }
 
-bool BuildMountShare(const Build& build) {
-    if (!SayOptions(build)) {
-        return false;
+Check BuildMountShare(const Build& build) {
+    if (const Check said = SayOptions(build); !said) {
+        return said;
     }
     build.Say("--");
     build.Say(build.request.source);
     build.SayPinned(build.request.target, Pin::kDirectory, !build.rule.openParents);
     build.plan.secret = build.request.secret;
     build.plan.secretFile = build.request.secretFile;
-    return true;
+    return Fine();
 }
 
 // The flags of request and rule, each once, by their long names.
@@ -151,17 +149,17 @@ void SayFlags(const Build& build) {
     }
 }
 
-// Nothing but the operation itself is umount(8)'s here: see Unmount.h.
-bool BuildUmount(const Build& build) {
+// Nothing but the operation itself is umount(8)'s here: see run/Unmount.h.
+Check BuildUmount(const Build& build) {
     build.Say("-i");
     build.Say("--no-canonicalize");
     SayFlags(build);
     build.Say("--");
     build.SayPinned(build.request.target, Pin::kMountPoint, !build.rule.openParents);
-    return true;
+    return Fine();
 }
 
-bool BuildMknod(const Build& build) {
+Check BuildMknod(const Build& build) {
     const Request& request = build.request;
     const int fallback = build.rule.modes.empty() ? 0600 : build.rule.modes.front();
     const int mode = request.mode == -1 ? fallback : request.mode;
@@ -183,25 +181,25 @@ bool BuildMknod(const Build& build) {
     node.owner = build.rule.owner;
     node.group = build.rule.group;
     build.plan.node = node;
-    return true;
+    return Fine();
 }
 
-bool BuildInsmod(const Build& build) {
+Check BuildInsmod(const Build& build) {
     build.Say("--");
     build.SayPinned(build.request.path, Pin::kModule, true);
     for (const std::string& parameter : build.request.parameters) {
         build.Say(parameter);
     }
-    return true;
+    return Fine();
 }
 
-bool BuildRmmod(const Build& build) {
+Check BuildRmmod(const Build& build) {
     build.Say("--");
     build.Say(build.request.module);
-    return true;
+    return Fine();
 }
 
-bool BuildSystemctl(const Build& build) {
+Check BuildSystemctl(const Build& build) {
     build.Say("--no-pager");
     build.Say("--no-ask-password");
     SayFlags(build);
@@ -210,55 +208,36 @@ bool BuildSystemctl(const Build& build) {
     for (const std::string& unit : build.request.units) {
         build.Say(unit);
     }
-    return true;
+    return Fine();
 }
 
 struct BuilderRow {
-    const char* operation;
-    const std::string Tools::*tool;  // null: the agent does it itself
-    bool (*run)(const Build& build);
+    Operation operation;
+    Check (*run)(const Build& build);
 };
 
 const BuilderRow kBuilders[] = {
-    {"sr_mount", &Tools::mount, BuildMount},
-    {"sr_umount", &Tools::umount, BuildUmount},
-    {"sr_mount_cifs", &Tools::mountCifs, BuildMountShare},
-    {"sr_umount_cifs", &Tools::umount, BuildUmount},
-    {"sr_mknod", nullptr, BuildMknod},
-    {"sr_insmod", &Tools::insmod, BuildInsmod},
-    {"sr_rmmod", &Tools::rmmod, BuildRmmod},
-    {"sr_systemctl", &Tools::systemctl, BuildSystemctl},
+    {Operation::kMount, BuildMount},          {Operation::kUmount, BuildUmount},
+    {Operation::kMountCifs, BuildMountShare}, {Operation::kUmountCifs, BuildUmount},
+    {Operation::kMknod, BuildMknod},          {Operation::kInsmod, BuildInsmod},
+    {Operation::kRmmod, BuildRmmod},          {Operation::kSystemctl, BuildSystemctl},
 };
-
-const BuilderRow* FindBuilder(const std::string& operation) {
-    for (const BuilderRow& row : kBuilders) {
-        if (operation == row.operation) {
-            return &row;
-        }
-    }
-    return nullptr;
-}
 
 }  // namespace
 
-const std::string& ToolFor(const Tools& tools, const std::string& operation) {
-    static const std::string kNoTool;
-    static const std::string kNode = "mknod";
-    const BuilderRow* row = FindBuilder(operation);
-    return row == nullptr ? kNoTool : row->tool == nullptr ? kNode : tools.*row->tool;
-}
-
-bool BuildPlan(const Rule& rule, const Request& request, const Tools& tools,
-               const Variables& variables, Plan& plan, std::string& error) {
-    const BuilderRow* row = FindBuilder(request.operation);
-    if (row == nullptr) {
-        error = "there is no such operation";
-        return false;
-    }
+Result<Plan> BuildPlan(const Rule& rule, const Request& request, const Tools& tools,
+                       const Variables& variables) {
+    Plan plan;
     plan.operation = request.operation;
-    plan.argv.push_back(ToolFor(tools, request.operation));
+    plan.argv.push_back(tools.PathFor(request.operation));
     plan.deadline = rule.deadline;
-    return row->run(Build{rule, request, variables, plan, error});
+    for (const BuilderRow& row : kBuilders) {
+        if (row.operation == request.operation) {
+            const Check built = row.run(Build{rule, request, variables, plan});
+            return built ? Result<Plan>(std::move(plan)) : built.GetRefusal();
+        }
+    }
+    return Refusal{"there is no such operation"};
 }
 
 }  // namespace agent

@@ -17,7 +17,7 @@ bool Numbers::Has(unsigned number) const {
                        });
 }
 
-AccountQuestions QuestionsOf(const RuleSet& set, const std::string& operation) {
+AccountQuestions QuestionsOf(const RuleSet& set, Operation operation) {
     AccountQuestions questions;
     for (const Rule& rule : set.rules) {
         if (rule.operation == operation) {

@@ -19,6 +19,7 @@
 
 #include "Pattern.h"
 #include "base/Caller.h"
+#include "base/Operation.h"
 
 namespace agent {
 
@@ -45,7 +46,7 @@ struct Users {
 struct Rule {
     std::string name;
     std::string where;  // "FILE:LINE"
-    std::string operation;
+    Operation operation = Operation::kMount;
     bool permit = true;
     // What is wrong with one of its patterns. A rule with such a pattern that would decide does
     // not: the answer is then an error of its own.
@@ -81,7 +82,7 @@ struct LoadResult {
 };
 
 // What is to be known of an account before the rules decide about the operation.
-AccountQuestions QuestionsOf(const RuleSet& set, const std::string& operation);
+AccountQuestions QuestionsOf(const RuleSet& set, Operation operation);
 
 }  // namespace agent
 

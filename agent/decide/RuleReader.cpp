@@ -1,50 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
-// See RuleReader.h. The table of keys is below the readers of single values: for each key the
-// operations that have it, those where a permitting rule must say it, and whether a denying rule
-// may. In a permitting rule nothing is open by omission.
+// How a text becomes rules:
+//
+//     the text -> TOML              a text that is not TOML is one error, and no rule is read
+//     each [[rule]]                 anything else at the top is an error
+//     its keys                      each must be in the table (Keys.h)
+//     each operation it is for      one Rule of its own, with "FILE:LINE" of the table
+//     the keys that it has          in the table's order: each must be one of the operation's, and
+//                                   in a rule that denies, one that means something there
+//     the keys that it lacks        in a rule that permits, nothing is open by omission
+//
+// The type of the member that a key fills says how its value is read: one Read() below for each
+// type. A value that is wrong is an error with its file and line, and the reading goes on, so that
+// one run shows all errors; a set with any error is not used. Two things are no errors: a user or a
+// group that does not exist, which is a warning and matches nobody, and a pattern that does not
+// compile, since other rules must go on to work: the rule keeps it as `broken`, and whenever it
+// would decide, the answer is an error of its own.
+//
+// A new key is a row in Keys.cpp; only one whose value has a new form needs a Read() here.
 #include "RuleReader.h"
 
 #include <toml++/toml.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <initializer_list>
 
+#include "Keys.h"
 #include "base/Text.h"
-#include "parse/Parse.h"
+#include "parse/Mounts.h"
 
 namespace agent {
 
 namespace {
 
-enum Agents : unsigned {
-    kMount = 1,
-    kUmount = 2,
-    kMountShare = 4,
-    kUmountShare = 8,
-    kMknod = 16,
-    kInsmod = 32,
-    kRmmod = 64,
-    kSystemctl = 128,
-    kAll = 255,
-    kAnyMount = kMount | kMountShare,
-    kAnyUmount = kUmount | kUmountShare
-};
-
-unsigned AgentBit(const std::string& operation) {
-    static const std::vector<std::pair<const char*, unsigned>> kBits = {
-        {"sr_mount", kMount},           {"sr_umount", kUmount},
-        {"sr_mount_cifs", kMountShare}, {"sr_umount_cifs", kUmountShare},
-        {"sr_mknod", kMknod},           {"sr_insmod", kInsmod},
-        {"sr_rmmod", kRmmod},           {"sr_systemctl", kSystemctl}};
-    for (const auto& entry : kBits) {
-        if (operation == entry.first) {
-            return entry.second;
-        }
-    }
-    return 0;
-}
+// The callers give up after 25 s, and the answer may come 3 s after the deadline.
+const std::int64_t kLongestDeadline = 21000;
 
 bool NamesGroup(Pattern::Kind kind, const std::string& text) {
     return kind == Pattern::kGlob && text.find("%gid") != std::string::npos;
@@ -52,23 +41,13 @@ bool NamesGroup(Pattern::Kind kind, const std::string& text) {
 
 class RuleReader {
 public:
-    RuleReader(const std::string& name, const Names& users, LoadResult& out)
-        : file(name), accounts(users), result(out) {}
+    RuleReader(const std::string& file_, const Names& accounts_, LoadResult& result_)
+        : file(file_), accounts(accounts_), result(result_) {}
 
-    // One rule for each agent that the table names.
+    // One rule for each operation that the table names.
     void Read(const toml::table& table, std::vector<Rule>& rules);
 
 private:
-    struct KeyRow {
-        const char* key;
-        unsigned agents;
-        unsigned required;        // in a rule that permits
-        unsigned requiredInDeny;  // in a rule that denies
-        bool inDeny;
-        void (RuleReader::*read)(const toml::node& node, Rule& rule);
-    };
-    static const KeyRow kKeys[];
-
     std::string At(const toml::node& node) const {
         return file + ":" + std::to_string(node.source().begin.line);
     }
@@ -81,86 +60,47 @@ private:
 
     // The node itself, or the elements when it is an array; an empty array is an error.
     std::vector<const toml::node*> Elements(const toml::node& node);
-    bool ReadText(const toml::node& node, std::string& text);
-    bool ReadBool(const toml::node& node, bool& value);
+    // Nothing, after an error, when the value is no such thing.
+    std::optional<std::string> ReadText(const toml::node& node);
+    std::optional<bool> ReadBool(const toml::node& node);
 
-    void ReadFor(const std::string& operation, const toml::node& named, const toml::table& table,
-                 std::vector<Rule>& rules);
-    void ReadKey(const KeyRow& row, const toml::node& node, unsigned operation, Rule& rule);
     void CheckKeys(const toml::table& table);
-    void CheckComplete(const toml::table& table, unsigned operation, const Rule& rule);
-    void ReadPatterns(const toml::node& node, Patterns& patterns, Rule& rule);
-    void ReadPattern(const toml::node& node, Patterns& patterns, Rule& rule);
-    void ReadNumbers(const toml::node& node, unsigned most, Numbers& numbers);
-    void ReadRange(const toml::node& node, unsigned most, Numbers& numbers);
-    void ReadUserElement(const toml::node& node, Users& users);
-    // Whether there is such an account; what cannot be told is an error.
-    enum class Account { kFound, kNone, kUnknown };
-    Account FindUser(const toml::node& node, const std::string& name, uid_t& uid);
-    Account FindGroup(const toml::node& node, const std::string& name, gid_t& gid);
-    void ReadUserName(const toml::node& node, const std::string& name, Users& users);
-    void ReadAlways(const toml::node& node, Rule& rule);
-    void CheckAlways(const toml::node& node, const std::string& option, const Rule& rule);
-    bool ReadOneOf(const toml::node& node, std::initializer_list<const char*> allowed);
+    void ReadFor(const std::string& name, const toml::node& named, const toml::table& table,
+                 std::vector<Rule>& rules);
+    void ReadKey(const Key& key, const toml::node& node, Rule& rule);
+    void CheckComplete(const toml::table& table, const Rule& rule);
 
-    void ReadNothing(const toml::node&, Rule&) {}
-    void ReadName(const toml::node& node, Rule& rule) { ReadText(node, rule.name); }
-    void ReadUsers(const toml::node& node, Rule& rule);
-    void ReadExe(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.exe, rule); }
-    void ReadSource(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.source, rule); }
-    void ReadTarget(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.target, rule); }
-    void ReadType(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.type, rule); }
-    void ReadPath(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.path, rule); }
-    void ReadKind(const toml::node& node, Rule& rule);
-    void ReadModule(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.module, rule); }
-    void ReadVerb(const toml::node& node, Rule& rule);
-    void ReadUnit(const toml::node& node, Rule& rule) { ReadPatterns(node, rule.units, rule); }
-    void ReadParameters(const toml::node& node, Rule& rule) {
-        ReadPatterns(node, rule.parameters, rule);
-    }
-    void ReadMajor(const toml::node& node, Rule& rule) { ReadNumbers(node, 4095, rule.majors); }
-    void ReadMinor(const toml::node& node, Rule& rule) { ReadNumbers(node, 1048575, rule.minors); }
-    void ReadModes(const toml::node& node, Rule& rule);
-    void ReadOwner(const toml::node& node, Rule& rule);
-    void ReadGroup(const toml::node& node, Rule& rule);
-    void ReadOptions(const toml::node& node, Rule& rule);
-    void ReadSuid(const toml::node& node, Rule& rule) { ReadBool(node, rule.suid); }
-    void ReadDev(const toml::node& node, Rule& rule) { ReadBool(node, rule.dev); }
-    void ReadOpenParents(const toml::node& node, Rule& rule) { ReadBool(node, rule.openParents); }
-    void ReadHelpers(const toml::node& node, Rule& rule);
-    void ReadDeadline(const toml::node& node, Rule& rule);
+    // One for each type of member.
+    void Read(const toml::node& node, Rule& rule, ReadBefore member);
+    void Read(const toml::node& node, Rule& rule, std::string Rule::*member);
+    void Read(const toml::node& node, Rule& rule, bool Rule::*member);
+    void Read(const toml::node& node, Rule& rule, Users Rule::*member);
+    void Read(const toml::node& node, Rule& rule, Patterns Rule::*member);
+    void Read(const toml::node& node, Rule& rule, const ListedWords& member);
+    void Read(const toml::node& node, Rule& rule, const BoundedNumbers& member);
+    void Read(const toml::node& node, Rule& rule, std::vector<int> Rule::*member);
+    void Read(const toml::node& node, Rule& rule, const UserName& member);
+    void Read(const toml::node& node, Rule& rule, const GroupName& member);
+    void Read(const toml::node& node, Rule& rule, const OptionLists& member);
+    void Read(const toml::node& node, Rule& rule, std::vector<std::string> Rule::*member);
+    void Read(const toml::node& node, Rule& rule, std::chrono::milliseconds Rule::*member);
+
+    void ReadPattern(const toml::node& node, Patterns& patterns, Rule& rule);
+    void ReadRange(const toml::node& node, unsigned most, Numbers& numbers);
+    void ReadUser(const toml::node& node, Users& users);
+    void ReadAlways(const toml::node& node, Rule& rule, std::vector<std::string>& always);
+    void CheckAlways(const toml::node& node, const std::string& option, const Rule& rule,
+                     const std::vector<std::string>& always);
+
+    // What is said of a name that no account has: a rule about nobody, or a command that cannot be.
+    typedef void (RuleReader::*Say)(const toml::node& node, const std::string& why);
+    // Nothing when there is none, or when nobody can tell, which is an error.
+    std::optional<uid_t> FindUser(const toml::node& node, const std::string& name, Say whenNone);
+    std::optional<gid_t> FindGroup(const toml::node& node, const std::string& name, Say whenNone);
 
     const std::string& file;
     const Names& accounts;
     LoadResult& result;
-};
-
-const RuleReader::KeyRow RuleReader::kKeys[] = {
-    {"agent", kAll, kAll, kAll, true, &RuleReader::ReadNothing},   // read before the others
-    {"permit", kAll, kAll, kAll, true, &RuleReader::ReadNothing},  // likewise
-    {"name", kAll, kAll, kAll, true, &RuleReader::ReadName},
-    {"user", kAll, kAll, 0, true, &RuleReader::ReadUsers},
-    {"exe", kAll, 0, 0, true, &RuleReader::ReadExe},
-    {"source", kAnyMount, kAnyMount, 0, true, &RuleReader::ReadSource},
-    {"target", kAnyMount | kAnyUmount, kAnyMount | kAnyUmount, 0, true, &RuleReader::ReadTarget},
-    {"type", kMount, kMount, 0, true, &RuleReader::ReadType},
-    {"path", kMknod | kInsmod, kMknod | kInsmod, 0, true, &RuleReader::ReadPath},
-    {"kind", kMknod, kMknod, 0, true, &RuleReader::ReadKind},
-    {"major", kMknod, 0, 0, true, &RuleReader::ReadMajor},
-    {"minor", kMknod, 0, 0, true, &RuleReader::ReadMinor},
-    {"mode", kMknod, 0, 0, false, &RuleReader::ReadModes},
-    {"owner", kMknod, 0, 0, false, &RuleReader::ReadOwner},
-    {"group", kMknod, 0, 0, false, &RuleReader::ReadGroup},
-    {"module", kInsmod | kRmmod, kRmmod, 0, true, &RuleReader::ReadModule},
-    {"parameters", kInsmod, 0, 0, false, &RuleReader::ReadParameters},
-    {"verb", kSystemctl, kSystemctl, 0, true, &RuleReader::ReadVerb},
-    {"unit", kSystemctl, kSystemctl, 0, true, &RuleReader::ReadUnit},
-    {"suid", kAnyMount, 0, 0, false, &RuleReader::ReadSuid},
-    {"dev", kAnyMount, 0, 0, false, &RuleReader::ReadDev},
-    {"options", kAnyMount | kAnyUmount | kSystemctl, 0, 0, false, &RuleReader::ReadOptions},
-    {"helper", kMount, 0, 0, false, &RuleReader::ReadHelpers},
-    {"open_parents", kAnyMount | kAnyUmount | kMknod, 0, 0, false, &RuleReader::ReadOpenParents},
-    {"deadline", kAll, 0, 0, false, &RuleReader::ReadDeadline},
 };
 
 // ---- single values
@@ -180,30 +120,40 @@ std::vector<const toml::node*> RuleReader::Elements(const toml::node& node) {
     return elements;
 }
 
-bool RuleReader::ReadText(const toml::node& node, std::string& text) {
+std::optional<std::string> RuleReader::ReadText(const toml::node& node) {
     const toml::value<std::string>* value = node.as_string();
     if (value == nullptr || value->get().empty() || HasControl(value->get())) {
         Error(node, "a text is expected here (not empty, without control characters)");
-        return false;
+        return std::nullopt;
     }
-    text = value->get();
-    return true;
+    return value->get();
 }
 
-bool RuleReader::ReadBool(const toml::node& node, bool& value) {
+std::optional<bool> RuleReader::ReadBool(const toml::node& node) {
     const toml::value<bool>* found = node.as_boolean();
     if (found == nullptr) {
         Error(node, "true or false is expected here");
-        return false;
+        return std::nullopt;
     }
-    value = found->get();
-    return true;
+    return found->get();
 }
 
-void RuleReader::ReadPatterns(const toml::node& node, Patterns& patterns, Rule& rule) {
-    patterns.given = true;
+void RuleReader::Read(const toml::node& /*node*/, Rule& /*rule*/, ReadBefore /*member*/) {}
+
+void RuleReader::Read(const toml::node& node, Rule& rule, std::string Rule::*member) {
+    rule.*member = ReadText(node).value_or("");
+}
+
+void RuleReader::Read(const toml::node& node, Rule& rule, bool Rule::*member) {
+    rule.*member = ReadBool(node).value_or(false);
+}
+
+// ---- patterns
+
+void RuleReader::Read(const toml::node& node, Rule& rule, Patterns Rule::*member) {
+    (rule.*member).given = true;
     for (const toml::node* element : Elements(node)) {
-        ReadPattern(*element, patterns, rule);
+        ReadPattern(*element, rule.*member, rule);
     }
 }
 
@@ -220,18 +170,18 @@ void RuleReader::ReadPattern(const toml::node& node, Patterns& patterns, Rule& r
         kind = regex != nullptr ? Pattern::kRegex : Pattern::kExact;
         from = regex != nullptr ? regex : exact;
     }
-    std::string text;
-    if (!ReadText(*from, text)) {
+    const std::optional<std::string> text = ReadText(*from);
+    if (!text) {
         return;
     }
     const bool variable =
-        text.find("%uid") != std::string::npos || text.find("%gid") != std::string::npos;
+        text->find("%uid") != std::string::npos || text->find("%gid") != std::string::npos;
     if (variable && kind != Pattern::kGlob) {
         Error(*from, "%uid and %gid are for plain patterns only");
         return;
     }
-    rule.usesGroup = rule.usesGroup || NamesGroup(kind, text);
-    patterns.list.emplace_back(kind, text);
+    rule.usesGroup = rule.usesGroup || NamesGroup(kind, *text);
+    patterns.list.emplace_back(kind, *text);
     const std::string& why = patterns.list.back().GetError();
     if (!why.empty()) {
         rule.broken = At(*from) + ": " + why;
@@ -239,41 +189,23 @@ void RuleReader::ReadPattern(const toml::node& node, Patterns& patterns, Rule& r
     }
 }
 
-bool RuleReader::ReadOneOf(const toml::node& node, std::initializer_list<const char*> allowed) {
+void RuleReader::Read(const toml::node& node, Rule& rule, const ListedWords& member) {
     for (const toml::node* element : Elements(node)) {
         const toml::value<std::string>* text = element->as_string();
-        if (text == nullptr || std::none_of(allowed.begin(), allowed.end(),
-                                            [&](const char* one) { return text->get() == one; })) {
-            Error(*element,
-                  "this can only be one of " +
-                      Join(std::vector<std::string>(allowed.begin(), allowed.end()), ", "));
-            return false;
-        }
-    }
-    return true;
-}
-
-void RuleReader::ReadKind(const toml::node& node, Rule& rule) {
-    if (ReadOneOf(node, {"b", "c", "p"})) {
-        ReadPatterns(node, rule.kind, rule);
-    }
-}
-
-// Whole verbs only: what a wildcard covers changes when a verb is added.
-void RuleReader::ReadVerb(const toml::node& node, Rule& rule) {
-    for (const toml::node* element : Elements(node)) {
-        const toml::value<std::string>* text = element->as_string();
-        if (text == nullptr || !IsVerb(text->get())) {
-            Error(*element, "this is not an available verb");
+        const Check good = member.check(text == nullptr ? "" : text->get());
+        if (!good) {
+            Error(*element, good.Reason());
             return;
         }
     }
-    ReadPatterns(node, rule.verb, rule);
+    Read(node, rule, member.patterns);
 }
 
-void RuleReader::ReadNumbers(const toml::node& node, unsigned most, Numbers& numbers) {
+// ---- numbers
+
+void RuleReader::Read(const toml::node& node, Rule& rule, const BoundedNumbers& member) {
     for (const toml::node* element : Elements(node)) {
-        ReadRange(*element, most, numbers);
+        ReadRange(*element, member.most, rule.*member.numbers);
     }
 }
 
@@ -289,10 +221,9 @@ void RuleReader::ReadRange(const toml::node& node, unsigned most, Numbers& numbe
         if (text->get() == "*") {
             first = 0;
             last = most;
-        } else if (ends.size() == 2 && IsMadeOf(ends[0], kDigits) && IsMadeOf(ends[1], kDigits) &&
-                   ends[0].size() < 9 && ends[1].size() < 9) {
-            first = std::strtoul(ends[0].c_str(), nullptr, 10);
-            last = std::strtoul(ends[1].c_str(), nullptr, 10);
+        } else if (ends.size() == 2 && ends[0].size() < 9 && ends[1].size() < 9) {
+            first = ToNumber<unsigned long>(ends[0]).value_or(first);
+            last = ToNumber<unsigned long>(ends[1]).value_or(last);
         }
     }
     if (first > last || last > most) {
@@ -303,15 +234,47 @@ void RuleReader::ReadRange(const toml::node& node, unsigned most, Numbers& numbe
     numbers.ranges.emplace_back(static_cast<unsigned>(first), static_cast<unsigned>(last));
 }
 
-// ---- who
-
-void RuleReader::ReadUsers(const toml::node& node, Rule& rule) {
+void RuleReader::Read(const toml::node& node, Rule& rule, std::vector<int> Rule::*member) {
     for (const toml::node* element : Elements(node)) {
-        ReadUserElement(*element, rule.users);
+        const toml::value<std::string>* text = element->as_string();
+        const std::optional<unsigned> mode =
+            text == nullptr ? std::nullopt : ToNumber<unsigned>(text->get(), 8);
+        if (!mode || text->get().size() > 4 || *mode > 0777) {
+            Error(*element, "a mode is an octal text up to \"0777\"");
+            return;
+        }
+        (rule.*member).push_back(static_cast<int>(*mode));
     }
 }
 
-void RuleReader::ReadUserElement(const toml::node& node, Users& users) {
+void RuleReader::Read(const toml::node& node, Rule& rule, std::chrono::milliseconds Rule::*member) {
+    std::int64_t milliseconds = 0;
+    if (const toml::value<std::int64_t>* seconds = node.as_integer()) {
+        milliseconds = std::clamp<std::int64_t>(seconds->get(), 0, 1000) * 1000;
+    } else if (const toml::value<std::string>* text = node.as_string()) {
+        const std::size_t unit = text->get().find_first_not_of(kDigits);
+        const std::string number = text->get().substr(0, unit);
+        const std::string name = unit == std::string::npos ? "" : text->get().substr(unit);
+        if (number.size() < 6 && (name == "s" || name == "ms")) {
+            milliseconds = ToNumber<std::int64_t>(number).value_or(0) * (name == "s" ? 1000 : 1);
+        }
+    }
+    if (milliseconds <= 0 || milliseconds > kLongestDeadline) {
+        Error(node, "a deadline is a time such as \"15s\" or \"500ms\", at most 21 s");
+        return;
+    }
+    rule.*member = std::chrono::milliseconds(milliseconds);
+}
+
+// ---- who
+
+void RuleReader::Read(const toml::node& node, Rule& rule, Users Rule::*member) {
+    for (const toml::node* element : Elements(node)) {
+        ReadUser(*element, rule.*member);
+    }
+}
+
+void RuleReader::ReadUser(const toml::node& node, Users& users) {
     if (const toml::value<std::int64_t>* number = node.as_integer()) {
         // The last number is "no user" to the system.
         if (number->get() < 0 || number->get() >= std::int64_t{0xffffffff}) {
@@ -321,75 +284,70 @@ void RuleReader::ReadUserElement(const toml::node& node, Users& users) {
         }
         return;
     }
-    std::string name;
     if (!node.is_string()) {
         Error(node, "a user is a number, a name, \"@GROUP\" or \"*\"");
-    } else if (ReadText(node, name)) {
-        ReadUserName(node, name, users);
+        return;
+    }
+    const std::optional<std::string> name = ReadText(node);
+    if (!name) {
+        return;
+    }
+    if (*name == "*") {
+        users.any = true;
+    } else if (name->front() == '@') {
+        if (const auto gid = FindGroup(node, name->substr(1), &RuleReader::Warn)) {
+            users.gids.insert(*gid);
+        }
+    } else if (IsMadeOf(*name, kDigits)) {
+        Error(node, "a user's number is written without quotes");
+    } else if (const auto uid = FindUser(node, *name, &RuleReader::Warn)) {
+        users.uids.insert(*uid);
     }
 }
 
-RuleReader::Account RuleReader::FindUser(const toml::node& node, const std::string& name,
-                                         uid_t& uid) {
+std::optional<uid_t> RuleReader::FindUser(const toml::node& node, const std::string& name,
+                                          Say whenNone) {
     try {
-        return accounts.FindUser(name, uid) ? Account::kFound : Account::kNone;
+        const std::optional<uid_t> uid = accounts.FindUser(name);
+        if (!uid) {
+            (this->*whenNone)(node, "there is no user " + Quote(name));
+        }
+        return uid;
     } catch (const LookUpFailed& failure) {
         Error(node, "user " + Quote(name) + " cannot be looked up: " + failure.what());
-        return Account::kUnknown;
+        return std::nullopt;
     }
 }
 
-RuleReader::Account RuleReader::FindGroup(const toml::node& node, const std::string& name,
-                                          gid_t& gid) {
+std::optional<gid_t> RuleReader::FindGroup(const toml::node& node, const std::string& name,
+                                           Say whenNone) {
     try {
-        return accounts.FindGroup(name, gid) ? Account::kFound : Account::kNone;
+        const std::optional<gid_t> gid = accounts.FindGroup(name);
+        if (!gid) {
+            (this->*whenNone)(node, "there is no group " + Quote(name));
+        }
+        return gid;
     } catch (const LookUpFailed& failure) {
         Error(node, "group " + Quote(name) + " cannot be looked up: " + failure.what());
-        return Account::kUnknown;
+        return std::nullopt;
     }
 }
 
-void RuleReader::ReadUserName(const toml::node& node, const std::string& name, Users& users) {
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (name == "*") {
-        users.any = true;
-    } else if (name[0] == '@') {
-        const Account group = FindGroup(node, name.substr(1), gid);
-        if (group == Account::kFound) {
-            users.gids.insert(gid);
-        } else if (group == Account::kNone) {
-            Warn(node, "there is no group " + Quote(name.substr(1)));
-        }
-    } else if (IsMadeOf(name, kDigits)) {
-        Error(node, "a user's number is written without quotes");
-    } else {
-        const Account user = FindUser(node, name, uid);
-        if (user == Account::kFound) {
-            users.uids.insert(uid);
-        } else if (user == Account::kNone) {
-            Warn(node, "there is no user " + Quote(name));
-        }
+void RuleReader::Read(const toml::node& node, Rule& rule, const UserName& member) {
+    if (const std::optional<std::string> name = ReadText(node)) {
+        rule.*member.uid = FindUser(node, *name, &RuleReader::Error).value_or(rule.*member.uid);
     }
 }
 
-void RuleReader::ReadOwner(const toml::node& node, Rule& rule) {
-    std::string name;
-    if (ReadText(node, name) && FindUser(node, name, rule.owner) == Account::kNone) {
-        Error(node, "there is no user " + Quote(name));
+void RuleReader::Read(const toml::node& node, Rule& rule, const GroupName& member) {
+    if (const std::optional<std::string> name = ReadText(node)) {
+        rule.*member.gid = FindGroup(node, *name, &RuleReader::Error).value_or(rule.*member.gid);
     }
 }
 
-void RuleReader::ReadGroup(const toml::node& node, Rule& rule) {
-    std::string name;
-    if (ReadText(node, name) && FindGroup(node, name, rule.group) == Account::kNone) {
-        Error(node, "there is no group " + Quote(name));
-    }
-}
+// ---- options and helpers
 
-// ---- options and the rest
-
-void RuleReader::ReadOptions(const toml::node& node, Rule& rule) {
+void RuleReader::Read(const toml::node& node, Rule& rule, const OptionLists& member) {
     const toml::table* table = node.as_table();
     if (table == nullptr) {
         Error(node, "options are written as options.allow and options.always");
@@ -397,47 +355,36 @@ void RuleReader::ReadOptions(const toml::node& node, Rule& rule) {
     }
     for (const auto& [key, value] : *table) {
         if (key.str() == "allow") {
-            ReadPatterns(value, rule.options, rule);
+            Read(value, rule, member.allow);
         } else if (key.str() == "always") {
-            ReadAlways(value, rule);
+            ReadAlways(value, rule, rule.*member.always);
         } else {
             Error(value, "unknown key " + Quote("options." + std::string(key.str())));
         }
     }
 }
 
-void RuleReader::ReadAlways(const toml::node& node, Rule& rule) {
+void RuleReader::ReadAlways(const toml::node& node, Rule& rule, std::vector<std::string>& always) {
     for (const toml::node* element : Elements(node)) {
-        std::string option;
-        if (ReadText(*element, option)) {
-            CheckAlways(*element, option, rule);
-            rule.usesGroup = rule.usesGroup || NamesGroup(Pattern::kGlob, option);
-            rule.always.push_back(option);
+        if (const std::optional<std::string> option = ReadText(*element)) {
+            CheckAlways(*element, *option, rule, always);
+            rule.usesGroup = rule.usesGroup || NamesGroup(Pattern::kGlob, *option);
+            always.push_back(*option);
         }
     }
 }
 
 // What is added is checked as strictly as what is asked for; it cannot say yes and no at once.
-void RuleReader::CheckAlways(const toml::node& node, const std::string& option, const Rule& rule) {
-    std::string why;
-    const bool mounts = (AgentBit(rule.operation) & kAnyMount) != 0;
-    if (!mounts) {
-        const bool units = AgentBit(rule.operation) == kSystemctl;
-        const bool good = units ? option == "quiet" || option == "no-block"
-                                : option == "force" || option == "lazy" || option == "detach-loop";
-        if (!good) {
-            Error(node, "this option cannot be added always");
-        }
-        return;
-    }
-    if (!CheckOption(option, why)) {
-        Error(node, why);
+void RuleReader::CheckAlways(const toml::node& node, const std::string& option, const Rule& rule,
+                             const std::vector<std::string>& always) {
+    if (const Check good = CheckAddition(rule.operation, option); !good) {
+        Error(node, good.Reason());
     } else if (option == "bind" || option == "loop") {
         Error(node, "the option " + Quote(option) + " can only be allowed");
     } else if ((option == "suid" && !rule.suid) || (option == "dev" && !rule.dev)) {
         Error(node, "the option " + Quote(option) + " needs '" + option + " = true' in the rule");
     }
-    for (const std::string& other : rule.always) {
+    for (const std::string& other : always) {
         if (other == "no" + option || option == "no" + other || (option == "ro" && other == "rw") ||
             (option == "rw" && other == "ro")) {
             Error(node, "the options " + Quote(option) + " and " + Quote(other) +
@@ -446,115 +393,82 @@ void RuleReader::CheckAlways(const toml::node& node, const std::string& option, 
     }
 }
 
-void RuleReader::ReadModes(const toml::node& node, Rule& rule) {
+void RuleReader::Read(const toml::node& node, Rule& rule, std::vector<std::string> Rule::*member) {
     for (const toml::node* element : Elements(node)) {
-        const toml::value<std::string>* text = element->as_string();
-        if (text == nullptr || !IsMadeOf(text->get(), "01234567") || text->get().size() > 4 ||
-            std::strtol(text->get().c_str(), nullptr, 8) > 0777) {
-            Error(*element, "a mode is an octal text up to \"0777\"");
-            return;
-        }
-        rule.modes.push_back(static_cast<int>(std::strtol(text->get().c_str(), nullptr, 8)));
-    }
-}
-
-void RuleReader::ReadHelpers(const toml::node& node, Rule& rule) {
-    for (const toml::node* element : Elements(node)) {
-        std::string type;
-        std::string why;
-        if (!ReadText(*element, type)) {
+        const std::optional<std::string> type = ReadText(*element);
+        if (!type) {
             continue;
         }
-        if (!CheckType(type, why) || type == "none" || type == "auto") {
+        if (!CheckType(*type) || *type == "none" || *type == "auto") {
             Error(*element, "a type is expected here that can have a helper");
         }
-        rule.helpers.push_back(type);
+        (rule.*member).push_back(*type);
     }
-}
-
-// The callers give up after 25 s, and the answer may come 3 s after the deadline.
-const std::int64_t kLongestDeadline = 21000;
-
-void RuleReader::ReadDeadline(const toml::node& node, Rule& rule) {
-    std::int64_t milliseconds = 0;
-    if (const toml::value<std::int64_t>* seconds = node.as_integer()) {
-        milliseconds = std::clamp<std::int64_t>(seconds->get(), 0, 1000) * 1000;
-    } else if (const toml::value<std::string>* text = node.as_string()) {
-        const std::size_t unit = text->get().find_first_not_of(kDigits);
-        const std::string number = text->get().substr(0, unit);
-        const std::string name = unit == std::string::npos ? "" : text->get().substr(unit);
-        if (!number.empty() && number.size() < 6 && (name == "s" || name == "ms")) {
-            milliseconds = std::strtol(number.c_str(), nullptr, 10) * (name == "s" ? 1000 : 1);
-        }
-    }
-    if (milliseconds <= 0 || milliseconds > kLongestDeadline) {
-        Error(node, "a deadline is a time such as \"15s\" or \"500ms\", at most 21 s");
-        return;
-    }
-    rule.deadline = std::chrono::milliseconds(milliseconds);
 }
 
 // ---- the whole rule
 
-void RuleReader::ReadKey(const KeyRow& row, const toml::node& node, unsigned operation,
-                         Rule& rule) {
-    if ((row.agents & operation) == 0) {
-        Error(node, "the key " + Quote(row.key) + " is not for " + rule.operation);
-    } else if (!rule.permit && !row.inDeny) {
-        Error(node, "the key " + Quote(row.key) + " has no meaning in a rule that denies");
+void RuleReader::ReadKey(const Key& key, const toml::node& node, Rule& rule) {
+    if (!key.has.Has(rule.operation)) {
+        Error(node, "the key " + Quote(key.name) + " is not for " + NameOf(rule.operation));
+    } else if (!rule.permit && !key.inDeny) {
+        Error(node, "the key " + Quote(key.name) + " has no meaning in a rule that denies");
     } else {
-        (this->*row.read)(node, rule);
+        std::visit([&](const auto& member) { Read(node, rule, member); }, key.member);
     }
 }
 
 void RuleReader::CheckKeys(const toml::table& table) {
-    for (const auto& [key, node] : table) {
-        const std::string name(key.str());
-        const bool known = std::any_of(std::begin(kKeys), std::end(kKeys),
-                                       [&](const KeyRow& row) { return name == row.key; });
+    for (const auto& [name, node] : table) {
+        const std::string text(name.str());
+        const bool known = std::any_of(Keys().begin(), Keys().end(),
+                                       [&](const Key& key) { return text == key.name; });
         if (!known) {
-            Error(node, "unknown key " + Quote(name));
+            Error(node, "unknown key " + Quote(text));
         }
     }
 }
 
-void RuleReader::CheckComplete(const toml::table& table, unsigned operation, const Rule& rule) {
-    for (const KeyRow& row : kKeys) {
-        const unsigned required = rule.permit ? row.required : row.requiredInDeny;
-        if ((required & operation) != 0 && table.get(row.key) == nullptr) {
-            Error(table, "the key " + Quote(row.key) + " is missing");
+void RuleReader::CheckComplete(const toml::table& table, const Rule& rule) {
+    for (const Key& key : Keys()) {
+        const bool needed = rule.permit ? key.needed.Has(rule.operation) : key.neededToDeny;
+        if (needed && table.get(key.name) == nullptr) {
+            Error(table, "the key " + Quote(key.name) + " is missing");
         }
     }
+    // What has numbers, by its kind, must name them.
     const Variables none;
     const bool numbered = rule.kind.Match("b", none) || rule.kind.Match("c", none);
-    if (rule.permit && operation == kMknod && numbered &&
-        (rule.majors.ranges.empty() || rule.minors.ranges.empty())) {
+    if (rule.permit && numbered && (rule.majors.ranges.empty() || rule.minors.ranges.empty())) {
         Error(table, "the keys 'major' and 'minor' are missing");
     }
 }
 
-void RuleReader::ReadFor(const std::string& operation, const toml::node& named,
-                         const toml::table& table, std::vector<Rule>& rules) {
-    const unsigned bit = AgentBit(operation);
+void RuleReader::ReadFor(const std::string& name, const toml::node& named, const toml::table& table,
+                         std::vector<Rule>& rules) {
+    const std::optional<Operation> operation = FindOperation(name);
     const toml::node* permit = table.get("permit");
     Rule rule;
+    if (!operation) {
+        Error(named, "there is no agent " + Quote(name));
+        return;
+    }
     rule.where = At(table);
-    rule.operation = operation;
+    rule.operation = *operation;
     rule.users.any = table.get("user") == nullptr;
-    if (bit == 0) {
-        Error(named, "there is no agent " + Quote(operation));
-        return;
+    if (permit != nullptr) {
+        const std::optional<bool> value = ReadBool(*permit);
+        if (!value) {
+            return;
+        }
+        rule.permit = *value;
     }
-    if (permit != nullptr && !ReadBool(*permit, rule.permit)) {
-        return;
-    }
-    // In the order of the keys here, so that `suid` is known before what it consents to.
-    for (const KeyRow& row : kKeys) {
-        if (const toml::node* node = table.get(row.key)) {
-            ReadKey(row, *node, bit, rule);
+    for (const Key& key : Keys()) {
+        if (const toml::node* node = table.get(key.name)) {
+            ReadKey(key, *node, rule);
         }
     }
-    CheckComplete(table, bit, rule);
+    CheckComplete(table, rule);
     rules.push_back(rule);
 }
 
@@ -566,9 +480,8 @@ void RuleReader::Read(const toml::table& table, std::vector<Rule>& rules) {
         return;
     }
     for (const toml::node* element : Elements(*agents)) {
-        std::string operation;
-        if (ReadText(*element, operation)) {
-            ReadFor(operation, *element, table, rules);
+        if (const std::optional<std::string> name = ReadText(*element)) {
+            ReadFor(*name, *element, table, rules);
         }
     }
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// From an agent's name and its argument text to the fields of a request.
+// From an operation's name and its argument text to the fields of a request.
 //
 // Each operation has one table of the options it takes and of its operands; what the table does not
 // know is refused. A Request therefore holds nothing that a tool could take for an option, no
@@ -7,17 +7,20 @@
 #ifndef SENTREL_AGENT_PARSE_H
 #define SENTREL_AGENT_PARSE_H
 
+#include <sentrel/SR_Status.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
-namespace agent {
+#include "base/Operation.h"
+#include "base/Result.h"
 
-// The statuses of the answers that parsing and deciding give.
-enum Status { kOk = 0, kFail = 1, kInvalidRegex = 2, kRuleNotFound = 7, kNotImplemented = 10 };
+namespace agent {
 
 // Fields that the operation does not have stay empty.
 struct Request {
-    std::string operation;  // "sr_mount"
+    Operation operation = Operation::kMount;
     // Mounts. The source is an absolute path, "//HOST/SHARE", "HOST:/PATH" or a plain word; a bind
     // mount has the type "none", a mount without a type has "auto".
     std::string source;
@@ -42,33 +45,17 @@ struct Request {
 };
 
 struct Parsed {
-    int status = kFail;  // kOk, kFail or kNotImplemented
-    std::string error;   // a sentence, when status is not kOk; never with a secret in it
-    Request request;     // meaningful when status is kOk
+    int status = SR_FAIL;  // SR_OK, SR_FAIL or SR_FEATURE_ISNT_IMPLEMENTED
+    std::string error;     // a sentence, when status is not SR_OK; never with a secret in it
+    Request request;       // meaningful when status is SR_OK
+    // The text's words, whatever became of them; nothing when it could not be split.
+    std::optional<std::vector<std::string>> words;
 };
-
-// The names of all operations.
-std::vector<std::string> AgentNames();
 
 Parsed Parse(const std::string& operation, const std::string& text);
 
-// The request on one line, for logs: caller's text quoted, the password as ***.
-std::string Shown(const Request& request);
-
-// An argument text that could not be parsed, on one line, for logs: each word that mentions a
-// password is *** from there on.
-std::string ShownText(const std::string& text);
-
-// The checks that the grammar makes, for those who check what rules say. False fills `error`.
-bool CleanPath(const std::string& text, std::string& path, std::string& error);
-bool CheckType(const std::string& type, std::string& error);
-bool CheckShare(const std::string& source, std::string& error);
-bool CheckOption(const std::string& option, std::string& error);
-bool CheckUnit(const std::string& unit, std::string& error);
-bool IsVerb(const std::string& verb);
-
-// "uid" of "uid=5".
-std::string OptionKey(const std::string& option);
+// Whether a rule may always add this option to what the operation's callers ask for.
+Check CheckAddition(Operation operation, const std::string& option);
 
 }  // namespace agent
 

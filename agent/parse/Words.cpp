@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// See Words.h.
+// One walk over the bytes: a word ends at a blank outside quotes, or with the text.
 #include "Words.h"
+
+#include <utility>
 
 #include "base/Text.h"
 
@@ -10,13 +12,12 @@ namespace {
 
 class Splitter {
 public:
-    bool Run(const std::string& text, std::string& error) {
+    Check Run(const std::string& text) {
         for (std::size_t i = 0; i < text.size(); ++i) {
             const char c = text[i];
             if (c == '\\' && quote != '\'') {
                 if (i + 1 == text.size()) {
-                    error = "the arguments end in a backslash";
-                    return false;
+                    return Refusal{"the arguments end in a backslash"};
                 }
                 TakeEscaped(text[i + 1], i);
             } else {
@@ -24,11 +25,10 @@ public:
             }
         }
         if (quote != 0) {
-            error = "a quote is left open";
-            return false;
+            return Refusal{"a quote is left open"};
         }
         EndWord();
-        return true;
+        return Fine();
     }
 
     std::vector<std::string> words;
@@ -78,27 +78,23 @@ private:
 
 }  // namespace
 
-bool SplitWords(const std::string& text, std::vector<std::string>& words, std::string& error) {
+Result<std::vector<std::string>> SplitWords(const std::string& text) {
     if (text.size() > kLongestText) {
-        error = "the arguments are longer than 8192 bytes";
-        return false;
+        return Refusal{"the arguments are longer than 8192 bytes"};
     }
     Splitter splitter;
-    if (!splitter.Run(text, error)) {
-        return false;
+    if (const Check whole = splitter.Run(text); !whole) {
+        return whole.GetRefusal();
     }
     if (splitter.words.size() > kMostWords) {
-        error = "there are more than 64 arguments";
-        return false;
+        return Refusal{"there are more than 64 arguments"};
     }
     for (const std::string& word : splitter.words) {
         if (HasControl(word)) {
-            error = "the arguments hold a control character";
-            return false;
+            return Refusal{"the arguments hold a control character"};
         }
     }
-    words.swap(splitter.words);
-    return true;
+    return std::move(splitter.words);
 }
 
 }  // namespace agent

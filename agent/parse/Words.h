@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "base/Result.h"
+
 namespace agent {
 
 constexpr std::size_t kLongestText = 8192;
@@ -16,10 +18,9 @@ constexpr std::size_t kMostWords = 64;
 // makes a following " \ $ or ` plain and stays itself before anything else; outside quotes it makes
 // any following character plain. Nothing is ever expanded. '' is an empty word.
 //
-// False, with a sentence in `error`, for an open quote, a backslash at the end, a control character
-// (a quoted tab is one), more than kMostWords words or more than kLongestText bytes. `words` is
-// written on success only. No error repeats the text.
-bool SplitWords(const std::string& text, std::vector<std::string>& words, std::string& error);
+// Refused: an open quote, a backslash at the end, a control character (a quoted tab is one), more
+// than kMostWords words or more than kLongestText bytes. No reason repeats the text.
+Result<std::vector<std::string>> SplitWords(const std::string& text);
 
 }  // namespace agent
 

@@ -41,16 +41,16 @@ void Control::Answer(const Question& question, const Caller& caller,
 std::string Control::Test(const Question& question, const Caller& caller) const {
     const bool root = caller.uid == 0;
     const Parsed parsed = Parse(question.operation, question.text);
-    if (parsed.status != kOk) {
+    if (parsed.status != SR_OK) {
         AuditRequest described;
-        DescribeArguments(question.text, false, described);
+        DescribeArguments(question.text, parsed.words, false, described);
         return JsonLine(Json{{"decision", "error"},
                              {"status", parsed.status},
                              {"rule", ""},
                              {"reason", ReasonOf(parsed, described)}});
     }
     const Decision decision = store.Decide(caller, parsed.request);
-    const bool denied = decision.status == kRuleNotFound;
+    const bool denied = decision.status == SR_RULE_NO_FOUND;
     Json answer{{"decision", decision.permit ? "allow"
                              : denied        ? "deny"
                                              : "error"},

@@ -25,7 +25,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "parse/Words.h"
 #include "relay/Descriptor.h"
 #include "rules/Database.h"
 
@@ -105,14 +104,12 @@ RelayTask TaskFor(const Caller& caller, int descriptor, const AccountQuestions& 
 }  // namespace
 
 // A word behind one that holds a password may be a piece of it when the text makes no sense.
-void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit) {
-    std::string error;
-    audit.split = SplitWords(text, audit.arguments, error);
-    if (!audit.split) {
-        audit.arguments = {text};
-        return;
-    }
-    for (std::size_t i = 0; !parsed && i < audit.arguments.size(); ++i) {
+void DescribeArguments(const std::string& text,
+                       const std::optional<std::vector<std::string>>& words, bool parsed,
+                       AuditRequest& audit) {
+    audit.split = words.has_value();
+    audit.arguments = words.value_or(std::vector<std::string>{text});
+    for (std::size_t i = 0; audit.split && !parsed && i < audit.arguments.size(); ++i) {
         if (Audit::Redact(audit.arguments[i], true) != audit.arguments[i]) {
             audit.arguments.resize(i + 1);
         }
@@ -153,7 +150,8 @@ void Requests::Take(const Arrival& arrival) {
     job->audit.pid = arrival.caller.pid;
     job->audit.operation = arrival.call.operation;
     job->parsed = Parse(arrival.call.operation, arrival.call.text);
-    DescribeArguments(arrival.call.text, job->parsed.status == kOk, job->audit);
+    DescribeArguments(arrival.call.text, job->parsed.words, job->parsed.status == SR_OK,
+                      job->audit);
     const Check room = MayLook(arrival.caller.uid);
     if (!room) {
         return Refuse(job, room.GetRefusal());
@@ -191,7 +189,8 @@ void Requests::TakeUnknown(const std::string& sender, const std::optional<Call>&
         request.id = ++lastId;
         if (call) {
             request.operation = call->operation;
-            DescribeArguments(call->text, false, request);
+            const Parsed parsed = Parse(call->operation, call->text);
+            DescribeArguments(call->text, parsed.words, false, request);
         }
         return request;
     };
@@ -239,7 +238,7 @@ void Requests::Looked(std::uint64_t id, const Look& look) {
     known.look = look;
     known.look.output.reset();
     known.relay = look.output;
-    std::vector<std::shared_ptr<Job> > ready;
+    std::vector<std::shared_ptr<Job>> ready;
     for (const auto& next : jobs) {
         const Job& job = *next.second;
         if (job.arrival.call.sender != known.arrival.call.sender) {
@@ -262,7 +261,7 @@ void Requests::Decide(const std::shared_ptr<Job>& job) {
     caller.executable = job->look.executable;
     caller.account = job->look.account;
     job->audit.executable = caller.executable;
-    if (job->parsed.status != kOk) {
+    if (job->parsed.status != SR_OK) {
         return Refuse(job, {ReasonOf(job->parsed, job->audit), job->parsed.status});
     }
     Decision decision = store.Decide(caller, job->parsed.request);
@@ -367,13 +366,14 @@ void Requests::LeavePlace(const Job& job) {
 
 void Requests::Record(const Job& job) {
     const Request& request = job.parsed.request;
-    if (request.operation == "sr_umount" || request.operation == "sr_umount_cifs") {
+    const MountChange change = RowOf(request.operation).mounts;
+    if (change == MountChange::kRemoves) {
         mounts.Remove(request.target);
-    } else if (request.operation == "sr_mount" || request.operation == "sr_mount_cifs") {
+    } else if (change != MountChange::kNone) {
         MountRecord record;
         record.target = request.target;
         record.source = request.source;
-        record.type = request.operation == "sr_mount" ? request.type : "cifs";
+        record.type = request.type;
         record.rule = job.audit.rule;
         record.uid = job.arrival.caller.uid;
         mounts.Add(record);
@@ -386,7 +386,7 @@ void Requests::EndAll() {
     }
     ending = true;
     strangers.Flush();
-    const std::map<std::uint64_t, std::shared_ptr<Job> > all = jobs;
+    const std::map<std::uint64_t, std::shared_ptr<Job>> all = jobs;
     for (const auto& entry : all) {
         const std::shared_ptr<Job>& job = entry.second;
         if (job->state == State::kRunning) {

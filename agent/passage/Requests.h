@@ -91,8 +91,8 @@ private:
     Strangers strangers;
     Quota quota;
     Mounts mounts;
-    Executor executor;                                    // goes before the relays
-    std::map<std::uint64_t, std::shared_ptr<Job> > jobs;  // in the order of arrival
+    Executor executor;                                   // goes before the relays
+    std::map<std::uint64_t, std::shared_ptr<Job>> jobs;  // in the order of arrival
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
     std::uint64_t refused = 0;
@@ -102,8 +102,10 @@ private:
 // Why a text cannot be read. The parser's own words may quote the text, so where that mentions a
 // password they are not for a log nor for another's eyes.
 std::string ReasonOf(const Parsed& parsed, const AuditRequest& described);
-// Fills in the arguments as the audit shows them.
-void DescribeArguments(const std::string& text, bool parsed, AuditRequest& audit);
+// Fills in the arguments as the audit shows them, from the text and its words, which Parse() gives.
+void DescribeArguments(const std::string& text,
+                       const std::optional<std::vector<std::string>>& words, bool parsed,
+                       AuditRequest& audit);
 
 }  // namespace agent
 

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// By the reentrant functions of the C library, with as much room as an entry needs. An account that
+// is not there and a database that does not answer are told apart: the second throws.
 #include "Database.h"
 
 #include <grp.h>
@@ -31,27 +33,24 @@ bool Ask(std::vector<char>& buffer, Entry& entry, const Function& function) {
     }
 }
 
-template <typename Table, typename Find>
-bool Record(Table& table, const std::string& name, const Find& find, id_t& id) {
-    AccountTable::Answer& answer = table[name];
+template <typename Find>
+std::optional<id_t> Record(AccountTable::Answer& answer, const Find& find) {
     try {
-        answer.found = find(id);
-        answer.id = id;
+        answer.id = find();
     } catch (const LookUpFailed& failure) {
         answer.failure = failure.what();
         throw;
     }
-    return answer.found;
+    return answer.id;
 }
 
 template <typename Table>
-bool Tell(const Table& table, const std::string& name, id_t& id) {
+std::optional<id_t> Tell(const Table& table, const std::string& name) {
     const auto answer = table.find(name);
     if (answer == table.end() || !answer->second.failure.empty()) {
         throw LookUpFailed(answer == table.end() ? "nobody has asked" : answer->second.failure);
     }
-    id = answer->second.found ? answer->second.id : id;
-    return answer->second.found;
+    return answer->second.id;
 }
 
 bool HasMember(const struct group& entry, const std::string& name) {
@@ -79,40 +78,37 @@ std::set<gid_t> ListGroups(const std::string& name, gid_t primary) {
 
 }  // namespace
 
-bool Database::FindUser(const std::string& name, uid_t& uid) const {
+std::optional<uid_t> Database::FindUser(const std::string& name) const {
     std::vector<char> buffer;
     struct passwd entry = {};
     if (!Ask(buffer, entry, [&name](passwd* out, char* room, std::size_t size, passwd** found) {
             return getpwnam_r(name.c_str(), out, room, size, found);
         })) {
-        return false;
+        return std::nullopt;
     }
-    uid = entry.pw_uid;
-    return true;
+    return entry.pw_uid;
 }
 
-bool Database::FindGroup(const std::string& name, gid_t& gid) const {
+std::optional<gid_t> Database::FindGroup(const std::string& name) const {
     std::vector<char> buffer;
     struct group entry = {};
     if (!Ask(buffer, entry, [&name](group* out, char* room, std::size_t size, group** found) {
             return getgrnam_r(name.c_str(), out, room, size, found);
         })) {
-        return false;
+        return std::nullopt;
     }
-    gid = entry.gr_gid;
-    return true;
+    return entry.gr_gid;
 }
 
-bool Database::FindPrimaryGroup(uid_t uid, gid_t& gid) const {
+std::optional<gid_t> Database::FindPrimaryGroup(uid_t uid) const {
     std::vector<char> buffer;
     struct passwd entry = {};
     if (!Ask(buffer, entry, [uid](passwd* out, char* room, std::size_t size, passwd** found) {
             return getpwuid_r(uid, out, room, size, found);
         })) {
-        return false;
+        return std::nullopt;
     }
-    gid = entry.pw_gid;
-    return true;
+    return entry.pw_gid;
 }
 
 // The list of a user's groups says nothing of a database that did not answer, so each group is
@@ -141,22 +137,20 @@ std::set<gid_t> Database::FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) 
     return groups;
 }
 
-bool RecordedNames::FindUser(const std::string& name, uid_t& uid) const {
-    return Record(
-        table.users, name, [&](id_t& id) { return source.FindUser(name, id); }, uid);
+std::optional<uid_t> RecordedNames::FindUser(const std::string& name) const {
+    return Record(table.users[name], [&] { return source.FindUser(name); });
 }
 
-bool RecordedNames::FindGroup(const std::string& name, gid_t& gid) const {
-    return Record(
-        table.groups, name, [&](id_t& id) { return source.FindGroup(name, id); }, gid);
+std::optional<gid_t> RecordedNames::FindGroup(const std::string& name) const {
+    return Record(table.groups[name], [&] { return source.FindGroup(name); });
 }
 
-bool TabledNames::FindUser(const std::string& name, uid_t& uid) const {
-    return Tell(table.users, name, uid);
+std::optional<uid_t> TabledNames::FindUser(const std::string& name) const {
+    return Tell(table.users, name);
 }
 
-bool TabledNames::FindGroup(const std::string& name, gid_t& gid) const {
-    return Tell(table.groups, name, gid);
+std::optional<gid_t> TabledNames::FindGroup(const std::string& name) const {
+    return Tell(table.groups, name);
 }
 
 }  // namespace agent

@@ -5,6 +5,7 @@
 #define SENTREL_AGENT_DATABASE_H
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -14,18 +15,17 @@ namespace agent {
 
 class Database : public Accounts {
 public:
-    bool FindUser(const std::string& name, uid_t& uid) const override;
-    bool FindGroup(const std::string& name, gid_t& gid) const override;
-    bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override;
+    std::optional<uid_t> FindUser(const std::string& name) const override;
+    std::optional<gid_t> FindGroup(const std::string& name) const override;
+    std::optional<gid_t> FindPrimaryGroup(uid_t uid) const override;
     std::set<gid_t> FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const override;
 };
 
 // What a database said of names, to be asked again elsewhere.
 struct AccountTable {
     struct Answer {
-        bool found = false;
-        id_t id = 0;
-        std::string failure;  // empty: it did not fail
+        std::optional<id_t> id;  // nothing: there is no such account
+        std::string failure;     // empty: it did not fail
     };
     std::map<std::string, Answer> users;
     std::map<std::string, Answer> groups;
@@ -34,9 +34,9 @@ struct AccountTable {
 // Asks another and writes down what it said.
 class RecordedNames : public Names {
 public:
-    explicit RecordedNames(const Names& database) : source(database) {}
-    bool FindUser(const std::string& name, uid_t& uid) const override;
-    bool FindGroup(const std::string& name, gid_t& gid) const override;
+    explicit RecordedNames(const Names& source_) : source(source_) {}
+    std::optional<uid_t> FindUser(const std::string& name) const override;
+    std::optional<gid_t> FindGroup(const std::string& name) const override;
     const AccountTable& GetTable() const { return table; }
 
 private:
@@ -47,9 +47,9 @@ private:
 // Says what is in a table, and asks nobody.
 class TabledNames : public Names {
 public:
-    explicit TabledNames(const AccountTable& answers) : table(answers) {}
-    bool FindUser(const std::string& name, uid_t& uid) const override;
-    bool FindGroup(const std::string& name, gid_t& gid) const override;
+    explicit TabledNames(const AccountTable& table_) : table(table_) {}
+    std::optional<uid_t> FindUser(const std::string& name) const override;
+    std::optional<gid_t> FindGroup(const std::string& name) const override;
 
 private:
     const AccountTable& table;

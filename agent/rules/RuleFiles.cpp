@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Finding the files and making sure that only their owner can have written them.
+// Finding the files and making sure that only their owner can have written them. What is examined
+// is what is open, never a name a second time.
 #include "RuleFiles.h"
 
 #include <dirent.h>
@@ -11,7 +11,10 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <memory>
 
+#include "base/Descriptors.h"
+#include "base/Result.h"
 #include "base/Text.h"
 #include "decide/RuleReader.h"
 
@@ -21,111 +24,92 @@ namespace {
 
 const off_t kLargestFile = 262144;
 
-class Descriptor {
-public:
-    explicit Descriptor(int number) : fd(number) {}
-    ~Descriptor() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return fd; }
-
-private:
-    int fd;
-};
-
-std::string Reason() {
+std::string Errno() {
     return std::strerror(errno);
 }
 
-// Why what is open here cannot be trusted; empty when it can.
-std::string Distrust(int fd, mode_t type, uid_t owner) {
+// Whether what is open here can be trusted.
+Check CheckTrust(int fd, mode_t type, uid_t owner) {
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
-        return "cannot be examined: " + Reason();
+        return Refusal{"cannot be examined: " + Errno()};
     }
     if ((status.st_mode & S_IFMT) != type) {
-        return type == S_IFDIR ? "is not a directory" : "is not an ordinary file";
+        return Refusal{type == S_IFDIR ? "is not a directory" : "is not an ordinary file"};
     }
     if (status.st_uid != owner) {
-        return "does not belong to user " + std::to_string(owner);
+        return Refusal{"does not belong to user " + std::to_string(owner)};
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return "can be written by others";
+        return Refusal{"can be written by others"};
     }
     if (type == S_IFREG && status.st_size > kLargestFile) {
-        return "is larger than 256 KiB";
+        return Refusal{"is larger than 256 KiB"};
     }
-    return "";
+    return Fine();
 }
 
-// The file's text; false fills `why`.
-bool ReadAll(int fd, std::string& text, std::string& why) {
+Result<std::string> ReadAll(int fd) {
+    std::string text;
     char buffer[4096];
     for (;;) {
         const ssize_t count = read(fd, buffer, sizeof buffer);
         if (count == 0) {
-            return true;
+            return text;
         }
         if (count < 0 && errno != EINTR) {
-            why = "cannot be read: " + Reason();
-            return false;
+            return Refusal{"cannot be read: " + Errno()};
         }
         text.append(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
         if (text.size() > static_cast<std::size_t>(kLargestFile)) {
-            why = "is larger than 256 KiB";
-            return false;
+            return Refusal{"is larger than 256 KiB"};
         }
     }
 }
 
 bool IsRuleFile(const std::string& name) {
-    const std::string suffix = ".toml";
-    return name.size() > suffix.size() && name[0] != '.' &&
-           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return name[0] != '.' && EndsWith(name, ".toml");
 }
 
 // The names of the directory's rule files, each with its directory, put over those already found.
 void ListFiles(const std::string& directory, uid_t owner, std::map<std::string, std::string>& files,
                std::vector<std::string>& errors) {
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
+    OwnedFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
         if (errno != ENOENT) {
-            errors.push_back(directory + ":0: cannot be opened: " + Reason());
+            errors.push_back(directory + ":0: cannot be opened: " + Errno());
         }
         return;
     }
-    const std::string distrust = Distrust(fd, S_IFDIR, owner);
-    DIR* stream = fdopendir(fd);
-    if (!distrust.empty() || stream == nullptr) {
-        errors.push_back(directory + ":0: " + (distrust.empty() ? Reason() : distrust));
-        stream == nullptr ? close(fd) : closedir(stream);
+    if (const Check trusted = CheckTrust(fd.Get(), S_IFDIR, owner); !trusted) {
+        errors.push_back(directory + ":0: " + trusted.Reason());
         return;
     }
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(fd.Get()), closedir);
+    if (!stream) {
+        errors.push_back(directory + ":0: " + Errno());
+        return;
+    }
+    (void)fd.Release();  // the stream's
     errno = 0;
-    while (const struct dirent* entry = readdir(stream)) {
+    while (const struct dirent* entry = readdir(stream.get())) {
         if (IsRuleFile(entry->d_name)) {
             files[entry->d_name] = directory;
         }
     }
     if (errno != 0) {
-        errors.push_back(directory + ":0: cannot be listed: " + Reason());
+        errors.push_back(directory + ":0: cannot be listed: " + Errno());
     }
-    closedir(stream);
 }
 
-bool ReadFile(const std::string& path, uid_t owner, std::string& text, std::string& why) {
+Result<std::string> ReadFile(const std::string& path, uid_t owner) {
     // O_NONBLOCK: a pipe must not hold up the load; it is refused below.
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (file.Get() < 0) {
-        why = errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + Reason();
-        return false;
+    const OwnedFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (!file) {
+        return Refusal{errno == ELOOP ? "is a symbolic link" : "cannot be opened: " + Errno()};
     }
-    why = Distrust(file.Get(), S_IFREG, owner);
-    return why.empty() && ReadAll(file.Get(), text, why);
+    const Check trusted = CheckTrust(file.Get(), S_IFREG, owner);
+    return trusted ? ReadAll(file.Get()) : trusted.GetRefusal();
 }
 
 }  // namespace
@@ -140,9 +124,8 @@ RuleFiles ReadRuleFiles(const std::vector<std::string>& directories, uid_t owner
         RuleFiles::File file;
         file.path = directory;
         file.path.append("/").append(name);
-        if (!ReadFile(file.path, owner, file.text, file.error)) {
-            file.text.clear();
-        }
+        const Result<std::string> text = ReadFile(file.path, owner);
+        (text ? file.text : file.error) = text ? *text : text.Reason();
         read.files.push_back(std::move(file));
     }
     return read;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-//
 // The form: numbers in decimal, each with a blank behind it; texts behind the number of their
 // bytes; lists behind the number of their elements; a mark at the end.
 #include "RuleSource.h"
 
 #include <cstdint>
-#include <cstdlib>
+
+#include "base/Text.h"
 
 namespace agent {
 
@@ -24,8 +24,8 @@ public:
         Number(answers.size());
         for (const auto& [name, answer] : answers) {
             Text(name);
-            Number(answer.found ? 1 : 0);
-            Number(answer.id);
+            Number(answer.id ? 1 : 0);
+            Number(answer.id.value_or(0));
             Text(answer.failure);
         }
     }
@@ -34,18 +34,19 @@ public:
 
 class Unpacker {
 public:
-    explicit Unpacker(const std::string& text) : packed(text) {}
+    explicit Unpacker(const std::string& packed_) : packed(packed_) {}
 
     std::uint64_t Number() {
         const std::size_t end = packed.find(' ', at);
-        good = good && end != std::string::npos && end > at && end - at < 20 &&
-               packed.find_first_not_of("0123456789", at) == end;
+        good = good && end != std::string::npos && end - at < 20;
+        const std::string_view digits = std::string_view(packed).substr(at, good ? end - at : 0);
+        const std::optional<std::uint64_t> number = ToNumber<std::uint64_t>(digits);
+        good = good && number;
         if (!good) {
             return 0;
         }
-        const std::uint64_t number = std::strtoull(packed.c_str() + at, nullptr, 10);
         at = end + 1;
-        return number;
+        return *number;
     }
     std::string Text() {
         const std::uint64_t size = Number();
@@ -60,8 +61,9 @@ public:
     void Answers(std::map<std::string, AccountTable::Answer>& answers) {
         for (std::uint64_t count = Number(); good && count > 0; --count) {
             AccountTable::Answer& answer = answers[Text()];
-            answer.found = Number() == 1;
-            answer.id = static_cast<id_t>(Number());
+            const bool found = Number() == 1;
+            const id_t id = static_cast<id_t>(Number());
+            answer.id = found ? std::optional<id_t>(id) : std::nullopt;
             answer.failure = Text();
         }
     }

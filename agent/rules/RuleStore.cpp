@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+// The first half of a load asks the world, the second takes its answers: the names are looked up by
+// reading the rules once, and asked again of what was written down then.
 #include "RuleStore.h"
 
 #include "Database.h"
 #include "decide/RuleCheck.h"
 
-#include "base/Text.h"
-
 namespace agent {
 
-RuleStore::RuleStore(const std::vector<std::string>& ruleDirectories, uid_t ruleOwner,
-                     const std::string& toolDirectories)
-    : directories(ruleDirectories), owner(ruleOwner), toolPath(toolDirectories) {}
+RuleStore::RuleStore(const std::vector<std::string>& directories_, uid_t owner_,
+                     const std::string& toolPath_)
+    : directories(directories_), owner(owner_), toolPath(toolPath_) {}
 
 RuleSource RuleStore::Read() const {
     const Database database;
@@ -36,7 +36,8 @@ LoadResult RuleStore::Take(const RuleSource& source) {
 }
 
 AccountQuestions RuleStore::QuestionsOf(const std::string& operation) const {
-    return set ? agent::QuestionsOf(*set, operation) : AccountQuestions();
+    const std::optional<Operation> known = FindOperation(operation);
+    return set && known ? agent::QuestionsOf(*set, *known) : AccountQuestions();
 }
 
 Decision RuleStore::Decide(const Caller& caller, const Request& request) const {

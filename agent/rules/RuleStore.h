@@ -22,8 +22,9 @@ namespace agent {
 
 class RuleStore {
 public:
-    RuleStore(const std::vector<std::string>& ruleDirectories, uid_t ruleOwner,
-              const std::string& toolDirectories);
+    // Rules of `directories_` that belong to `owner_`; tools of the directories in `toolPath_`.
+    RuleStore(const std::vector<std::string>& directories_, uid_t owner_,
+              const std::string& toolPath_);
 
     // With errors in the result, everything stays as it was. May wait for the account database.
     LoadResult Load() { return Take(Read()); }
@@ -33,7 +34,7 @@ public:
     // 0 before the first successful load.
     std::size_t Count() const { return set ? set->rules.size() : 0; }
     Decision Decide(const Caller& caller, const Request& request) const;
-    // What that needs of the caller's account.
+    // What that needs of the caller's account; nothing for what is no operation.
     AccountQuestions QuestionsOf(const std::string& operation) const;
 
 private:

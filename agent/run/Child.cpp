@@ -103,10 +103,8 @@ void Limit(int resource, rlim_t most) {
 }
 
 // A number of processes is not among them: root is exempt from it.
-void LimitTool(const std::string& agentName) {
-    // A mount helper may keep a small table below /run; the other tools write no files.
-    const bool writes = agentName.find("mount") != std::string::npos;
-    Limit(RLIMIT_FSIZE, writes ? 1048576 : 0);
+void LimitTool(Operation operation) {
+    Limit(RLIMIT_FSIZE, RowOf(operation).largestFile);
     Limit(RLIMIT_NOFILE, 64);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_CPU, 10);
@@ -165,8 +163,10 @@ private:
             reason = "there is no tool to run";
             return false;
         }
-        report.status = plan.bind || plan.node ? SR_OK : CheckTool(plan.argv[0], reason);
-        if (report.status != SR_OK) {
+        const Check trusted = plan.bind || plan.node ? Fine() : CheckTool(plan.argv[0]);
+        report.status = trusted ? SR_OK : trusted.Status();
+        if (!trusted) {
+            reason = trusted.Reason();
             return false;
         }
         arguments = plan.argv;

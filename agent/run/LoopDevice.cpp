@@ -33,7 +33,7 @@ bool ReadSize(const std::string& text, std::uint64_t& size) {
         (!unit.empty() && power == std::string::npos)) {
         return false;
     }
-    size = std::stoull(text.substr(0, end));
+    size = ToNumber<std::uint64_t>(text.substr(0, end)).value_or(0);
     const unsigned shift = unit.empty() ? 0 : 10 * (static_cast<unsigned>(power) + 1);
     if (size > std::numeric_limits<std::uint64_t>::max() >> (shift + 1)) {
         return false;

@@ -6,6 +6,9 @@
 
 #include <sstream>
 
+#include "parse/Parse.h"
+#include "passage/Requests.h"
+
 using agent::Audit;
 using agent::AuditRequest;
 using agent::Outcome;
@@ -112,4 +115,40 @@ TEST(AuditTest, APasswordIsNeverWritten) {
 TEST(AuditTest, TextThatCouldNotBeSplitHidesNoPasswordBehindQuotes) {
     EXPECT_EQ(Audit::Redact("-o pa\"ss\"wo\\rd=hunter2 'open", false), "***");
     EXPECT_EQ(Audit::Redact("-o ro 'open", false), "-o ro 'open");
+}
+
+namespace {
+
+// The line of a request that is refused, as its arguments come from the bus.
+std::string LineFor(const std::string& operation, const std::string& text) {
+    const agent::Parsed parsed = agent::Parse(operation, text);
+    AuditRequest request;
+    agent::DescribeArguments(text, parsed.words, parsed.status == SR_OK, request);
+    std::ostringstream out;
+    Audit(out).Denied(request, SR_FAIL, "");
+    return out.str();
+}
+
+}  // namespace
+
+TEST(AuditTest, ATextThatCannotBeParsedIsShownWithoutItsPassword) {
+    for (const char* text :
+         {"-o password=geheim,geheim //a/b", "-o 'PASS=geheim geheim", "-o user=me%geheim /x",
+          "-o 'a,passwd=\"geheim\"' /x", "-o password=geheim geheim geheim"}) {
+        ASSERT_NE(agent::Parse("sr_mount_cifs", text).status, SR_OK) << text;
+        const std::string line = LineFor("sr_mount_cifs", text);
+        EXPECT_EQ(line.find("geheim"), std::string::npos) << line;
+        EXPECT_NE(line.find("***"), std::string::npos) << line;
+    }
+    EXPECT_NE(LineFor("sr_mount", "-t vfat 'a b' /m /x").find("args=\"-t vfat a b /m /x\""),
+              std::string::npos);
+    EXPECT_NE(LineFor("sr_mount", "a\nb 'c").find("args=\"a\\x0ab 'c\""), std::string::npos);
+}
+
+TEST(AuditTest, ARequestThatIsUnderstoodIsShownWithoutItsPassword) {
+    const std::string text = "-o 'user=me,ro,password=a\"b\\c=d e' //nas/music /m";
+    ASSERT_EQ(agent::Parse("sr_mount_cifs", text).request.secret, "a\"b\\c=d e");
+    EXPECT_NE(
+        LineFor("sr_mount_cifs", text).find("args=\"-o user=me,ro,password=*** //nas/music /m\""),
+        std::string::npos);
 }

@@ -24,7 +24,7 @@ using Words = std::vector<std::string>;
 Decision Decide(const agent::RuleSet& set, const Caller& caller, const std::string& agentName,
                 const std::string& text, const agent::Tools& tools = agent::Tools()) {
     const agent::Parsed parsed = agent::Parse(agentName, text);
-    EXPECT_EQ(parsed.status, agent::kOk) << parsed.error;
+    EXPECT_EQ(parsed.status, SR_OK) << parsed.error;
     return agent::Decider(tools).Decide(set, caller, parsed.request);
 }
 
@@ -34,12 +34,12 @@ Plan PlanOf(const std::string& agentName, const std::string& rule, const std::st
                                "\"\npermit = true\nuser = 1000\n" + rule);
     EXPECT_TRUE(set);
     const Decision decision = Decide(*set, MakeCaller(1000), agentName, text);
-    EXPECT_EQ(decision.status == agent::kOk, decision.permit.has_value());
+    EXPECT_EQ(decision.status == SR_OK, decision.permit.has_value());
     if (!decision.permit) {
-        EXPECT_EQ(decision.status, agent::kRuleNotFound);
+        EXPECT_EQ(decision.status, SR_RULE_NO_FOUND);
         return Plan();
     }
-    EXPECT_EQ(decision.permit->GetRule(), "test.toml:1");
+    EXPECT_EQ(decision.rule, "test.toml:1");
     EXPECT_EQ(
         Objections(set->rules[0], MakeCaller(1000), agent::Tools(), decision.permit->GetPlan()),
         Words{});
@@ -68,7 +68,8 @@ std::string Pins(const Plan& plan) {
 const char kMountRule[] = "source = \"/**\"\ntarget = \"/**\"\ntype = [\"vfat\", \"auto\"]\n";
 
 TEST(Decide, APermitCannotBeMadeByAnybodyElse) {
-    EXPECT_FALSE((std::is_constructible<agent::Permit, Plan&&, const std::string&>::value));
+    EXPECT_FALSE((std::is_constructible<agent::Permit, Plan&&>::value));
+    EXPECT_FALSE((std::is_constructible<agent::Permit, const Plan&>::value));
     EXPECT_FALSE(std::is_default_constructible<agent::Permit>::value);
     EXPECT_FALSE(std::is_copy_constructible<agent::Permit>::value);
     EXPECT_TRUE(std::is_move_constructible<agent::Permit>::value);
@@ -86,7 +87,7 @@ TEST(Decide, AMountIsRebuiltWithTheProtectingFlagsLast) {
     EXPECT_EQ(Pins(plan), "9 file /dev/sda1 closed;10 directory /m closed;");
     EXPECT_EQ(plan.requiredMountFlags, (Words{"nosuid", "nodev", "noexec"}));
     EXPECT_EQ(plan.deadline.count(), 5000);
-    EXPECT_EQ(plan.operation, "sr_mount");
+    EXPECT_EQ(plan.operation, agent::Operation::kMount);
 }
 
 TEST(Decide, AMountOfNothingHasNoPinnedSource) {
@@ -182,7 +183,7 @@ TEST(Decide, ABindMountHasNoOptionsOfAFileSystem) {
     for (const char* option : {"uid=0", "sync", "_netdev", "loop", "nosymfollow=x"}) {
         const agent::Parsed parsed =
             agent::Parse("sr_mount", std::string("-o bind,") + option + " /a /m");
-        EXPECT_EQ(parsed.status, agent::kFail) << option;
+        EXPECT_EQ(parsed.status, SR_FAIL) << option;
         EXPECT_EQ(parsed.error.find("a bind mount cannot have the option"), 0U) << parsed.error;
     }
     const std::string forced = base + "options.always = \"umask=022\"\n";
@@ -309,7 +310,7 @@ std::string Rmmod(const std::string& name, bool permit, const std::string& lines
 
 TEST(Decide, WithoutARuleTheAnswerIsNoForRootToo) {
     const Decision decision = Decide(agent::RuleSet(), MakeCaller(0), "sr_rmmod", "m");
-    EXPECT_EQ(decision.status, agent::kRuleNotFound);
+    EXPECT_EQ(decision.status, SR_RULE_NO_FOUND);
     EXPECT_FALSE(decision.permit);
     EXPECT_EQ(decision.rule, "");
     EXPECT_EQ(decision.reason, "no rule allows this");
@@ -320,16 +321,15 @@ TEST(Decide, TheFirstRuleThatMatchesDecides) {
     const std::string deny = Rmmod("no", false, "module = \"a\"\n");
     const std::string allow = Rmmod("yes", true, "user = \"*\"\nmodule = \"*\"\n");
     const Decision denied = Decide(*MakeRules(deny + allow), MakeCaller(1000), "sr_rmmod", "a");
-    EXPECT_EQ(denied.status, agent::kRuleNotFound);
+    EXPECT_EQ(denied.status, SR_RULE_NO_FOUND);
     EXPECT_EQ(denied.rule, "test.toml:1");
     EXPECT_EQ(denied.reason, "a rule forbids this");
     EXPECT_EQ(denied.detail, "rule 'no' (test.toml:1) forbids it");
     const Decision other = Decide(*MakeRules(deny + allow), MakeCaller(1000), "sr_rmmod", "b");
-    EXPECT_EQ(other.status, agent::kOk);
+    EXPECT_EQ(other.status, SR_OK);
     EXPECT_EQ(other.rule, "test.toml:6");
     EXPECT_EQ(other.detail, "rule 'yes' (test.toml:6) allows it");
-    EXPECT_EQ(Decide(*MakeRules(allow + deny), MakeCaller(1000), "sr_rmmod", "a").status,
-              agent::kOk);
+    EXPECT_EQ(Decide(*MakeRules(allow + deny), MakeCaller(1000), "sr_rmmod", "a").status, SR_OK);
 }
 
 TEST(Decide, ARefusalNamesTheNearestRuleForTheAuditOnly) {
@@ -348,15 +348,15 @@ TEST(Decide, UsersAreMatchedByNumberNameAndGroup) {
                       "sr_rmmod", "m")
             .status;
     };
-    EXPECT_EQ(status("1000", MakeCaller(1000)), agent::kOk);
-    EXPECT_EQ(status("\"player\"", MakeCaller(1000)), agent::kOk);
-    EXPECT_EQ(status("\"@media\"", MakeCaller(5, {1, 44})), agent::kOk);
-    EXPECT_EQ(status("\"*\"", MakeCaller(5)), agent::kOk);
-    EXPECT_EQ(status("1000", MakeCaller(44, {1000})), agent::kRuleNotFound);
-    EXPECT_EQ(status("\"@media\"", MakeCaller(44)), agent::kRuleNotFound);
-    EXPECT_EQ(status("\"player\"", MakeCaller(0)), agent::kRuleNotFound);
-    EXPECT_EQ(status("\"nobody-here\"", MakeCaller(0)), agent::kRuleNotFound);
-    EXPECT_EQ(status("\"*\"", MakeCaller(static_cast<uid_t>(-1))), agent::kRuleNotFound);
+    EXPECT_EQ(status("1000", MakeCaller(1000)), SR_OK);
+    EXPECT_EQ(status("\"player\"", MakeCaller(1000)), SR_OK);
+    EXPECT_EQ(status("\"@media\"", MakeCaller(5, {1, 44})), SR_OK);
+    EXPECT_EQ(status("\"*\"", MakeCaller(5)), SR_OK);
+    EXPECT_EQ(status("1000", MakeCaller(44, {1000})), SR_RULE_NO_FOUND);
+    EXPECT_EQ(status("\"@media\"", MakeCaller(44)), SR_RULE_NO_FOUND);
+    EXPECT_EQ(status("\"player\"", MakeCaller(0)), SR_RULE_NO_FOUND);
+    EXPECT_EQ(status("\"nobody-here\"", MakeCaller(0)), SR_RULE_NO_FOUND);
+    EXPECT_EQ(status("\"*\"", MakeCaller(static_cast<uid_t>(-1))), SR_RULE_NO_FOUND);
 }
 
 TEST(Decide, AnExecutableThatIsNotKnownNeverHelpsTheCaller) {
@@ -366,10 +366,10 @@ TEST(Decide, AnExecutableThatIsNotKnownNeverHelpsTheCaller) {
         return Decide(*MakeRules(Rmmod("r", permit, lines) + last),
                       MakeCaller(1000, {}, executable), "sr_rmmod", "m");
     };
-    EXPECT_EQ(status(true, "/usr/bin/player").status, agent::kOk);
-    EXPECT_EQ(status(true, "/usr/bin/other").status, agent::kRuleNotFound);
-    EXPECT_EQ(status(true, "/usr/bin/player (deleted)").status, agent::kRuleNotFound);
-    EXPECT_EQ(status(true, "").status, agent::kRuleNotFound);
+    EXPECT_EQ(status(true, "/usr/bin/player").status, SR_OK);
+    EXPECT_EQ(status(true, "/usr/bin/other").status, SR_RULE_NO_FOUND);
+    EXPECT_EQ(status(true, "/usr/bin/player (deleted)").status, SR_RULE_NO_FOUND);
+    EXPECT_EQ(status(true, "").status, SR_RULE_NO_FOUND);
     EXPECT_EQ(status(false, "/usr/bin/player").rule, "test.toml:1");
     EXPECT_EQ(status(false, "").rule, "test.toml:1");
     EXPECT_EQ(status(false, "/usr/bin/other").rule, "");
@@ -382,7 +382,7 @@ TEST(Decide, ADenyingRuleMatchesOnAnyOneOfSeveralUnits) {
         "[[rule]]\nname = \"yes\"\nagent = \"sr_systemctl\"\npermit = true\nuser = \"*\"\n"
         "verb = \"stop\"\nunit = \"*\"\n");
     EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_systemctl", "stop a ssh b").rule, "test.toml:1");
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_systemctl", "stop a b").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_systemctl", "stop a b").status, SR_OK);
 }
 
 TEST(Decide, ADenyingRuleLooksPastOptions) {
@@ -390,7 +390,7 @@ TEST(Decide, ADenyingRuleLooksPastOptions) {
         "[[rule]]\nname = \"no\"\nagent = \"sr_umount\"\npermit = false\ntarget = \"/m\"\n" +
         std::string(kWideRules));
     EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l -f /m").rule, "test.toml:1");
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l -f /n").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l -f /n").status, SR_OK);
 }
 
 // The kernel may find any type where none is named.
@@ -402,7 +402,7 @@ TEST(Decide, ADenyingRuleForATypeIsNotEvadedByLeavingTheTypeAway) {
     for (const char* denied : {"-t ntfs /a /m", "-t ext4 /a /m", "/a /m", "-t auto /a /m"}) {
         EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mount", denied).rule, "test.toml:1") << denied;
     }
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mount", "-t vfat /a /m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mount", "-t vfat /a /m").status, SR_OK);
     // A binding has no type to be looked for; the rules behind decide.
     EXPECT_NE(Decide(*set, MakeCaller(1), "sr_mount", "--bind /a /m").rule, "test.toml:1");
 }
@@ -418,7 +418,7 @@ TEST(Decide, ADenyingRuleWithoutNumbersMeansAllNodes) {
         MakeRules("[[rule]]\nname = \"no\"\nagent = \"sr_mknod\"\npermit = false\nkind = \"b\"\n" +
                   std::string(kWideRules));
     EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mknod", "/dev/x b 8 0").rule, "test.toml:1");
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mknod", "/dev/x c 8 0").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_mknod", "/dev/x c 8 0").status, SR_OK);
 }
 
 // "**" in the middle does not compile, with or without regular expressions.
@@ -427,60 +427,60 @@ TEST(Decide, ARuleThatWouldDecideWithABrokenPatternAnswersThat) {
         const std::string broken = Rmmod("b", permit, "user = 1000\nmodule = [\"a**\", \"m\"]\n");
         const auto set = MakeRules(broken + Rmmod("next", true, "user = \"*\"\nmodule = \"*\"\n"));
         const Decision decision = Decide(*set, MakeCaller(1000), "sr_rmmod", "m");
-        EXPECT_EQ(decision.status, agent::kInvalidRegex);
+        EXPECT_EQ(decision.status, SR_INVALID_REGEX);
         EXPECT_FALSE(decision.permit);
         EXPECT_EQ(decision.rule, "test.toml:1");
         EXPECT_EQ(decision.reason,
                   "the rule that would decide has a pattern that does not compile");
-        EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "zzz").status, agent::kInvalidRegex);
+        EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "zzz").status, SR_INVALID_REGEX);
         // Another field already says no: the rule would not decide.
-        EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "m").status, agent::kOk);
+        EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "m").status, SR_OK);
     }
 }
 
 TEST(Decide, ABrokenPatternBehindADecidingRuleDoesNotMatter) {
     const auto set = MakeRules(Rmmod("first", true, "user = \"*\"\nmodule = \"m\"\n") +
                                Rmmod("b", true, "user = \"*\"\nmodule = \"a**\"\n"));
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "m").status, agent::kOk);
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "n").status, agent::kInvalidRegex);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "m").status, SR_OK);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "n").status, SR_INVALID_REGEX);
 }
 
 TEST(Decide, ABrokenPatternAmongOptionsCountsLikeAnyOther) {
     const auto set = MakeRules(
         "[[rule]]\nname = \"b\"\nagent = \"sr_umount\"\npermit = true\nuser = \"*\"\n"
         "target = \"/m\"\noptions.allow = [\"**lazy\"]\n");
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l /m").status, agent::kInvalidRegex);
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "/m").status, agent::kInvalidRegex);
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "/n").status, agent::kRuleNotFound);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "-l /m").status, SR_INVALID_REGEX);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "/m").status, SR_INVALID_REGEX);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_umount", "/n").status, SR_RULE_NO_FOUND);
 }
 
 TEST(Decide, ARegularExpressionDecidesWhenItIsBuiltInAndIsAnErrorElse) {
     const auto set =
         MakeRules(Rmmod("r", true, "user = \"*\"\nmodule = { regex = \"snd_[a-z]+\" }\n"));
 #ifdef SENTREL_RE2
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_x").status, agent::kOk);
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_1").status, agent::kRuleNotFound);
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "xsnd_x").status, agent::kRuleNotFound);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_x").status, SR_OK);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_1").status, SR_RULE_NO_FOUND);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "xsnd_x").status, SR_RULE_NO_FOUND);
 #else
-    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_x").status, agent::kInvalidRegex);
+    EXPECT_EQ(Decide(*set, MakeCaller(1), "sr_rmmod", "snd_x").status, SR_INVALID_REGEX);
 #endif
     const auto broken =
         MakeRules(Rmmod("r", true, "user = \"*\"\nmodule = { regex = \"snd_(\" }\n"));
-    EXPECT_EQ(Decide(*broken, MakeCaller(1), "sr_rmmod", "snd_x").status, agent::kInvalidRegex);
+    EXPECT_EQ(Decide(*broken, MakeCaller(1), "sr_rmmod", "snd_x").status, SR_INVALID_REGEX);
 }
 
 TEST(Decide, AToolThatIsNotThereIsNotImplementedOnlyForThoseWhoMay) {
     agent::Tools tools;
-    tools.rmmod.clear();
+    tools.paths.at("rmmod").clear();
     const auto set = MakeRules(kNarrowRules);
     EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "snd_player", tools).status,
-              agent::kNotImplemented);
+              SR_FEATURE_ISNT_IMPLEMENTED);
     EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "snd_player", tools).status,
-              agent::kRuleNotFound);
+              SR_RULE_NO_FOUND);
     // A node takes no tool.
     const std::string node = "/dev/player0 c 240 2";
-    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_mknod", node, agent::Tools()).status, agent::kOk);
-    tools.umount = "/opt/bin/umount";
+    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_mknod", node, agent::Tools()).status, SR_OK);
+    tools.paths.at("umount") = "/opt/bin/umount";
     const Decision moved = Decide(*set, MakeCaller(1000), "sr_umount", "/media/usb", tools);
     ASSERT_TRUE(moved.permit);
     EXPECT_EQ(moved.permit->GetPlan().argv[0], "/opt/bin/umount");
@@ -488,8 +488,8 @@ TEST(Decide, AToolThatIsNotThereIsNotImplementedOnlyForThoseWhoMay) {
 
 // The account database may be on a network.
 TEST(Decide, AnAccountIsAskedForOnlyWhatTheOperationsRulesNeed) {
-    const auto asked = [](const std::string& rules, const char* agentName) {
-        const agent::AccountQuestions questions = agent::QuestionsOf(*MakeRules(rules), agentName);
+    const auto asked = [](const std::string& rules, agent::Operation operation) {
+        const agent::AccountQuestions questions = agent::QuestionsOf(*MakeRules(rules), operation);
         std::string text = questions.primary ? "primary" : "";
         for (const gid_t group : questions.groups) {
             text += (text.empty() ? "" : " ") + std::to_string(group);
@@ -505,13 +505,13 @@ TEST(Decide, AnAccountIsAskedForOnlyWhatTheOperationsRulesNeed) {
     const std::string allow = start + "options.allow = [\"uid=%uid\", \"gid=%gid\"]\n";
     const std::string always = start + "options.always = \"gid=%gid\"\n";
     const std::string exact = start + "options.allow = { exact = \"gid=1\" }\n";
-    EXPECT_EQ(asked(off, "sr_rmmod"), "");
-    EXPECT_EQ(asked(allow + off, "sr_rmmod"), "");
-    EXPECT_EQ(asked(never + off, "sr_rmmod"), "6 44");
-    EXPECT_EQ(asked(never + off, "sr_mount"), "");
-    EXPECT_EQ(asked(exact, "sr_mount"), "");
-    EXPECT_EQ(asked(allow, "sr_mount"), "primary");
-    EXPECT_EQ(asked(always + allow + never, "sr_mount"), "primary");
+    EXPECT_EQ(asked(off, agent::Operation::kRmmod), "");
+    EXPECT_EQ(asked(allow + off, agent::Operation::kRmmod), "");
+    EXPECT_EQ(asked(never + off, agent::Operation::kRmmod), "6 44");
+    EXPECT_EQ(asked(never + off, agent::Operation::kMount), "");
+    EXPECT_EQ(asked(exact, agent::Operation::kMount), "");
+    EXPECT_EQ(asked(allow, agent::Operation::kMount), "primary");
+    EXPECT_EQ(asked(always + allow + never, agent::Operation::kMount), "primary");
 }
 
 // Whoever lays a group down for a connection is still in it by his account.
@@ -522,12 +522,12 @@ TEST(Decide, AGroupThatIsForbiddenCountsByTheAccountAndOneThatIsAllowedByTheConn
     EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "m").detail,
               "rule 'never' (test.toml:1) forbids it");
     EXPECT_EQ(Decide(*set, MakeCaller(1000, {44}), "sr_rmmod", "m").rule, "test.toml:1");
-    EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "n").status, agent::kOk);
-    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "m").status, agent::kOk);
-    EXPECT_EQ(Decide(*set, MakeCaller(1002, {6}), "sr_rmmod", "m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1001), "sr_rmmod", "n").status, SR_OK);
+    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_rmmod", "m").status, SR_OK);
+    EXPECT_EQ(Decide(*set, MakeCaller(1002, {6}), "sr_rmmod", "m").status, SR_OK);
     Caller caller = MakeCaller(1002);
     caller.account.groups = {6};
-    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kRuleNotFound);
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, SR_RULE_NO_FOUND);
 }
 
 TEST(Decide, ARuleThatForbidsAGroupMatchesWhereTheAccountIsNotKnown) {
@@ -536,16 +536,16 @@ TEST(Decide, ARuleThatForbidsAGroupMatchesWhereTheAccountIsNotKnown) {
     Caller caller = MakeCaller(1000);
     caller.account = agent::Account();
     const Decision decision = Decide(*set, caller, "sr_rmmod", "m");
-    EXPECT_EQ(decision.status, agent::kRuleNotFound);
+    EXPECT_EQ(decision.status, SR_RULE_NO_FOUND);
     EXPECT_EQ(decision.reason, "a rule forbids this");
     EXPECT_EQ(decision.detail,
               "rule 'never' (test.toml:1) forbids it; whether the caller's account is in its group "
               "is not known");
-    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "n").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "n").status, SR_OK);
     caller.account.asked = {6};  // another group than the rule's
-    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kRuleNotFound);
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, SR_RULE_NO_FOUND);
     caller.account.asked = {44};
-    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, caller, "sr_rmmod", "m").status, SR_OK);
     EXPECT_EQ(Decide(*set, MakeCaller(7), "sr_rmmod", "m").detail,
               "rule 'never' (test.toml:1) forbids it");
 }
@@ -554,9 +554,9 @@ TEST(Decide, AnAdditionThatNeedsAnUnknownGroupIsRefused) {
     const auto set =
         MakeRules("[[rule]]\nname = \"r\"\nagent = \"sr_mount\"\npermit = true\nuser = \"*\"\n" +
                   std::string(kMountRule) + "options.always = \"gid=%gid\"\n");
-    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_mount", "-t vfat /a /m").status, agent::kOk);
+    EXPECT_EQ(Decide(*set, MakeCaller(1000), "sr_mount", "-t vfat /a /m").status, SR_OK);
     const Decision decision = Decide(*set, MakeCaller(77), "sr_mount", "-t vfat /a /m");
-    EXPECT_EQ(decision.status, agent::kRuleNotFound);
+    EXPECT_EQ(decision.status, SR_RULE_NO_FOUND);
     EXPECT_FALSE(decision.permit);
     EXPECT_EQ(decision.detail,
               "rule 'r' (test.toml:1) cannot be applied: the caller's group is not known");

@@ -18,22 +18,22 @@ namespace {
 // The answer's status; a permit without status 0 or the reverse is a failure by itself.
 int Answer(const agent::RuleSet& set, const DenialCase& one) {
     const agent::Parsed parsed = agent::Parse(one.operation, one.text);
-    if (parsed.status != agent::kOk) {
+    if (parsed.status != SR_OK) {
         return parsed.status;
     }
     const agent::Decision decision =
         agent::Decider(agent::Tools()).Decide(set, one.caller, parsed.request);
-    EXPECT_EQ(decision.permit.has_value(), decision.status == agent::kOk) << one.text;
+    EXPECT_EQ(decision.permit.has_value(), decision.status == SR_OK) << one.text;
     return decision.status;
 }
 
 TEST(DenialMatrix, EveryGoodRequestIsAllowed) {
     const auto set = MakeRules(kNarrowRules);
     for (const DenialCase& good : GoodCases()) {
-        EXPECT_EQ(Answer(*set, good), agent::kOk) << good.operation;
+        EXPECT_EQ(Answer(*set, good), SR_OK) << good.operation;
     }
     for (const GoodRequest& good : GoodRequests()) {
-        EXPECT_EQ(Answer(*set, {good.operation, good.text, MakeCaller(1000), false}), agent::kOk)
+        EXPECT_EQ(Answer(*set, {good.operation, good.text, MakeCaller(1000), false}), SR_OK)
             << good.operation;
     }
 }
@@ -45,10 +45,10 @@ TEST(DenialMatrix, EveryCaseIsRefused) {
     std::set<std::string> distinct;
     for (const DenialCase& one : DenialCases()) {
         const int status = Answer(*set, one);
-        EXPECT_TRUE(status == agent::kRuleNotFound || status == agent::kFail)
+        EXPECT_TRUE(status == SR_RULE_NO_FOUND || status == SR_FAIL)
             << one.operation << " " << one.text << " by " << one.caller.uid << ": " << status;
-        byRule += status == agent::kRuleNotFound ? 1 : 0;
-        malformed += status == agent::kFail ? 1 : 0;
+        byRule += status == SR_RULE_NO_FOUND ? 1 : 0;
+        malformed += status == SR_FAIL ? 1 : 0;
         distinct.insert(one.operation + " " + one.text);
     }
     std::cout << "refused: " << byRule << " by the rules, " << malformed << " malformed, of "
@@ -64,9 +64,9 @@ TEST(DenialMatrix, WideRulesLetThroughWhatIsWrongByRuleOnly) {
     int smuggled = 0;
     for (const DenialCase& one : DenialCases()) {
         const int status = Answer(*set, one);
-        allowed += status == agent::kOk ? 1 : 0;
+        allowed += status == SR_OK ? 1 : 0;
         smuggled += one.smuggled ? 1 : 0;
-        EXPECT_FALSE(one.smuggled && status == agent::kOk) << one.operation << " " << one.text;
+        EXPECT_FALSE(one.smuggled && status == SR_OK) << one.operation << " " << one.text;
     }
     std::cout << "allowed by wide rules: " << allowed << " of " << DenialCases().size()
               << " cases, of which " << smuggled << " can never be\n";

@@ -121,8 +121,8 @@ TEST(Examples, AnExt4IsMountedOnlyWithAnAnswerToItsErrors) {
     EXPECT_FALSE(Allowed(caller, "sr_mount", "-t auto /dev/sdb1 /media/usb0"));
     for (const agent::Rule& rule : kSet->rules) {
         for (const char* type : {"ext2", "ext3", "ext4"}) {
-            const bool ext = rule.permit && rule.operation == "sr_mount" && rule.type.given &&
-                             rule.type.Match(type, agent::Variables());
+            const bool ext = rule.permit && rule.operation == agent::Operation::kMount &&
+                             rule.type.given && rule.type.Match(type, agent::Variables());
             EXPECT_TRUE(!ext || std::count(rule.always.begin(), rule.always.end(),
                                            "errors=remount-ro") == 1)
                 << rule.where;

@@ -46,18 +46,15 @@ bool Climbs(const std::string& option) {
 
 class Judge {
 public:
-    Judge(const agent::Rule& theRule, const agent::Caller& caller, const agent::Tools& theTools,
-          const agent::Plan& thePlan)
-        : rule(theRule), tools(theTools), plan(thePlan) {
-        gid_t group = 0;
+    Judge(const agent::Rule& rule_, const agent::Caller& caller, const agent::Tools& tools_,
+          const agent::Plan& plan_)
+        : rule(rule_), tools(tools_), plan(plan_) {
         variables.uid = std::to_string(caller.uid);
-        if (TestAccounts().FindPrimaryGroup(caller.uid, group)) {
-            variables.gid = std::to_string(group);
+        if (const auto group = TestAccounts().FindPrimaryGroup(caller.uid)) {
+            variables.gid = std::to_string(*group);
         }
         for (const std::string& option : rule.always) {
-            std::string expanded;
-            agent::Expand(option, variables, expanded);
-            always.push_back(expanded);
+            always.push_back(agent::Expand(option, variables).value_or(""));
         }
     }
 
@@ -134,7 +131,7 @@ private:
     }
 
     void CheckOperation() {
-        const std::string& name = plan.operation;
+        const std::string name = agent::NameOf(plan.operation);
         if (name == "sr_mount" || name == "sr_mount_cifs") {
             CheckMount(name == "sr_mount");
         } else if (name == "sr_umount" || name == "sr_umount_cifs") {
@@ -144,7 +141,7 @@ private:
         } else if (name == "sr_insmod") {
             CheckModule();
         } else if (name == "sr_rmmod") {
-            Demand(plan.argv[0] == tools.rmmod, "the tool is not rmmod");
+            Demand(plan.argv[0] == tools.paths.at("rmmod"), "the tool is not rmmod");
             Demand(front.empty() && operands.size() == 1 && Allowed(rule.module, operands[0]),
                    "the module is not allowed");
         } else if (name == "sr_systemctl") {
@@ -173,7 +170,8 @@ private:
                 Demand(local && front[i] == "--no-canonicalize", "unexpected word " + front[i]);
             }
         }
-        Demand(plan.argv[0] == (local ? tools.mount : tools.mountCifs), "the tool is not mount");
+        Demand(plan.argv[0] == (local ? tools.paths.at("mount") : tools.paths.at("mount.cifs")),
+               "the tool is not mount");
         CheckMountOptions(options);
         if (local) {
             const bool bind = Contains(options, "bind");
@@ -236,7 +234,7 @@ private:
                                       "users", "owner", "group", "pass", "password"}) {
                 Demand(key != never, "the option " + option);
             }
-            const bool share = plan.operation == "sr_mount_cifs";
+            const bool share = plan.operation == agent::Operation::kMountCifs;
             for (const char* never : {"unc", "prefixpath", "cred", "credentials", "target"}) {
                 Demand(!share || key != never, "the option " + option);
             }
@@ -268,7 +266,7 @@ private:
         }
         Demand(Contains(front, "-i") && Contains(front, "--no-canonicalize"),
                "a helper could run, or paths be resolved");
-        Demand(plan.argv[0] == tools.umount, "the tool is not umount");
+        Demand(plan.argv[0] == tools.paths.at("umount"), "the tool is not umount");
         Demand(operands.size() == 1 && Allowed(rule.target, operands[0]) &&
                    HasPin(0, Pin::kMountPoint),
                "the mount point is not allowed");
@@ -309,7 +307,7 @@ private:
     }
 
     void CheckModule() {
-        Demand(plan.argv[0] == tools.insmod, "the tool is not insmod");
+        Demand(plan.argv[0] == tools.paths.at("insmod"), "the tool is not insmod");
         Demand(front.empty() && !operands.empty() && Allowed(rule.path, operands[0]) &&
                    HasPin(0, Pin::kModule) && plan.pins[0].rootOwnedChain,
                "the module is not allowed");
@@ -321,7 +319,7 @@ private:
     }
 
     void CheckUnits() {
-        Demand(plan.argv[0] == tools.systemctl, "the tool is not systemctl");
+        Demand(plan.argv[0] == tools.paths.at("systemctl"), "the tool is not systemctl");
         Demand(Contains(front, "--no-pager") && Contains(front, "--no-ask-password"),
                "a pager or an agent for passwords could run");
         for (const std::string& word : front) {
@@ -386,11 +384,11 @@ Words Ask(const agent::RuleSet& set, const agent::Caller& caller, const std::str
     static const agent::Tools kTools;
     permitted = false;
     const agent::Parsed parsed = agent::Parse(agentName, text);
-    if (parsed.status != agent::kOk) {
+    if (parsed.status != SR_OK) {
         return parsed.error.empty() ? Words{"a refusal without a reason"} : Words{};
     }
     const agent::Decision decision = agent::Decider(kTools).Decide(set, caller, parsed.request);
-    if ((decision.status == agent::kOk) != decision.permit.has_value()) {
+    if ((decision.status == SR_OK) != decision.permit.has_value()) {
         return {"status and permit disagree"};
     }
     if (!decision.permit) {
@@ -401,7 +399,7 @@ Words Ask(const agent::RuleSet& set, const agent::Caller& caller, const std::str
         return {"the secret is in the command"};
     }
     for (const agent::Rule& rule : set.rules) {
-        if (rule.where == decision.permit->GetRule() && rule.operation == agentName) {
+        if (rule.where == decision.rule && agent::NameOf(rule.operation) == agentName) {
             return Objections(rule, caller, kTools, decision.permit->GetPlan());
         }
     }

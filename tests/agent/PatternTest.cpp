@@ -161,9 +161,8 @@ TEST(Pattern, ANumberThatIsNotKnownMatchesNothing) {
     Variables variables;
     variables.uid = "1000";
     EXPECT_FALSE(Pattern(Pattern::kGlob, "gid=%gid").Matches("gid=", variables));
-    std::string expanded = "untouched";
-    EXPECT_FALSE(agent::Expand("gid=%gid", variables, expanded));
-    EXPECT_EQ(expanded, "untouched");
+    EXPECT_EQ(agent::Expand("gid=%gid", variables), std::nullopt);
+    EXPECT_EQ(agent::Expand("uid=%uid", variables), "uid=1000");
 }
 
 TEST(Pattern, OnlyATextWithoutWildcardsIsLiteral) {

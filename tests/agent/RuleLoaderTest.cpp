@@ -26,7 +26,7 @@ RuleSource Source(int rules) {
     for (int i = 0; i < rules; ++i) {
         source.files.files.push_back({"/f" + std::to_string(i), kRule, ""});
     }
-    source.accounts.users["someone"] = {true, 1000, ""};
+    source.accounts.users["someone"] = {1000, ""};
     return source;
 }
 
@@ -125,8 +125,8 @@ TEST(RuleSourceTest, PackingKeepsEverythingAndATextThatIsNotWholeIsNoSource) {
     RuleSource source = Source(2);
     source.files.errors = {"/d:0: cannot be opened", ""};
     source.files.files.push_back({"/g 1\n", std::string("\0 7 \xff", 5), "is a symbolic link"});
-    source.accounts.groups["g"] = {false, 0, "Input/output error"};
-    source.accounts.groups["max"] = {true, 4294967295U, ""};
+    source.accounts.groups["g"] = {std::nullopt, "Input/output error"};
+    source.accounts.groups["max"] = {4294967295U, ""};
     const std::string packed = source.Pack();
     RuleSource again;
     ASSERT_TRUE(again.Unpack(packed));

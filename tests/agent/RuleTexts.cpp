@@ -6,28 +6,25 @@
 
 #include "decide/RuleReader.h"
 
-bool FixedAccounts::FindUser(const std::string& name, uid_t& uid) const {
+std::optional<uid_t> FixedAccounts::FindUser(const std::string& name) const {
     if (name != "player" && name != "media" && name != "root") {
-        return false;
+        return std::nullopt;
     }
-    uid = name == "player" ? 1000 : name == "media" ? 1001 : 0;
-    return true;
+    return name == "player" ? 1000 : name == "media" ? 1001 : 0;
 }
 
-bool FixedAccounts::FindGroup(const std::string& name, gid_t& gid) const {
+std::optional<gid_t> FixedAccounts::FindGroup(const std::string& name) const {
     if (name != "media" && name != "disk") {
-        return false;
+        return std::nullopt;
     }
-    gid = name == "media" ? 44 : 6;
-    return true;
+    return name == "media" ? 44 : 6;
 }
 
-bool FixedAccounts::FindPrimaryGroup(uid_t uid, gid_t& gid) const {
+std::optional<gid_t> FixedAccounts::FindPrimaryGroup(uid_t uid) const {
     if (uid != 1000 && uid != 1001 && uid != 0) {
-        return false;
+        return std::nullopt;
     }
-    gid = uid == 0 ? 0 : uid + 100;
-    return true;
+    return uid == 0 ? 0 : uid + 100;
 }
 
 std::set<gid_t> FixedAccounts::FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const {

@@ -16,9 +16,9 @@
 // is the group disk (6) too.
 class FixedAccounts : public agent::Accounts {
 public:
-    bool FindUser(const std::string& name, uid_t& uid) const override;
-    bool FindGroup(const std::string& name, gid_t& gid) const override;
-    bool FindPrimaryGroup(uid_t uid, gid_t& gid) const override;
+    std::optional<uid_t> FindUser(const std::string& name) const override;
+    std::optional<gid_t> FindGroup(const std::string& name) const override;
+    std::optional<gid_t> FindPrimaryGroup(uid_t uid) const override;
     std::set<gid_t> FindGroupsOf(uid_t uid, const std::set<gid_t>& asked) const override;
 };
 
@@ -32,7 +32,7 @@ std::shared_ptr<const agent::RuleSet> MakeRules(const std::string& text);
 
 // One narrow rule for each operation, for the user 1000.
 extern const char* const kNarrowRules;
-// For each operation, in AgentNames()' order, a request that kNarrowRules allows.
+// For each operation, in the order of OperationRows(), a request that kNarrowRules allows.
 struct GoodRequest {
     const char* operation;
     const char* text;

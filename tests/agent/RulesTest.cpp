@@ -110,8 +110,8 @@ TEST(Rules, OneRuleForSeveralAgentsBecomesOneForEach) {
         "user = 0\ntarget = \"/m\"\n");
     ASSERT_TRUE(result.rules);
     ASSERT_EQ(result.rules->rules.size(), 2U);
-    EXPECT_EQ(result.rules->rules[0].operation, "sr_umount");
-    EXPECT_EQ(result.rules->rules[1].operation, "sr_umount_cifs");
+    EXPECT_EQ(result.rules->rules[0].operation, agent::Operation::kUmount);
+    EXPECT_EQ(result.rules->rules[1].operation, agent::Operation::kUmountCifs);
     EXPECT_EQ(result.rules->rules[1].where, "f:1");
 }
 
@@ -461,10 +461,10 @@ TEST_F(RuleFiles, LeaveNoDescriptorOpen) {
 TEST(Rules, AnAccountThatCannotBeLookedUpIsAnErrorAndNotAWarning) {
     class BrokenAccounts : public agent::Names {
     public:
-        bool FindUser(const std::string&, uid_t&) const override {
+        std::optional<uid_t> FindUser(const std::string&) const override {
             throw agent::LookUpFailed("Input/output error");
         }
-        bool FindGroup(const std::string&, gid_t&) const override {
+        std::optional<gid_t> FindGroup(const std::string&) const override {
             throw agent::LookUpFailed("Numerical result out of range");
         }
     };

@@ -11,20 +11,13 @@ namespace {
 using Words = std::vector<std::string>;
 
 Words Of(const std::string& text) {
-    Words words = {"(refused)"};
-    std::string error;
-    agent::SplitWords(text, words, error);
-    return words;
+    const agent::Result<Words> words = agent::SplitWords(text);
+    return words ? *words : Words{"(refused)"};
 }
 
 std::string ErrorOf(const std::string& text) {
-    Words words = {"untouched"};
-    std::string error;
-    if (agent::SplitWords(text, words, error)) {
-        return "(accepted)";
-    }
-    EXPECT_EQ(words, Words{"untouched"});
-    return error;
+    const agent::Result<Words> words = agent::SplitWords(text);
+    return words ? "(accepted)" : words.Reason();
 }
 
 // Any text as one word, the way a caller would write it.

@@ -70,10 +70,9 @@ TEST(QuoteTest, TheSplitterUndoesTheQuotingOfAnyWords) {
             words.push_back(RandomWord(random));
         }
         const std::string text = cli::JoinQuoted(words);
-        List found;
-        std::string error;
-        ASSERT_TRUE(agent::SplitWords(text, found, error)) << "seed " << seed << ": " << text;
-        ASSERT_EQ(words, found) << "seed " << seed << ": " << text;
+        const agent::Result<List> found = agent::SplitWords(text);
+        ASSERT_TRUE(found) << "seed " << seed << ": " << text;
+        ASSERT_EQ(words, *found) << "seed " << seed << ": " << text;
     }
 }
 
@@ -81,10 +80,9 @@ TEST(QuoteTest, EverySingleCharacterSurvivesAloneAndBetweenOthers) {
     for (int c = 0x20; c < 0x7f; ++c) {
         const std::string one(1, static_cast<char>(c));
         const List words = {one, "x" + one, one + "x", one + one, ""};
-        List found;
-        std::string error;
-        ASSERT_TRUE(agent::SplitWords(cli::JoinQuoted(words), found, error)) << c;
-        EXPECT_EQ(words, found) << c;
+        const agent::Result<List> found = agent::SplitWords(cli::JoinQuoted(words));
+        ASSERT_TRUE(found) << c;
+        EXPECT_EQ(words, *found) << c;
     }
 }
 

@@ -14,12 +14,12 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto kNarrow = MakeRules(kNarrowRules);
     static const auto kWide = MakeRules(kWideRules);
-    static const std::vector<std::string> kAgents = agent::AgentNames();
+    static const std::vector<agent::OperationRow>& kOperations = agent::OperationRows();
     static const uid_t kUids[] = {0, 1000, 1001, 65534};
     if (size < 1) {
         return 0;
     }
-    const std::string& name = kAgents[data[0] % kAgents.size()];
+    const std::string name = kOperations[data[0] % kOperations.size()].name;
     const agent::Caller caller = MakeCaller(kUids[data[0] / 8 % 4]);
     const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
     for (const auto& set : {kNarrow, kWide}) {

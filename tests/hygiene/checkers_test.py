@@ -282,6 +282,23 @@ def ATableOfCodesThatDiffersIsRefused(root):
     expect(1, "the table has", "texts.py", "codes", root / "m", root / "h")
 
 
+def AnOperationThatIsNamedTwiceOrMissesSomewhereIsRefused(root):
+    names = '{"sr_mount", 1},\n{"sr_umount", 2},\n'
+    good = {"agent/base/Operation.cpp": names, "service/src/api/SR_API.cpp": names,
+            "cli/Operations.cpp": names, "agent/gate/Gate.h": 'int a;  // as "sr_mount"\n',
+            "agent/gate/Gate.cpp": 'const char kBus[] = "org.sentrel.sr_agent";\n'}
+    write(root, good)
+    expect(0, "2 operations", "texts.py", "operations", root)
+    for changed, word in (
+            ({"agent/gate/Gate.cpp": '\nif (name == "sr_mount") {\n'}, "agent/gate/Gate.cpp:2: "),
+            ({"agent/gate/Gate.h": 'bool Is(name, "sr_");\n'}, "agent/gate/Gate.h:1: "),
+            ({"cli/Operations.cpp": '{"sr_mount"},\n'}, "cli/Operations.cpp has ['sr_mount'], not"),
+            ({"service/src/api/SR_API.cpp": names + '"sr_mknod"'}, "SR_API.cpp has ['sr_mknod', "),
+            ({name: "" for name in good}, "no operation found")):
+        write(root, {**good, **changed})
+        expect(1, word, "texts.py", "operations", root)
+
+
 def AShownLogLineThatStandsElsewhereIsRefused(root):
     write(root, {"docs/a.md": "`[SR] [A.cpp(Do() +2)][x]5`\n",
                  "src/A.cpp": 'void Do() {\n    SR_LOG(ERR, "[x]" << 5);\n}\n'})

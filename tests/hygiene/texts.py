@@ -7,6 +7,8 @@ texts.py version ROOT         the version is written once, and the changelog ope
 texts.py pins SOURCES TESTS   each "pinned by SUITE, "NAME"" in SOURCES names a test in TESTS
 texts.py codes README HEADER  the README's table of status codes is the header's
 texts.py lines DOCS SOURCES   a log line shown in DOCS comes from that very line of SOURCES
+texts.py operations ROOT      the agent names each operation in one file, and the library and the
+                              command have the same ones
 """
 import os
 import pathlib
@@ -126,9 +128,28 @@ def check_lines(docs, source_root):
     return faults if count else ["no log line found"]
 
 
+def check_operations(root):
+    root, home, faults = pathlib.Path(root), pathlib.Path("agent/base/Operation.cpp"), []
+    quoted = re.compile(r'"(sr_\w*)"')
+    for path in sources(root / "agent"):
+        if path.relative_to(root) == home:
+            continue
+        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+            code = re.sub(r"(^|\s)//.*", "", line)  # a comment may name one
+            if '"sr_' in code:
+                faults.append(f"{path.relative_to(root)}:{number}: {home} alone names operations")
+    lists = {name: sorted(quoted.findall((root / name).read_text(encoding="utf-8")))
+             for name in (home.as_posix(), "service/src/api/SR_API.cpp", "cli/Operations.cpp")}
+    agents = lists[home.as_posix()]
+    faults += [f"{name} has {found}, not {agents}" for name, found in lists.items()
+               if found != agents]
+    print(f"{len(agents)} operations")
+    return faults if agents else ["no operation found"]
+
+
 def main():
     checks = {"spdx": check_spdx, "version": check_version, "pins": check_pins,
-              "codes": check_codes, "lines": check_lines}
+              "codes": check_codes, "lines": check_lines, "operations": check_operations}
     faults = checks[sys.argv[1]](*sys.argv[2:])
     print("\n".join(faults))
     return 1 if faults else 0

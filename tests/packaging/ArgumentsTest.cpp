@@ -14,8 +14,9 @@ using sentrel::Arguments;
 typedef std::vector<std::string> List;
 
 bool Split(const std::string& text, List& words) {
-    std::string error;
-    return agent::SplitWords(text, words, error);
+    const agent::Result<List> split = agent::SplitWords(text);
+    words = split ? *split : words;
+    return static_cast<bool>(split);
 }
 
 // A character of 1 to 4 bytes that a word may hold, the awkward ones often.

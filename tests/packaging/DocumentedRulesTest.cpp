@@ -20,18 +20,9 @@ const uid_t kMe = 1000;
 // Every name is an account.
 class EveryName : public agent::Accounts {
 public:
-    bool FindUser(const std::string&, uid_t& uid) const override {
-        uid = kMe;
-        return true;
-    }
-    bool FindGroup(const std::string&, gid_t& gid) const override {
-        gid = 1000;
-        return true;
-    }
-    bool FindPrimaryGroup(uid_t, gid_t& gid) const override {
-        gid = 1000;
-        return true;
-    }
+    std::optional<uid_t> FindUser(const std::string&) const override { return kMe; }
+    std::optional<gid_t> FindGroup(const std::string&) const override { return 1000; }
+    std::optional<gid_t> FindPrimaryGroup(uid_t) const override { return 1000; }
     std::set<gid_t> FindGroupsOf(uid_t, const std::set<gid_t>&) const override { return {}; }
 };
 
@@ -81,7 +72,7 @@ protected:
         caller.uid = kMe;
         caller.account = agent::LookUp(accounts, kMe, {{}, true});
         const agent::Parsed parsed = agent::Parse(name, text);
-        EXPECT_EQ(agent::kOk, parsed.status) << parsed.error;
+        EXPECT_EQ(SR_OK, parsed.status) << parsed.error;
         return agent::Decider(agent::Tools()).Decide(*result.rules, caller, parsed.request).status;
     }
 
@@ -93,22 +84,21 @@ TEST_F(DocumentedRulesTest, TheManualsRulesAllowWhatTheySay) {
         Load(Rules(SENTREL_DOCS "/man/sentrel-rules.5", ".Bd -literal -offset indent", ".Ed"));
     ASSERT_TRUE(result.rules);
     EXPECT_EQ(4U, result.rules->rules.size());
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_mount", "-t vfat -o ro,uid=1000 /dev/sdb1 /media/usb0"));
-    EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_mount", "-t vfat /dev/sda1 /media/usb0"));
-    EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_mount", "-t vfat /dev/mmcblk0p1 /media/usb0"));
-    EXPECT_EQ(agent::kRuleNotFound,
-              Ask(result, "sr_mount", "-t vfat -o exec /dev/sdb1 /media/usb0"));
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_umount", "-l /media/usb0"));
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_systemctl", "restart player player-db.service"));
-    EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_systemctl", "stop player"));
+    EXPECT_EQ(SR_OK, Ask(result, "sr_mount", "-t vfat -o ro,uid=1000 /dev/sdb1 /media/usb0"));
+    EXPECT_EQ(SR_RULE_NO_FOUND, Ask(result, "sr_mount", "-t vfat /dev/sda1 /media/usb0"));
+    EXPECT_EQ(SR_RULE_NO_FOUND, Ask(result, "sr_mount", "-t vfat /dev/mmcblk0p1 /media/usb0"));
+    EXPECT_EQ(SR_RULE_NO_FOUND, Ask(result, "sr_mount", "-t vfat -o exec /dev/sdb1 /media/usb0"));
+    EXPECT_EQ(SR_OK, Ask(result, "sr_umount", "-l /media/usb0"));
+    EXPECT_EQ(SR_OK, Ask(result, "sr_systemctl", "restart player player-db.service"));
+    EXPECT_EQ(SR_RULE_NO_FOUND, Ask(result, "sr_systemctl", "stop player"));
 }
 
 TEST_F(DocumentedRulesTest, TheFirstGuidesRulesAllowItsCalls) {
     const agent::LoadResult result = Load(Rules(SENTREL_DOCS "/first-call.md", "```toml", "```"));
     ASSERT_TRUE(result.rules);
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_mount", "-t tmpfs -o size=1m none /run/media/x"));
-    EXPECT_EQ(agent::kOk, Ask(result, "sr_umount", "/run/media/x"));
-    EXPECT_EQ(agent::kRuleNotFound, Ask(result, "sr_umount", "/run/media/y"));
+    EXPECT_EQ(SR_OK, Ask(result, "sr_mount", "-t tmpfs -o size=1m none /run/media/x"));
+    EXPECT_EQ(SR_OK, Ask(result, "sr_umount", "/run/media/x"));
+    EXPECT_EQ(SR_RULE_NO_FOUND, Ask(result, "sr_umount", "/run/media/y"));
 }
 
 }  // namespace

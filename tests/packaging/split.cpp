@@ -5,13 +5,13 @@
 #include "parse/Words.h"
 
 int main(int argc, char** argv) {
-    std::vector<std::string> words;
-    std::string error;
-    if (argc != 2 || !agent::SplitWords(argv[1], words, error)) {
-        std::fprintf(stderr, "split: %s\n", error.c_str());
+    const agent::Result<std::vector<std::string>> words =
+        agent::SplitWords(argc == 2 ? argv[1] : "'");
+    if (!words) {
+        std::fprintf(stderr, "split: %s\n", words.Reason().c_str());
         return 1;
     }
-    for (const std::string& word : words) {
+    for (const std::string& word : *words) {
         if (std::fwrite(word.c_str(), 1, word.size() + 1, stdout) != word.size() + 1) {
             return 1;
         }

@@ -103,7 +103,7 @@ TEST_F(ExecutorTest, TheToolRunsInAStateOfItsOwnWithLimits) {
     sigaddset(&blocked, SIGUSR1);
     ASSERT_EQ(sigprocmask(SIG_BLOCK, &blocked, nullptr), 0);
     Plan plan = ToolPlan({"state"});
-    plan.operation = "sr_mknod";
+    plan.operation = agent::Operation::kMknod;
     EXPECT_EQ(Run(plan).output,
               "cwd /\nstdin /dev/null\numask 18\nown session yes\nown group yes\n"
               "ignored " +
@@ -483,7 +483,7 @@ TEST_F(ExecutorTest, TwoHundredRequestsAreServedWhileOneHangs) {
         Plan plan = hung ? ToolPlan({"ignore-term"}) : ToolPlan({"exit", std::to_string(id % 100)});
         plan.deadline = hung ? milliseconds(15000) : milliseconds(60000);
         executor->Start(
-            agent::Decider::Make(std::move(plan)), caller,
+            test::PermitFor(plan), caller,
             hung ? relays->Start(agent::OwnedFd(dup(hungPipe.writer.Get())), caller) : nullptr,
             std::chrono::steady_clock::now(),
             [&results, id](const agent::Outcome& outcome) {

@@ -44,7 +44,7 @@ protected:
     static Plan MountPlan(const std::vector<std::string>& options, const std::string& source,
                           const std::string& where) {
         Plan plan;
-        plan.operation = "sr_mount";
+        plan.operation = agent::Operation::kMount;
         plan.argv = {"/usr/bin/mount", "-i", "-n", "--no-canonicalize"};
         plan.argv.insert(plan.argv.end(), options.begin(), options.end());
         plan.argv.insert(plan.argv.end(), {"--", source, where});
@@ -64,7 +64,7 @@ protected:
 
     static Plan UmountPlan(const std::string& where, const std::vector<std::string>& flags = {}) {
         Plan plan;
-        plan.operation = "sr_umount";
+        plan.operation = agent::Operation::kUmount;
         plan.argv = {"/usr/bin/umount", "-i", "--no-canonicalize"};
         plan.argv.insert(plan.argv.end(), flags.begin(), flags.end());
         plan.argv.insert(plan.argv.end(), {"--", where});
@@ -75,7 +75,7 @@ protected:
     // Of the device 1:3.
     static Plan NodePlan(const std::string& path, mode_t type) {
         Plan plan;
-        plan.operation = "sr_mknod";
+        plan.operation = agent::Operation::kMknod;
         plan.argv = {"mknod", "-m", "0640", "--", path};
         plan.pins.push_back(MakePin(4, Pin::kParent, path));
         plan.node.emplace();
@@ -596,7 +596,7 @@ TEST_F(MountTest, AMountPointSwappedForALinkIsNotUnmountedThrough) {
     ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
     ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
     Plan plan = ToolPlan({"swap-then-umount", target, directory / "moved", elsewhere, target});
-    plan.operation = "sr_umount";
+    plan.operation = agent::Operation::kUmount;
     plan.pins.push_back(MakePin(5, Pin::kMountPoint, target));
     ExpectFine(Run(plan));
     EXPECT_NE(MountedOn(elsewhere), "");

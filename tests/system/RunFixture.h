@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of running tools share: permits without rules, a loop with relays and an executor,
-// a private directory, and a pipe that stands for the caller's descriptor.
+// What the tests of running tools share: permits for any command, a loop with relays and an
+// executor, a private directory, and a pipe that stands for the caller's descriptor.
 #ifndef SENTREL_TESTS_RUNFIXTURE_H
 #define SENTREL_TESTS_RUNFIXTURE_H
 
@@ -20,18 +20,9 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "Permits.h"
 #include "Skip.h"
 #include "run/Executor.h"
-
-namespace agent {
-
-// Stands in for the rules: here everything is allowed.
-class Decider {
-public:
-    static Permit Make(Plan plan) { return Permit(std::move(plan), "test:1"); }
-};
-
-}  // namespace agent
 
 const uid_t kNobody = 65534;
 
@@ -175,7 +166,7 @@ protected:
 
     agent::Plan ToolPlan(const std::vector<std::string>& words) const {
         agent::Plan plan;
-        plan.operation = "sr_mount";
+        plan.operation = agent::Operation::kMount;
         plan.argv = {tool};
         plan.argv.insert(plan.argv.end(), words.begin(), words.end());
         return plan;
@@ -183,7 +174,7 @@ protected:
 
     void Start(agent::Plan plan, Result& result, const std::shared_ptr<agent::Relay>& relay) {
         executor->Start(
-            agent::Decider::Make(std::move(plan)), caller, relay, std::chrono::steady_clock::now(),
+            test::PermitFor(plan), caller, relay, std::chrono::steady_clock::now(),
             [&result](const agent::Outcome& outcome) {
                 result.outcome = outcome;
                 ++result.answers;
