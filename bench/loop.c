@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Measures one iteration of a peer's loop (loop.h). Workloads: WATCHED eventfds, of which READY are
-// ready: the first, the last or all. (With the first ready poll(2) does not put itself on the wait
-// queues of the rest, with the last ready it does.) Ready ones stay ready, so that nothing but the
-// loop is measured. An iteration is what serves every ready descriptor once; a loop whose step
-// serves fewer or more is run until READY handlers have run, and the time is divided by what was
-// served.
+// ready: the first, the last or all; or all, watched in no order of their numbers (mixed). (With
+// the first ready poll(2) does not put itself on the wait queues of the rest, with the last ready
+// it does.) Ready ones stay ready, so that nothing but the loop is measured. An iteration is what
+// serves every ready descriptor once; a loop whose step serves fewer or more is run until READY
+// handlers have run, and the time is divided by what was served.
 //
-//   --watched N    (16)     --ready first|last|all (all)
+//   --watched N    (16)     --ready first|last|all|mixed (all)
 //   --rounds                 reads iteration counts, one a line, and makes a round of each
 //   --iterations N (1000)   without --rounds
 //
@@ -56,6 +56,18 @@ static int* make_descriptors(int watched, int first, int last) {
     return descriptors;
 }
 
+/* The same order in every run, and none: a descriptor of a program that has run for long is any. */
+static void shuffle(int* descriptors, int count) {
+    uint32_t state = 1;
+    for (int i = count - 1; i > 0; --i) {
+        state = state * 1664525U + 1013904223U;
+        const int other = (int)((state >> 8) % (uint32_t)(i + 1));
+        const int kept = descriptors[i];
+        descriptors[i] = descriptors[other];
+        descriptors[other] = kept;
+    }
+}
+
 /* Iterates about `iterations` times; nanoseconds for one. */
 static uint64_t batch(long iterations, int ready) {
     served = 0;
@@ -101,6 +113,9 @@ int main(int argc, char** argv) {
         measure_fail("at least one descriptor and one iteration");
     }
     int* descriptors = make_descriptors(watched, first, last);
+    if (strcmp(which, "mixed") == 0) {
+        shuffle(descriptors, watched);
+    }
     loop_open(watched, descriptors);
     (void)batch(1, ready); /* settle */
     if (!measure_flag(argc, argv, "--rounds")) {

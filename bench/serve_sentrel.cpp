@@ -4,7 +4,6 @@
 #include <dbus/dbus.h>
 #include <sentrel/sentrel.h>
 
-#include <boost/make_shared.hpp>
 #include <string>
 
 #include "serve.h"
@@ -13,13 +12,7 @@ namespace {
 
 class Interface : public sentrel::SR_DBusIAdaptor {
 public:
-    Interface() : SR_DBusIAdaptor(BENCH_NAME) {
-        typedef sentrel::SR_DBusMessage Reply;
-        typedef const sentrel::SR_DBusCallMessage& Call;
-        AddMethod(BENCH_MEMBER, sentrel::Slot<Reply, Call>(
-                                    boost::make_shared<sentrel::Callback<Interface, Reply, Call> >(
-                                        this, &Interface::Answer)));
-    }
+    Interface() : SR_DBusIAdaptor(BENCH_NAME) { AddMethod(BENCH_MEMBER, this, &Interface::Answer); }
 
 private:
     sentrel::SR_DBusMessage Answer(const sentrel::SR_DBusCallMessage& call) {

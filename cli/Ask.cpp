@@ -2,12 +2,14 @@
 #include "Ask.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "Control.h"
-#include "Json.h"
+#include "ForProgram.h"
+#include "Outcome.h"
 #include "Quote.h"
+#include "Told.h"
 
 namespace cli {
 
@@ -46,12 +48,7 @@ Refusal FindRefusal(const std::string& error) {
 int Report(const char* question, const Answer& failure, const Options& options) {
     const Refusal refusal = FindRefusal(failure.error);
     if (options.json) {
-        const Json object = Json::Object()
-                                .Add("error", Json::Text(failure.error))
-                                .Add("text", Json::Text(failure.text))
-                                .Add("exit", Json::Number(refusal.exit))
-                                .Add("advice", Json::Text(refusal.advice));
-        std::printf("%s\n", object.Write().c_str());
+        std::printf("%s\n", FailureLine(failure, refusal.exit, refusal.advice).c_str());
     } else if (!options.quiet) {
         Complain(std::string(question) + ": " + failure.error + ": " + failure.text);
         Complain(std::string("what to do: ") + refusal.advice);
@@ -61,111 +58,110 @@ int Report(const char* question, const Answer& failure, const Options& options) 
 
 // Asks, and prints the answer as it came for a program. Anything but 0 ends the command.
 int Ask(const char* question, const char* member, const std::vector<std::string>& texts,
-        Json::Kind expected, const Options& options, Json& answer) {
+        Told::Shape expected, const Options& options, Told& told) {
     const Answer received = AskControl(member, texts);
     if (!received.error.empty()) {
         return Report(question, received, options);
     }
-    if (!Json::Parse(received.text, answer) || answer.GetKind() != expected) {
-        return Report(question, Answer{"org.sentrel.Error.Answer", "the answer is not readable"},
-                      options);
+    told = Told::Read(received.text, expected);
+    if (!told.error.empty()) {
+        return Report(
+            question,
+            Answer{"org.sentrel.Error.Answer", "the answer is not readable: " + told.error},
+            options);
     }
     if (options.json) {
-        std::printf("%s\n", answer.Write().c_str());
+        std::printf("%s\n", told.line.c_str());
     }
     return 0;
 }
 
-std::string Duration(const std::string& seconds) {
-    const long long all = std::atoll(seconds.c_str());
+std::string Duration(long long seconds) {
     std::string text;
-    if (all >= kDay) {
-        text += std::to_string(all / kDay) + " d ";
+    if (seconds >= kDay) {
+        text += std::to_string(seconds / kDay) + " d ";
     }
-    if (all >= kHour) {
-        text += std::to_string(all % kDay / kHour) + " h ";
+    if (seconds >= kHour) {
+        text += std::to_string(seconds % kDay / kHour) + " h ";
     }
-    if (all >= kMinute) {
-        text += std::to_string(all % kHour / kMinute) + " min ";
+    if (seconds >= kMinute) {
+        text += std::to_string(seconds % kHour / kMinute) + " min ";
     }
-    return text + std::to_string(all % kMinute) + " s";
+    return text + std::to_string(seconds % kMinute) + " s";
+}
+
+void PrintLine(const std::string& name, const std::string& text) {
+    std::printf("%-10s %s\n", (Printable(name) + ":").c_str(), Printable(text).c_str());
 }
 
 // A line for each, or the words of a command line on one.
-void PrintList(const std::string& name, const Json& list) {
-    std::vector<std::string> words;
-    for (const auto& member : list.GetMembers()) {
-        words.push_back(member.second.Content());
-    }
+void PrintList(const std::string& name, const std::vector<std::string>& words) {
     if (name == "argv") {
-        words = {JoinQuoted(words)};
+        PrintLine(name, JoinQuoted(words));
+        return;
     }
     for (const std::string& word : words) {
-        std::printf("%-10s %s\n", (name + ":").c_str(), Printable(word).c_str());
+        PrintLine(name, word);
     }
+}
+
+// Of a status that the agent has told; empty for what is none.
+std::string NameOfStatus(long long number) {
+    const bool fits =
+        number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max();
+    return fits ? std::string(" ") + StatusName(static_cast<int>(number)) : "";
 }
 
 // The fields in the agent's order, those that a later agent adds included.
-void PrintFields(const Json& object) {
-    for (const auto& member : object.GetMembers()) {
-        const Json& value = member.second;
-        std::string name = Printable(member.first);
-        std::string text = value.Content();
-        if (value.GetKind() == Json::kList) {
-            PrintList(name, value);
-            continue;
-        }
-        if (name == "uptime_s") {
-            name = "uptime";
-            text = Duration(text);
-        } else if (name == "status" && value.GetKind() == Json::kNumber) {
-            const int status = static_cast<int>(std::atoll(text.c_str()));
-            text += std::string(" ") + StatusName(status);
-        }
-        if (!text.empty()) {
-            std::printf("%-10s %s\n", (name + ":").c_str(), Printable(text).c_str());
+void PrintFields(const Fields& fields) {
+    for (const Field& field : fields) {
+        if (field.list) {
+            PrintList(field.name, *field.list);
+        } else if (field.number && field.name == "uptime_s") {
+            PrintLine("uptime", Duration(*field.number));
+        } else if (field.number && field.name == "status") {
+            PrintLine(field.name, field.text + NameOfStatus(*field.number));
+        } else if (!field.text.empty()) {
+            PrintLine(field.name, field.text);
         }
     }
-}
-
-bool IsEmptyList(const Json& object, const char* name) {
-    const Json* list = object.Find(name);
-    return list == nullptr || list->GetMembers().empty();
 }
 
 }  // namespace
 
 int AskTest(const Operation& operation, const std::string& text, const Options& options) {
-    Json answer;
-    const int failed = Ask("test", "Test", {operation.agent, text}, Json::kObject, options, answer);
+    Told told;
+    const int failed =
+        Ask("test", "Test", {operation.operation, text}, Told::kObject, options, told);
     if (failed != 0) {
         return failed;
     }
     if (!options.json) {
-        PrintFields(answer);
+        PrintFields(told.objects[0]);
     }
-    return answer.Field("decision") == "allow" ? 0 : kRefused;
+    return TextOf(told.objects[0], "decision") == "allow" ? 0 : kRefused;
 }
 
 int AskStatus(const Options& options) {
-    Json answer;
-    const int failed = Ask("status", "Status", {}, Json::kObject, options, answer);
+    Told told;
+    const int failed = Ask("status", "Status", {}, Told::kObject, options, told);
     if (failed == 0 && !options.json) {
-        PrintFields(answer);
+        PrintFields(told.objects[0]);
     }
     return failed;
 }
 
 int AskReload(const Options& options) {
-    Json answer;
-    const int failed = Ask("reload", "Reload", {}, Json::kObject, options, answer);
+    Told told;
+    const int failed = Ask("reload", "Reload", {}, Told::kObject, options, told);
     if (failed != 0) {
         return failed;
     }
     if (!options.json) {
-        PrintFields(answer);
+        PrintFields(told.objects[0]);
     }
-    if (IsEmptyList(answer, "errors")) {
+    const Field* errors = FindField(told.objects[0], "errors");
+    if (errors == nullptr || !errors->list || errors->list->empty()) {
         return 0;
     }
     if (!options.json && !options.quiet) {
@@ -175,16 +171,16 @@ int AskReload(const Options& options) {
 }
 
 int AskMounts(const Options& options) {
-    Json answer;
-    const int failed = Ask("mounts", "Mounts", {}, Json::kList, options, answer);
+    Told told;
+    const int failed = Ask("mounts", "Mounts", {}, Told::kObjects, options, told);
     if (failed != 0 || options.json) {
         return failed;
     }
-    for (const auto& member : answer.GetMembers()) {
-        const Json& mount = member.second;
-        const std::string line = mount.Field("source") + " on " + mount.Field("target") + " type " +
-                                 mount.Field("type") + " (rule " + mount.Field("rule") + ", uid " +
-                                 mount.Field("uid") + ", since " + mount.Field("since") + ")";
+    for (const Fields& mount : told.objects) {
+        const std::string line = TextOf(mount, "source") + " on " + TextOf(mount, "target") +
+                                 " type " + TextOf(mount, "type") + " (rule " +
+                                 TextOf(mount, "rule") + ", uid " + TextOf(mount, "uid") +
+                                 ", since " + TextOf(mount, "since") + ")";
         std::printf("%s\n", Printable(line).c_str());
     }
     return 0;

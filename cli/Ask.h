@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Operations.h"
+#include "Options.h"
 
 namespace cli {
 

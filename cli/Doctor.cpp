@@ -9,8 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "Json.h"
+#include "ForProgram.h"
 #include "Quote.h"
+#include "Told.h"
 
 namespace cli {
 
@@ -183,15 +184,20 @@ Step AnswerStep(const Findings& findings) {
 }
 
 Step RulesStep(const Findings& findings, const Step& before) {
-    Json status;
     if (before.state != State::kGood) {
         return Unknown("rules", "not tried");
     }
-    if (!findings.status.error.empty() || !Json::Parse(findings.status.text, status) ||
-        status.Find("rules") == nullptr) {
+    if (!findings.status.error.empty()) {
         return Unknown("rules", "the agent does not tell: " + findings.status.text);
     }
-    const std::string count = status.Field("rules");
+    const Told status = Told::Read(findings.status.text, Told::kObject);
+    if (!status.error.empty()) {
+        return Unknown("rules", "the agent's answer is not readable: " + status.error);
+    }
+    const std::string count = TextOf(status.objects[0], "rules");
+    if (count.empty()) {
+        return Unknown("rules", "the agent does not tell");
+    }
     if (count != "0") {
         return Good("rules", count + " loaded");
     }
@@ -201,30 +207,6 @@ Step RulesStep(const Findings& findings, const Step& before) {
                 {"put rules into a file /etc/sentrel/rules.d/NAME.toml", "sentrel-agent --check",
                  "sentrel reload"},
                 kRefused};
-}
-
-const char* StateName(State state) {
-    return state == State::kGood ? "ok" : state == State::kFailed ? "failed" : "unknown";
-}
-
-void PrintForProgram(const std::vector<Step>& steps, int exit) {
-    Json list = Json::List();
-    for (const Step& step : steps) {
-        Json advice = Json::List();
-        for (const std::string& line : step.advice) {
-            advice.Add(Json::Text(line));
-        }
-        list.Add(Json::Object()
-                     .Add("step", Json::Text(step.name))
-                     .Add("state", Json::Text(StateName(step.state)))
-                     .Add("detail", Json::Text(step.detail))
-                     .Add("advice", advice));
-    }
-    const Json object = Json::Object()
-                            .Add("ok", Json::Bool(exit == 0))
-                            .Add("exit", Json::Number(exit))
-                            .Add("steps", list);
-    std::printf("%s\n", object.Write().c_str());
 }
 
 void Print(const std::vector<Step>& steps) {
@@ -238,6 +220,10 @@ void Print(const std::vector<Step>& steps) {
 }
 
 }  // namespace
+
+const char* StateName(State state) {
+    return state == State::kGood ? "ok" : state == State::kFailed ? "failed" : "unknown";
+}
 
 Person Person::Myself() {
     Person person;
@@ -288,7 +274,7 @@ int Doctor(const Options& options) {
         exit = exit == 0 && step.state == State::kFailed ? step.exit : exit;
     }
     if (options.json) {
-        PrintForProgram(steps, exit);
+        std::printf("%s\n", StepsLine(steps, exit).c_str());
     } else {
         Print(steps);
     }

@@ -26,6 +26,8 @@ struct Person {
 
 enum class State { kGood, kFailed, kUnknown };
 
+const char* StateName(State state);
+
 struct Step {
     const char* name;
     State state;

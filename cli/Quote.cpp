@@ -2,8 +2,7 @@
 #include "Quote.h"
 
 #include <sentrel/Arguments.h>
-
-#include "Text.h"
+#include <utf8.h>
 
 namespace cli {
 
@@ -16,15 +15,7 @@ std::string JoinQuoted(const std::vector<std::string>& words) {
 }
 
 bool IsText(const std::string& bytes) {
-    for (std::size_t at = 0; at < bytes.size();) {
-        unsigned value = 0;
-        const std::size_t length = CharacterAt(bytes, at, value);
-        if (length == 0 || value == 0) {
-            return false;
-        }
-        at += length;
-    }
-    return true;
+    return bytes.find('\0') == std::string::npos && utf8::is_valid(bytes.begin(), bytes.end());
 }
 
 }  // namespace cli

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Characters: what is well-formed UTF-8, and what may be shown to a person. Bytes that come from
-// elsewhere may hold sequences that drive a terminal; they are shown, never sent. Pure functions.
+// What may be shown to a person. Bytes that come from elsewhere may hold sequences that drive a
+// terminal; they are shown, never sent. Pure functions.
 #ifndef SENTREL_CLI_TEXT_H
 #define SENTREL_CLI_TEXT_H
 
-#include <cstddef>
 #include <string>
 
 namespace cli {
-
-// The length of the well-formed UTF-8 character at `at` and its value; 0 for none.
-std::size_t CharacterAt(const std::string& bytes, std::size_t at, unsigned& value);
 
 // C0, DEL and C1.
 bool IsControl(unsigned character);

@@ -10,9 +10,11 @@
 #include <optional>
 
 #include "Ask.h"
+#include "Carry.h"
 #include "Doctor.h"
-#include "Json.h"
+#include "ForProgram.h"
 #include "Operations.h"
+#include "Outcome.h"
 #include "Quote.h"
 #include "Trace.h"
 
@@ -30,15 +32,6 @@ const char kHelp[] =
 
 const char kHelpEnd[] =
     "\n"
-    "  raw          send the argument text as it is instead of making it from words\n"
-    "  test         ask what the agent would decide, and why, without carrying it out\n"
-    "  status       print how the agent is doing\n"
-    "  reload       let the agent read its rules again (root)\n"
-    "  mounts       print what is mounted through the agent\n"
-    "  doctor       look at each step of the way to the agent, and say what to do\n"
-    "  errors       print the status codes and what they mean\n"
-    "  version      print the versions of the command and of the library's interface\n"
-    "\n"
     "  --json       print for a program: one JSON text, the tool's output in it\n"
     "  --raw        let the tool's output reach a terminal as it is; by default control "
     "characters\n"
@@ -51,21 +44,9 @@ const char kHelpEnd[] =
     "Exit status: the tool's own up to 124; 125 wrong usage, a failed exchange, or a tool's exit\n"
     "code above 124; 126 refused or failed by the agent; 127 no agent there.\n";
 
-int PrintHelp() {
-    (void)std::fputs(kHelp, stdout);
-    for (const cli::Operation& operation : cli::Operations()) {
-        std::printf("  %-12s %s\n", operation.name, operation.operands);
-    }
-    (void)std::fputs(kHelpEnd, stdout);
-    return 0;
-}
-
 int PrintVersion(const cli::Options& options) {
     if (options.json) {
-        const cli::Json object = cli::Json::Object()
-                                     .Add("version", cli::Json::Text(SENTREL_VERSION))
-                                     .Add("interface", cli::Json::Text(SR_ConfigInfo()));
-        std::printf("%s\n", object.Write().c_str());
+        std::printf("%s\n", cli::VersionLine(SENTREL_VERSION, SR_ConfigInfo()).c_str());
     } else {
         std::printf("sentrel %s, interface %s\n", SENTREL_VERSION, SR_ConfigInfo());
     }
@@ -136,20 +117,36 @@ int RunTest(const std::vector<std::string>& words, const cli::Options& options) 
 
 struct Command {
     const char* name;
+    const char* help;
     int (*withWords)(const std::vector<std::string>& words, const cli::Options& options);
     int (*alone)(const cli::Options& options);
 };
 
 const Command kCommands[] = {
-    {"raw", RunRaw, nullptr},
-    {"test", RunTest, nullptr},
-    {"status", nullptr, cli::AskStatus},
-    {"reload", nullptr, cli::AskReload},
-    {"mounts", nullptr, cli::AskMounts},
-    {"doctor", nullptr, cli::Doctor},
-    {"errors", nullptr, PrintErrors},
-    {"version", nullptr, PrintVersion},
+    {"raw", "send the argument text as it is instead of making it from words", RunRaw, nullptr},
+    {"test", "ask what the agent would decide, and why, without carrying it out", RunTest, nullptr},
+    {"status", "print how the agent is doing", nullptr, cli::AskStatus},
+    {"reload", "let the agent read its rules again (root)", nullptr, cli::AskReload},
+    {"mounts", "print what is mounted through the agent", nullptr, cli::AskMounts},
+    {"doctor", "look at each step of the way to the agent, and say what to do", nullptr,
+     cli::Doctor},
+    {"errors", "print the status codes and what they mean", nullptr, PrintErrors},
+    {"version", "print the versions of the command and of the library's interface", nullptr,
+     PrintVersion},
 };
+
+int PrintHelp() {
+    (void)std::fputs(kHelp, stdout);
+    for (const cli::Operation& operation : cli::Operations()) {
+        std::printf("  %-12s %s\n", operation.name, operation.operands);
+    }
+    std::printf("\n");
+    for (const Command& command : kCommands) {
+        std::printf("  %-12s %s\n", command.name, command.help);
+    }
+    (void)std::fputs(kHelpEnd, stdout);
+    return 0;
+}
 
 const Command* FindCommand(const std::string& name) {
     for (const Command& command : kCommands) {

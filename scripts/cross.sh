@@ -25,6 +25,8 @@ need_packages "g++-$tuple" qemu-user cmake ninja-build pkg-config python3 g++
 
 sysroot=$PWD/build/sysroot-$arch
 build=$PWD/build/cross-$arch
+libraries="libc6-dev libstdc++-12-dev libdbus-1-dev libboost-dev libgtest-dev libre2-dev
+    libseccomp-dev libtomlplusplus-dev libutfcpp-dev nlohmann-json3-dev"
 
 # apt with a state of its own, in which nothing is installed, names all that is needed.
 fetch() {
@@ -37,8 +39,9 @@ fetch() {
         -o Dir::Cache="$state/cache" -o APT::Sandbox::User=root --no-install-recommends
     # A list of several that did not come is no reason to end: the next step says what is missing.
     apt-get "$@" update || echo "going on with the lists that came"
-    apt-get "$@" --download-only install libc6-dev libstdc++-12-dev libdbus-1-dev libboost-dev \
-        libgtest-dev libre2-dev libtomlplusplus-dev || return
+    # The list is one of words.
+    # shellcheck disable=SC2086
+    apt-get "$@" --download-only install $libraries || return
     for package in "$state"/cache/archives/*.deb; do
         dpkg-deb -x "$package" "$sysroot" || return
     done
@@ -47,6 +50,7 @@ fetch() {
         ln -snf "$sysroot$(readlink "$link")" "$link"
     done
     rm -rf "$state"
+    echo "$libraries" >"$sysroot/libraries"
 }
 build() {
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -63,7 +67,8 @@ run_tests() {
 }
 
 mkdir -p build
-[ -e "$sysroot/usr/include/dbus-1.0" ] ||
+# One of an earlier list, or of a fetch that did not come to its end, is fetched anew.
+[ "$(cat "$sysroot/libraries" 2>/dev/null)" = "$libraries" ] ||
     step "the libraries of $arch" "build/sysroot-$arch.log" fetch
 step "the build for $arch" "$build.log" build
 step "the tests for $arch" "$build-tests.log" run_tests

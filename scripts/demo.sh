@@ -38,7 +38,7 @@ prepare() {
     # shellcheck source=scripts/progress.sh
     . scripts/progress.sh
     need_packages g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev dbus-daemon \
-        libtomlplusplus-dev libre2-dev mount util-linux || exit 1
+        libtomlplusplus-dev libre2-dev libseccomp-dev libutfcpp-dev nlohmann-json3-dev mount util-linux || exit 1
     echo "building (into $build) ..."
     step "the build" "$build.log" build
 }

@@ -174,7 +174,8 @@ list_stage() {
 }
 
 common="g++ cmake ninja-build pkg-config libdbus-1-dev libboost-dev libtomlplusplus-dev libre2-dev
-    libgtest-dev dbus-daemon dbus-bin dbus-system-bus-common python3 binutils clang util-linux mount"
+    libseccomp-dev libutfcpp-dev nlohmann-json3-dev libgtest-dev dbus-daemon dbus-bin
+    dbus-system-bus-common python3 binutils clang util-linux mount"
 full="libclang-rt-14-dev clang-format clang-tidy cppcheck gcovr e2fsprogs mandoc man-db doxygen
     abigail-tools systemd shellcheck"
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Audit.h"
 
+#include <utf8.h>
+
 #include <algorithm>
 #include <ostream>
 
@@ -19,41 +21,23 @@ char Lower(char letter) {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
 }
 
-unsigned char Byte(const std::string& text, std::size_t at) {
-    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+// None of the controls, of the separators of lines and paragraphs, and of the marks that turn the
+// direction of the text.
+bool IsPrintable(unsigned character) {
+    return character >= 0x20 && !(character >= 0x7f && character < 0xa0) &&
+           !(character >= 0x2028 && character <= 0x202e) &&
+           !(character >= 0x2066 && character <= 0x2069) && character != 0x200e &&
+           character != 0x200f;
 }
 
-// Bytes of the well-formed and printable character at `at`; 0 when there is none.
-std::size_t PrintableLength(const std::string& text, std::size_t at) {
-    const unsigned char lead = Byte(text, at);
-    if (lead < 0x80) {
-        return lead >= 0x20 && lead != 0x7f ? 1 : 0;
-    }
-    const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-    if (lead < 0xc2 || lead > 0xf4) {
-        return 0;
-    }
-    unsigned code = lead & (0xffU >> (length + 1));
-    for (std::size_t i = 1; i < length; ++i) {
-        const unsigned char next = Byte(text, at + i);
-        if ((next & 0xc0) != 0x80) {
-            return 0;
-        }
-        code = (code << 6) | (next & 0x3fU);
-    }
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-    // C1, line and paragraph separators, and the marks that turn the direction of the text.
-    const bool control = code < 0xa0 || (code >= 0x2028 && code <= 0x202e) ||
-                         (code >= 0x2066 && code <= 0x2069) || code == 0x200e || code == 0x200f;
-    return overlong || surrogate || control || code > 0x10ffff ? 0 : length;
-}
-
-void AppendHex(std::string& text, unsigned char byte) {
+void AppendHex(std::string& text, std::string::const_iterator at, std::string::const_iterator end) {
     static const char kDigits[] = "0123456789abcdef";
-    text += "\\x";
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
+    for (; at != end; ++at) {
+        const unsigned char byte = static_cast<unsigned char>(*at);
+        text += "\\x";
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
 }
 
 }  // namespace
@@ -140,18 +124,21 @@ std::string Audit::Escape(const std::string& text, std::size_t cap) {
     const bool cut = text.size() > cap;
     const std::string kept = text.substr(0, cap);
     std::string quoted;
-    for (std::size_t at = 0; at < kept.size();) {
-        const std::size_t length = PrintableLength(kept, at);
-        if (length == 0) {
-            AppendHex(quoted, Byte(kept, at));
+    for (auto at = kept.begin(); at != kept.end();) {
+        const auto malformed = utf8::find_invalid(at, kept.end());
+        while (at != malformed) {
+            const auto from = at;
+            if (!IsPrintable(utf8::unchecked::next(at))) {
+                AppendHex(quoted, from, at);
+                continue;
+            }
+            quoted += *from == '"' || *from == '\\' ? "\\" : "";
+            quoted.append(from, at);
+        }
+        if (at != kept.end()) {
+            AppendHex(quoted, at, at + 1);
             ++at;
-            continue;
         }
-        if (kept[at] == '"' || kept[at] == '\\') {
-            quoted += '\\';
-        }
-        quoted.append(kept, at, length);
-        at += length;
     }
     return quoted + (cut ? "..." : "");
 }

@@ -3,7 +3,6 @@
 
 #include <sentrel/SR_Message.h>
 
-#include <boost/make_shared.hpp>
 #include <cstring>
 
 #include "parse/Words.h"
@@ -76,15 +75,6 @@ void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& s
     }
 }
 
-template <typename Interface>
-sentrel::Slot<sentrel::SR_DBusMessage, const sentrel::SR_DBusCallMessage&> SlotOf(
-    Interface* object,
-    sentrel::SR_DBusMessage (Interface::*method)(const sentrel::SR_DBusCallMessage&)) {
-    return sentrel::Slot<sentrel::SR_DBusMessage, const sentrel::SR_DBusCallMessage&>(
-        boost::make_shared<sentrel::Callback<Interface, sentrel::SR_DBusMessage,
-                                             const sentrel::SR_DBusCallMessage&> >(object, method));
-}
-
 // For those who look from above, as tools that draw the tree of a bus do: what is next on the way
 // to the object. Empty for a path that does not lead there.
 std::string NextOnTheWay(const std::string& path) {
@@ -118,7 +108,7 @@ sentrel::SR_DBusMessage AnswerElsewhere(const sentrel::SR_DBusReturnAddress& add
 }  // namespace
 
 CallInterface::CallInterface() : SR_DBusIAdaptor(kName) {
-    AddMethod("CallCommand", SlotOf(this, &CallInterface::CallCommand));
+    AddMethod("CallCommand", this, &CallInterface::CallCommand);
 }
 
 const char* CallInterface::Introspect() const {
@@ -147,7 +137,7 @@ sentrel::SR_DBusMessage CallInterface::CallCommand(const sentrel::SR_DBusCallMes
 
 ControlInterface::ControlInterface() : SR_DBusIAdaptor(kControlName) {
     for (const char* member : {"Test", "Status", "Reload", "Mounts"}) {
-        AddMethod(member, SlotOf(this, &ControlInterface::Ask));
+        AddMethod(member, this, &ControlInterface::Ask);
     }
 }
 

@@ -40,56 +40,59 @@ void Control::Answer(const Question& question, const Caller& caller,
 // The command and what nearly matched are for root: they show the rules of others.
 std::string Control::Test(const Question& question, const Caller& caller) const {
     const bool root = caller.uid == 0;
-    JsonObject answer;
     const Parsed parsed = Parse(question.operation, question.text);
     if (parsed.status != kOk) {
         AuditRequest described;
         DescribeArguments(question.text, false, described);
-        answer.Add("decision", "error").Add("status", parsed.status).Add("rule", "");
-        return answer.Add("reason", ReasonOf(parsed, described)).Text();
+        return JsonLine(Json{{"decision", "error"},
+                             {"status", parsed.status},
+                             {"rule", ""},
+                             {"reason", ReasonOf(parsed, described)}});
     }
     const Decision decision = store.Decide(caller, parsed.request);
     const bool denied = decision.status == kRuleNotFound;
-    answer.Add("decision", decision.permit ? "allow" : denied ? "deny" : "error");
-    answer.Add("status", decision.status).Add("rule", decision.rule);
-    answer.Add("reason", root ? decision.detail : decision.reason);
+    Json answer{{"decision", decision.permit ? "allow"
+                             : denied        ? "deny"
+                                             : "error"},
+                {"status", decision.status},
+                {"rule", decision.rule},
+                {"reason", root ? decision.detail : decision.reason}};
     if (root && decision.permit) {
-        answer.Put("argv", JsonTexts(decision.permit->GetPlan().argv));
+        answer["argv"] = decision.permit->GetPlan().argv;
     }
-    return answer.Text();
+    return JsonLine(answer);
 }
 
 std::string Control::Status() const {
     const Figures figures = requests.GetFigures();
     const auto uptime = std::chrono::duration_cast<std::chrono::seconds>(
         std::chrono::steady_clock::now() - started);
-    JsonObject answer;
-    answer.Add("version", SENTREL_VERSION).Add("uptime_s", uptime.count());
-    answer.Add("rules", static_cast<long long>(store.Count()));
-    answer.Add("running", static_cast<long long>(figures.running));
-    answer.Add("waiting", static_cast<long long>(figures.waiting));
-    answer.Add("abandoned", static_cast<long long>(figures.abandoned));
-    answer.Add("served", static_cast<long long>(figures.served));
-    answer.Add("refused", static_cast<long long>(figures.refused));
-    return answer.Text();
+    return JsonLine(Json{{"version", SENTREL_VERSION},
+                         {"uptime_s", uptime.count()},
+                         {"rules", store.Count()},
+                         {"running", figures.running},
+                         {"waiting", figures.waiting},
+                         {"abandoned", figures.abandoned},
+                         {"served", figures.served},
+                         {"refused", figures.refused}});
 }
 
 std::string Control::Loaded(const LoadResult& result) const {
-    JsonObject answer;
-    answer.Add("rules", static_cast<long long>(store.Count()));
-    answer.Put("errors", JsonTexts(result.errors)).Put("warnings", JsonTexts(result.warnings));
-    return answer.Text();
+    return JsonLine(
+        Json{{"rules", store.Count()}, {"errors", result.errors}, {"warnings", result.warnings}});
 }
 
 std::string Control::Mounts() const {
-    std::vector<std::string> list;
+    Json list = Json::array();
     for (const MountRecord& record : requests.ListMounts()) {
-        JsonObject mount;
-        mount.Add("target", record.target).Add("source", record.source).Add("type", record.type);
-        mount.Add("rule", record.rule).Add("uid", static_cast<long long>(record.uid));
-        list.push_back(mount.Add("since", record.since).Text());
+        list.push_back(Json{{"target", record.target},
+                            {"source", record.source},
+                            {"type", record.type},
+                            {"rule", record.rule},
+                            {"uid", record.uid},
+                            {"since", record.since}});
     }
-    return JsonList(list);
+    return JsonLine(list);
 }
 
 }  // namespace agent

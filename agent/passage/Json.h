@@ -1,35 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// JSON texts for the answers of the second interface. Pure, usable from any thread.
+// JSON for the answers of the second interface. Included by no other header: it takes long to
+// compile.
 #ifndef SENTREL_AGENT_JSON_H
 #define SENTREL_AGENT_JSON_H
 
+#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
 namespace agent {
 
-// A JSON string, always valid UTF-8: a byte that belongs to no character becomes U+FFFD.
-std::string JsonText(const std::string& text);
+// Its fields stay in the order in which they were added.
+typedef nlohmann::ordered_json Json;
 
-// "[...]" of texts that are JSON already.
-std::string JsonList(const std::vector<std::string>& values);
-// The same of plain texts.
-std::string JsonTexts(const std::vector<std::string>& texts);
-
-class JsonObject {
-public:
-    JsonObject& Add(const char* key, const std::string& text) { return Put(key, JsonText(text)); }
-    JsonObject& Add(const char* key, long long number) { return Put(key, std::to_string(number)); }
-    // `json` is JSON already.
-    JsonObject& Put(const char* key, const std::string& json) {
-        members += (members.empty() ? "" : ",") + JsonText(key) + ":" + json;
-        return *this;
-    }
-    std::string Text() const { return "{" + members + "}"; }
-
-private:
-    std::string members;
-};
+// On one line. It is always valid UTF-8, as the bus requires: bytes that are not become U+FFFD.
+inline std::string JsonLine(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 }  // namespace agent
 

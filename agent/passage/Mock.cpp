@@ -205,10 +205,10 @@ void Mock::Answer(const Question& question, const Caller& /*caller*/, TextReply&
                        "this agent answers from a table and has no rules");
         return;
     }
-    JsonObject answer;
-    answer.Add("version", SENTREL_VERSION).Put("mock", "true");
-    answer.Add("answers", static_cast<long long>(rows.size()));
-    reply.Set(answer.Add("served", static_cast<long long>(served)).Text());
+    reply.Set(JsonLine(Json{{"version", SENTREL_VERSION},
+                            {"mock", true},
+                            {"answers", rows.size()},
+                            {"served", served}}));
 }
 
 void Mock::EndAll() {

@@ -4,7 +4,6 @@
 //     c++ -std=c++17 serve.cpp $(pkg-config --cflags --libs sentrel-client) -o serve
 #include <sentrel/sentrel.h>
 
-#include <boost/make_shared.hpp>
 #include <iostream>
 #include <string>
 
@@ -13,10 +12,7 @@ class Greeter : public sentrel::SR_DBusIAdaptor, public sentrel::SR_DBusAdaptor 
 public:
     explicit Greeter(sentrel::SR_DBusConnection& bus)
         : SR_DBusIAdaptor("org.example.Greeter"), SR_DBusAdaptor(bus, "/org/example/Greeter") {
-        typedef const sentrel::SR_DBusCallMessage& Call;
-        typedef sentrel::Callback<Greeter, sentrel::SR_DBusMessage, Call> Method;
-        AddMethod("Greet", sentrel::Slot<sentrel::SR_DBusMessage, Call>(
-                               boost::make_shared<Method>(this, &Greeter::Greet)));
+        AddMethod("Greet", this, &Greeter::Greet);
     }
 
 private:

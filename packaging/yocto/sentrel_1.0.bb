@@ -20,8 +20,8 @@ inherit cmake pkgconfig systemd useradd bash-completion
 # agent, cli: the two programs. re2: regular expressions in rules; without it globs remain, and a
 # rule with a regular expression answers status 2. dlog: the platform's own log.
 PACKAGECONFIG ??= "agent cli re2 ${@bb.utils.filter('DISTRO_FEATURES', 'systemd', d)}"
-PACKAGECONFIG[agent] = "-DSENTREL_AGENT=ON,-DSENTREL_AGENT=OFF,tomlplusplus"
-PACKAGECONFIG[cli] = "-DSENTREL_CLI=ON,-DSENTREL_CLI=OFF"
+PACKAGECONFIG[agent] = "-DSENTREL_AGENT=ON,-DSENTREL_AGENT=OFF,tomlplusplus nlohmann-json utfcpp libseccomp"
+PACKAGECONFIG[cli] = "-DSENTREL_CLI=ON,-DSENTREL_CLI=OFF,nlohmann-json utfcpp"
 PACKAGECONFIG[re2] = "-DSENTREL_RE2=ON,-DSENTREL_RE2=OFF,re2"
 PACKAGECONFIG[systemd] = ",,systemd"
 PACKAGECONFIG[dlog] = ",-DSENTREL_DLOG_LIBRARY=,dlog"

@@ -100,6 +100,7 @@ TEST_F(ControlTest, StatusCountsWhatWasServedAndRefused) {
     EXPECT_EQ("1 0", Call("'"));
     const std::string status = Text("Status");
     EXPECT_EQ(0U, status.find("{\"version\":\"")) << status;
+    EXPECT_TRUE(test::Holds(status, "\",\"uptime_s\":")) << status;
     EXPECT_TRUE(test::Holds(status,
                             "\"rules\":1,\"running\":0,\"waiting\":0,\"abandoned\":0,"
                             "\"served\":1,\"refused\":2}"))
@@ -120,6 +121,14 @@ TEST_F(ControlTest, ReloadReplacesTheRulesAndAFileThatIsWrongReplacesNothing) {
     EXPECT_TRUE(test::Holds(result, "b.toml:7")) << result;
     EXPECT_EQ("0 0", Call("new"));
     EXPECT_EQ("7 0", Call("third"));
+}
+
+TEST_F(ControlTest, WhatIsNoUtf8IsReplacedInTheAnswer) {
+    Serve();
+    rules.Write("a\xff\xc3.toml", "[[rule]\n");
+    const std::string result = Text("Reload");
+    EXPECT_EQ(0U, result.find("{\"rules\":0,\"errors\":[\"")) << result;
+    EXPECT_TRUE(test::Holds(result, "/a\xef\xbf\xbd\xef\xbf\xbd.toml:1")) << result;
 }
 
 TEST_F(ControlTest, SighupReloadsToo) {

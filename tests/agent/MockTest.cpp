@@ -68,6 +68,18 @@ TEST_F(MockTest, ADelayedAnswerComesAfterOneThatWasAskedForLaterAndNotTooEarly) 
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
 }
 
+TEST_F(MockTest, ItsStatusTellsThatItIsOneAndHowMuchItServed) {
+    Serve("[[answer]]\nagent = \"*\"\nstatus = 0\n");
+    EXPECT_EQ("0 0", Answer("sr_mount", "x"));
+    const std::string status =
+        test::Send(connection->Get(),
+                   dbus_message_new_method_call("org.sentrel.sr_agent", "/org/sentrel/sr_agent",
+                                                "org.sentrel.sr_agent.Control1", "Status"))
+            .text;
+    EXPECT_EQ(0U, status.find("{\"version\":\"")) << status;
+    EXPECT_TRUE(test::Holds(status, "\",\"mock\":true,\"answers\":1,\"served\":1}")) << status;
+}
+
 TEST_F(MockTest, NoToolIsEverStarted) {
     tools.Add("rmmod", ": > \"$DIR/ran\"");
     Serve("[[answer]]\nagent = \"*\"\nstatus = 0\n");

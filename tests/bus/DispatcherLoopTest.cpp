@@ -231,11 +231,7 @@ class Agent : public sentrel::SR_DBusIAdaptor, public sentrel::SR_DBusAdaptor {
 public:
     explicit Agent(SR_DBusConnection& served)
         : SR_DBusIAdaptor(test::kService), SR_DBusAdaptor(served, test::kPath), calls(0) {
-        AddMethod("CallCommand",
-                  sentrel::Slot<SR_DBusMessage, const SR_DBusCallMessage&>(
-                      boost::make_shared<
-                          sentrel::Callback<Agent, SR_DBusMessage, const SR_DBusCallMessage&> >(
-                          this, &Agent::CallCommand)));
+        AddMethod("CallCommand", this, &Agent::CallCommand);
     }
 
     SR_DBusMessage CallCommand(const SR_DBusCallMessage& call) {

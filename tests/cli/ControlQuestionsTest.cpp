@@ -197,4 +197,36 @@ TEST_F(ControlQuestionsTest, AnAnswerThatCannotBeReadIsA125) {
     }
 }
 
+TEST_F(ControlQuestionsTest, AnAnswerThatMeansHarmIsA125WithItsReason) {
+    std::string members = "{";
+    for (int i = 0; i < 10000; ++i) {
+        members += "\"" + std::to_string(i) + "\":0,";
+    }
+    const std::pair<std::string, const char*> wrong[] = {
+        {"{\"rules\":", "it is no JSON, at byte 10"},
+        {"{\"rules\":1e999}", "it holds a number that is no integer of 64 bits"},
+        {"{\"rules\":1.5}", "it holds a number that is no integer of 64 bits"},
+        {std::string(100000, '['), "it is nested too deeply"},
+        {members + "\"\":0}", "an object has too many members"}};
+    for (const auto& row : wrong) {
+        AgentProcess agent({"--text", row.first});
+        const std::string reason = std::string("the answer is not readable: ") + row.second;
+        const Finished finished = RunCommand({"status"});
+        EXPECT_EQ(125, finished.exit);
+        EXPECT_EQ("", finished.output);
+        EXPECT_EQ(0U, finished.errors.find("sentrel: status: org.sentrel.Error.Answer: " + reason))
+            << finished.errors;
+        const Finished json = RunCommand({"--json", "status"});
+        EXPECT_EQ(125, json.exit);
+        EXPECT_EQ("", json.errors);
+        EXPECT_EQ("True", ReadJson(json.output, "x['text'].startswith('" + reason + "')"));
+    }
+}
+
+TEST_F(ControlQuestionsTest, AFigureThatIsNoneIsShownAsItCame) {
+    AgentProcess agent({"--text", R"({"uptime_s":"long","status":99999999999,"rules":-1})"});
+    EXPECT_EQ("uptime_s:  long\nstatus:    99999999999\nrules:     -1\n",
+              RunCommand({"status"}).output);
+}
+
 }  // namespace

@@ -37,7 +37,7 @@ LAYERS = {
     "src/api/SR_API.h": '#include "SR_Status.h"\n',
     "src/api/SR_API.cpp": '#include "SR_API.h"\n#include "SR_Message.h"\n#include "SR_Log.h"\n',
     "src/communication/SR_Message.h": "",
-    "src/communication/dbus/SR_MainLoop.h": "#include <poll.h>\n",
+    "src/loop/SR_MainLoop.h": "#include <poll.h>\n",
     "src/communication/dbus/SR_DBusProxy.h": '#include <dbus/dbus.h>\n#include "SR_MainLoop.h"\n',
     "src/log/SR_Log.h": '#include "SR_Status.h"\n',
     "src/log/SR_LogImpl.h": '#include "SR_Log.h"\n',
@@ -66,8 +66,17 @@ def AnIncludeThatSkipsAStepIsRefused(root):
 
 
 def ALoopThatKnowsDBusIsRefused(root):
-    layers(root, 1, "the loop knows nothing of D-Bus",
-           {"src/communication/dbus/SR_MainLoop.cpp": "#include <dbus/dbus.h>\n"})
+    layers(root, 1, "loop knows nothing of libdbus",
+           {"src/loop/SR_MainLoop.cpp": "#include <dbus/dbus.h>\n"})
+    layers(root, 1, "loop must not reach communication/dbus",
+           {"src/loop/SR_MainLoop.cpp": '#include "SR_DBusProxy.h"\n'})
+    layers(root, 1, "loop must not reach log",
+           {"src/loop/SR_MainLoop.cpp": '#include "SR_Log.h"\n'})
+
+
+def ALayerBesideTheBusLayerThatKnowsLibdbusIsRefused(root):
+    layers(root, 1, "communication knows nothing of libdbus",
+           {"src/communication/SR_Message.cpp": "#include <dbus/dbus.h>\n"})
 
 
 def AnInstalledHeaderThatNeedsAnInnerOneIsRefused(root):
@@ -77,7 +86,7 @@ def AnInstalledHeaderThatNeedsAnInnerOneIsRefused(root):
 
 def HeadersInACircleAreRefused(root):
     layers(root, 1, "headers in a circle",
-           {"src/communication/dbus/SR_MainLoop.h": '#include "SR_DBusProxy.h"\n'})
+           {"src/loop/SR_MainLoop.h": '#include "SR_DBusProxy.h"\n'})
 
 
 def AnIncludeOfNothingIsRefused(root):
@@ -271,6 +280,21 @@ def ATableOfCodesThatDiffersIsRefused(root):
     expect(0, "", "texts.py", "codes", root / "m", root / "h")
     write(root, {"m": "| 0 | `SR_OK` | a |\n| 2 | `SR_FAIL` | b |\n"})
     expect(1, "the table has", "texts.py", "codes", root / "m", root / "h")
+
+
+def AShownLogLineThatStandsElsewhereIsRefused(root):
+    write(root, {"docs/a.md": "`[SR] [A.cpp(Do() +2)][x]5`\n",
+                 "src/A.cpp": 'void Do() {\n    SR_LOG(ERR, "[x]" << 5);\n}\n'})
+    expect(0, "1 log lines shown", "texts.py", "lines", root / "docs", root / "src")
+    for shown, word in (("A.cpp(Do() +3)][x]5", "no such statement in line 3"),
+                        ("A.cpp(Do() +9)][x]5", "no such statement in line 9"),
+                        ("A.cpp(Do() +2)][y]5", "no such statement in line 2"),
+                        ("A.cpp(Undo() +2)][x]5", "has no Undo"),
+                        ("B.cpp(Do() +2)][x]5", "B.cpp has no such statement")):
+        write(root, {"docs/a.md": f"`[SR] [{shown}`\n"})
+        expect(1, word, "texts.py", "lines", root / "docs", root / "src")
+    write(root, {"docs/a.md": "nothing\n"})
+    expect(1, "no log line found", "texts.py", "lines", root / "docs", root / "src")
 
 
 # What runs where ---------------------------------------------------------------------------------

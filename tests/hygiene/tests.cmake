@@ -49,6 +49,7 @@ hygiene_test(TheVersionIsWrittenOnce texts.py version ${root})
 hygiene_test(EveryPinNamesATest texts.py pins ${src} ${root}/tests)
 hygiene_test(TheReadmesCodesAreTheHeaders texts.py codes ${root}/README.md
   ${src}/status/SR_Status.h)
+hygiene_test(EachLogLineShownStandsWhereItSays texts.py lines ${root}/docs ${src})
 hygiene_test(TheReadmesProgramCompilesAndReportsAMissingBus readme_example.py ${root}/README.md
   ${SENTREL_HEADER_GCC} ${include} ${library} COMM_FAILED)
 

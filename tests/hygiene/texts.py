@@ -6,6 +6,7 @@ texts.py spdx ROOT            every file names its licence
 texts.py version ROOT         the version is written once, and the changelog opens with it
 texts.py pins SOURCES TESTS   each "pinned by SUITE, "NAME"" in SOURCES names a test in TESTS
 texts.py codes README HEADER  the README's table of status codes is the header's
+texts.py lines DOCS SOURCES   a log line shown in DOCS comes from that very line of SOURCES
 """
 import os
 import pathlib
@@ -107,9 +108,27 @@ def check_codes(readme, header):
     return []
 
 
+def check_lines(docs, source_root):
+    """A shown line is "[SR] [FILE(FUNCTION() +LINE)]BODY"; its statement is SR_LOG(LEVEL, "BODY."""
+    by_name, faults, count = {path.name: path for path in sources(source_root)}, [], 0
+    shown = re.compile(r"\[SR\] \[([\w.]+)\((~?\w+)\(\) \+(\d+)\)\]([^`\n]*)")
+    for path in sorted(pathlib.Path(docs).rglob("*.md")):
+        for file, function, line, body in shown.findall(path.read_text(encoding="utf-8")):
+            count += 1
+            text = by_name[file].read_text(encoding="utf-8") if file in by_name else ""
+            here = text.splitlines()[int(line) - 1:int(line)]
+            statement = re.search(r'SR_LOG\(\w+, "([^"]*)"', here[0] if here else "")
+            if not statement or not body.startswith(statement[1]):
+                faults.append(f"{path}: {file} has no such statement in line {line}")
+            elif not re.search(rf"(?<!\w){re.escape(function)}\(", text):
+                faults.append(f"{path}: {file} has no {function}")
+    print(f"{count} log lines shown")
+    return faults if count else ["no log line found"]
+
+
 def main():
     checks = {"spdx": check_spdx, "version": check_version, "pins": check_pins,
-              "codes": check_codes}
+              "codes": check_codes, "lines": check_lines}
     faults = checks[sys.argv[1]](*sys.argv[2:])
     print("\n".join(faults))
     return 1 if faults else 0

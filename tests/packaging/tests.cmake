@@ -19,6 +19,7 @@ packaging_test(TheManualNamesEachStatus hygiene manual_test.py statuses
   ${man}/sentrel.7 ${root}/docs/status-codes.md)
 file(GLOB pages CONFIGURE_DEPENDS ${man}/*.[1-9])
 packaging_test(TheManualPagesAreClean hygiene manual_test.py clean ${pages})
+packaging_test(EachLibraryIsInEachListOfWhatIsNeeded hygiene dependencies_test.py ${root})
 
 if(TARGET sentrel)
   packaging_test(EachOptionOfTheCommandHasItsManual hygiene manual_test.py options

@@ -42,7 +42,14 @@ int live = 0;           // those not given back
 int failAt = 0;         // 0: none fails
 std::string errorText;  // when not empty, the calls get this error instead of a reply
 
-// What comes next after an allocation: "log BODY" or "call FUNCTION".
+// What is sent: longer than what a string holds without an allocation.
+const char kText[] = "-t tmpfs -o size=1m none /run/media/x";
+// The blocks of a call that have room for it and no more, and whether their end is an event.
+void* texts[8];
+int textCount = 0;
+bool notingTexts = false;
+
+// What comes next after an allocation: "log BODY", "call FUNCTION" or "free the text".
 struct Event {
     int allocations;  // so far
     char text[96];
@@ -70,11 +77,23 @@ void* Allocate(std::size_t size) {
         std::abort();
     }
     live += counting && test::fakeDepth == 0;
+    if (notingTexts && counting && test::fakeDepth == 0 && size == sizeof(kText)) {
+        if (textCount == 8) {
+            std::abort();
+        }
+        texts[textCount++] = memory;
+    }
     return memory;
 }
 
 void Free(void* memory) {
     live -= memory != nullptr && counting && test::fakeDepth == 0;
+    for (int i = 0; i < textCount; ++i) {
+        if (texts[i] == memory && memory != nullptr) {
+            Note("free", std::memcmp(memory, kText, sizeof(kText)) == 0 ? "the text" : "another");
+            texts[i] = nullptr;
+        }
+    }
     std::free(memory);
 }
 
@@ -128,12 +147,12 @@ int Call(int failing) {
     allocations = 0;
     live = 0;
     eventCount = 0;
+    textCount = 0;
     int result = kPoison;
     int code = kThrown;
     counting = true;
     try {
-        // Longer than what a string holds without an allocation.
-        code = SR_Mount("-t tmpfs -o size=1m none /run/media/x", 37, 1, &result);
+        code = SR_Mount(kText, sizeof(kText) - 1, 1, &result);
     } catch (const std::bad_alloc&) {
     }
     counting = false;
@@ -190,8 +209,8 @@ std::vector<int> ExpectedOutcomes() {
             outcome = kEnded;
         }
         if (i == 1) {
-            // The bus name, made outside the exchange.
-            outcomes.resize(outcomes.size() + 1, kThrown);
+            // The request's copy of the text, and the bus name, made outside the exchange.
+            outcomes.resize(outcomes.size() + 2, kThrown);
         }
         outcomes.resize(static_cast<std::size_t>(reference[i].allocations) + 1, outcome);
     }
@@ -229,9 +248,20 @@ TEST(AllocationTest, EachFailedAllocationOfACallHasTheOutcomeOfItsPlace) {
     }
     // Each kind of place was met.
     EXPECT_GE(counts[6], 20);
-    EXPECT_EQ(2, counts[kThrown]) << "the text, which the request takes over, and the bus name";
+    EXPECT_EQ(3, counts[kThrown]) << "the text, the request's copy of it, and the bus name";
     EXPECT_EQ(1, counts[kEnded]) << "the rule that the proxy's destructor removes";
     EXPECT_EQ(0, CallInChild(total + 1)) << "no further allocation is made";
+}
+
+TEST(AllocationTest, TheTextOfACallEndsLastBehindTheDispatcherThatWasMadeAfterIt) {
+    notingTexts = true;
+    EXPECT_EQ(0, Call(0));
+    notingTexts = false;
+    ASSERT_GE(eventCount, 4);
+    EXPECT_STREQ("log response:", events[eventCount - 4].text);
+    EXPECT_STREQ("free the text", events[eventCount - 3].text) << "the request's";
+    EXPECT_TRUE(Starts(events[eventCount - 2].text, "log destroy dispatcher"));
+    EXPECT_STREQ("free the text", events[eventCount - 1].text) << "the call's";
 }
 
 // The outcome of a call that gets an error with this text, for each failing allocation.

@@ -26,6 +26,7 @@
 #include "SR_DBusDispatcher.h"
 #include "SR_DBusError.h"
 #include "SR_DBusMessageImpl.h"
+#include "SR_LogImpl.h"
 
 namespace {
 
@@ -105,6 +106,49 @@ TEST_F(FailureTest, WithoutAFailureTheCallSucceeds) {
     EXPECT_FALSE(bus.connections.front().exitOnDisconnect);
     EXPECT_EQ(-1, bus.lastTimeout);
     EXPECT_TRUE(bus.nulls.empty());
+}
+
+}  // namespace
+
+// The sink, by the symbol that its callers are linked to; the program is linked with --wrap.
+#define SINK(prefix) \
+    prefix##_ZN7sentrel6SR_Log12PrintMessageENS0_11EDebugLevelEPKcS3_iRKNS_10SR_LogTextE
+extern "C" void SINK(__real_)(sentrel::SR_Log::EDebugLevel level, const char* file,
+                              const char* function, int line, const sentrel::SR_LogText& text);
+extern "C" void SINK(__wrap_)(sentrel::SR_Log::EDebugLevel level, const char* file,
+                              const char* function, int line, const sentrel::SR_LogText& text);
+
+namespace {
+
+// What the sink was given, as the line that must come of it.
+Lines given;
+
+}  // namespace
+
+void SINK(__wrap_)(sentrel::SR_Log::EDebugLevel level, const char* file, const char* function,
+                   int line, const sentrel::SR_LogText& text) {
+    const std::string path(file);
+    given.push_back(std::string(sentrel::SR_Log::LevelToChars(level)) + " [SR] [" +
+                    path.substr(path.rfind('/') + 1) + "(" + function + "() +" +
+                    std::to_string(line) + ")]" + std::string(text.Text(), text.Size()));
+    SINK(__real_)(level, file, function, line, text);
+}
+
+namespace {
+
+TEST_F(FailureTest, EveryLineComesThroughTheOneSinkWithItsFiveArguments) {
+    for (const std::string& failing : {std::string(), std::string(kBlockingCall)}) {
+        SCOPED_TRACE("failing: " + failing);
+        given.clear();
+        bus.failing = failing;
+        (void)SR_Mount("-t tmpfs", 8, 1, nullptr);
+        Lines written;
+        for (const test::LogLine& line : test::TakeLog()) {
+            written.push_back((line.priority == 6 ? "ERR " : "DBG ") + line.text);
+        }
+        EXPECT_EQ(written, given);
+        EXPECT_GE(given.size(), 10u);
+    }
 }
 
 // "FILE FUNCTION BODY" for each line, pointers and names as in Brief.
@@ -641,11 +685,7 @@ class Served : public SR_DBusIAdaptor, public SR_DBusAdaptor {
 public:
     explicit Served(SR_DBusConnection& handle)
         : SR_DBusIAdaptor("org.x.If"), SR_DBusAdaptor(handle, "/x") {
-        AddMethod("Call",
-                  sentrel::Slot<SR_DBusMessage, const SR_DBusCallMessage&>(
-                      boost::make_shared<
-                          sentrel::Callback<Served, SR_DBusMessage, const SR_DBusCallMessage&> >(
-                          this, &Served::Call)));
+        AddMethod("Call", this, &Served::Call);
     }
     SR_DBusMessage Call(const SR_DBusCallMessage& call) { return handler(call); }
 
@@ -943,6 +983,10 @@ TEST_F(ExchangeTest, TheReplysTwoNumbersAreStatusAndReturnValue) {
         {"0 42", 0, 42},
         {"0 -1", 0, -1},
         {" \t\n0\n7 and more", 0, 7},
+        {"\v\f\r0\v8", 0, 8},
+        {"\xC2\xA0"
+         "7 1",
+         0, 0},  // a blank to others, not to the wire
         {"+0 +5", 0, 5},
         {"0", 0, 0},
         {"", 0, 0},

@@ -71,6 +71,7 @@ public:
 
     void Enable(bool on) { enabled = on; }
     void SetFlags(int mask) { flags = mask; }
+    void MoveTo(int fd) { descriptor = fd; }
     bool HasCallback() const { return callback != nullptr; }
 
     Farewell farewell;

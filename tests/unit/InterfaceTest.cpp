@@ -72,6 +72,7 @@ public:
         throw SR_DBusException("org.x.Error.Thrown", "thrown");
     }
     SR_DBusMessage Same(const SR_DBusCallMessage& call) { return call; }
+    using SR_DBusIAdaptor::AddMethod;
 
     int calls = 0;
 };
@@ -174,6 +175,25 @@ TEST(InterfaceTest, ALaterHandlerReplacesTheEarlierOne) {
     adaptor.Serve("Echo", &Adaptor::Other);
     EXPECT_EQ(3, adaptor.Dispatch(Received("Echo")).GetType());
     EXPECT_EQ(0, adaptor.calls);
+}
+
+TEST(InterfaceTest, AMethodIsEnteredInOneExpressionAlsoThatOfABase) {
+    struct Derived : Adaptor {
+        Derived() : Adaptor("org.x.If") {
+            AddMethod("Echo", this, &Derived::Echo);
+            AddMethod("Own", this, &Derived::Own);
+        }
+        SR_DBusMessage Own(const SR_DBusCallMessage& call) { return Other(call); }
+    };
+    Derived adaptor;
+    EXPECT_EQ(2, adaptor.Dispatch(Received("Echo")).GetType());
+    EXPECT_EQ(3, adaptor.Dispatch(Received("Own")).GetType());
+    EXPECT_EQ(1, adaptor.calls);
+    Adaptor other("org.x.Other");
+    other.AddMethod("Echo", &adaptor, &Adaptor::Echo);
+    EXPECT_EQ(2, other.Dispatch(Received("Echo")).GetType());
+    EXPECT_EQ(2, adaptor.calls) << "the method of the object that was given";
+    EXPECT_EQ(0, other.calls);
 }
 
 TEST(InterfaceTest, ACallWithoutAMemberThrowsLogicError) {

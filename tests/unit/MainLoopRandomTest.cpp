@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The loop against a plain model of one iteration, over random histories: events that are created,
 // duplicated, switched and destroyed before, during and inside the handlers of iterations, nested
-// iterations included. Both sides are driven by the same decisions, which depend on nothing but
-// the history's seed and on what was fired; so they agree as long as they fire alike.
+// iterations included, and watches that their own handlers move to other descriptors. Both sides
+// are driven by the same decisions, which depend on nothing but the history's seed and on what was
+// fired; so they agree as long as they fire alike.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,6 +53,7 @@ public:
     virtual void AddTimer(int id, int interval, bool repeat, bool on) = 0;
     virtual void Destroy(int id) = 0;
     virtual void Enable(int id, bool on) = 0;
+    virtual void Move(int id, int fd) = 0;  // a watch, by its own handler
     virtual void Iterate() = 0;
     virtual void ClockMoved() {}
 
@@ -67,6 +69,10 @@ public:
         journal << id << '/' << state << ' ';
         // At most one nested iteration, and no endless growth.
         const std::uint64_t occasion = 1000 + 64 * static_cast<std::uint64_t>(firings++);
+        Dice dice(seed, occasion + 2);
+        if (state != -1 && dice.Roll(4) == 0) {
+            Move(id, dice.Roll(kDescriptors));
+        }
         if (firings < 60) {
             Act(occasion, 3);
         }
@@ -170,6 +176,7 @@ public:
             timers.at(id)->Enable(on);
         }
     }
+    void Move(int id, int fd) override { watches.at(id)->MoveTo(fd); }
     void ClockMoved() override { test::wallClock = start + 1000LL * clock; }
     void Iterate() override {
         const Scope scope(depth);
@@ -228,6 +235,7 @@ public:
         byId.erase(id);
     }
     void Enable(int id, bool on) override { byId.at(id)->enabled = on; }
+    void Move(int id, int fd) override { byId.at(id)->number = fd; }
 
     void Iterate() override {
         const Scope scope(depth);

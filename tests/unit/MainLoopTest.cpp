@@ -602,6 +602,65 @@ TEST_F(MainLoopTest, AWatchEnabledDuringTheWaitTakesTheResultOfItsDescriptor) {
     EXPECT_EQ((Journal{"first"}), journal);
 }
 
+TEST_F(MainLoopTest, AWatchThatMovesToALaterDescriptorTakesItsResultToo) {
+    Watch* mover = nullptr;
+    mover = AddWatch(3, [&] {
+        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
+        mover->MoveTo(5);
+    });
+    AddWatch(4, "second");
+    AddWatch(5, "third");
+    EXPECT_EQ((Journal{"mover on 3", "second", "mover on 5"}), Turn({POLLIN, POLLIN, POLLHUP}));
+    EXPECT_EQ(POLLHUP, mover->State());
+}
+
+TEST_F(MainLoopTest, AWatchThatMovesAwayLeavesItsResultsToALaterOne) {
+    Watch* mover = nullptr;
+    mover = AddWatch(3, [&] {
+        journal.push_back("mover");
+        mover->MoveTo(7);
+    });
+    AddWatch(3, "second");
+    EXPECT_EQ((Journal{"mover", "second"}), TurnAllReady());
+}
+
+TEST_F(MainLoopTest, AWatchThatTakesAnothersResultAndMovesTakesThatOfItsNewDescriptor) {
+    Watch* mover = nullptr;
+    mover = AddWatch(4, [&] {
+        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
+        mover->MoveTo(5);
+    });
+    mover->Enable(false);
+    AddWatch(3, [&] { mover->Enable(true); });
+    AddWatch(4, "polled");
+    AddWatch(5, "last");
+    // The slots are of 3, 4 and 5; the mover had none.
+    EXPECT_EQ((Journal{"mover on 4", "mover on 5"}), TurnAllReady());
+}
+
+TEST_F(MainLoopTest, AWatchThatMovesInANestedIterationTakesItsResultInTheOuterOne) {
+    bool nested = false;
+    Watch* mover = nullptr;
+    mover = AddWatch(3, [&] {
+        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
+        if (nested) {
+            mover->MoveTo(5);
+        }
+    });
+    Watch* nesting = nullptr;
+    nesting = AddWatch(4, [&] {
+        nested = true;
+        nesting->Enable(false);
+        test::onPoll = [](pollfd* slots, nfds_t count, int) {
+            return test::Results(slots, count, {POLLIN, 0});
+        };
+        loop->Dispatch();
+        nested = false;
+    });
+    AddWatch(5, "last");
+    EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
+}
+
 // ---- nesting, threads, the end
 
 TEST_F(MainLoopTest, AHandlerMayRunAnIterationOfItsOwn) {

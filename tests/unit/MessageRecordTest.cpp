@@ -51,19 +51,11 @@ TEST(MessageRecordTest, DataKeepsItsNulBytes) {
     EXPECT_EQ(4u, Message(data, 1).Get().size());
 }
 
-TEST(MessageRecordTest, ATextIsCopiedUnlessItIsHandedOver) {
+TEST(MessageRecordTest, ATextIsCopiedEvenWhenItIsHandedOver) {
     std::string data(1000, 'x');
-    const char* const place = data.data();
-    const Message copied(data, 7);
-    EXPECT_NE(place, copied.Get().data());
-    EXPECT_EQ(data, copied.Get());
-    const Message taken(std::move(data), 7);
-    EXPECT_EQ(place, taken.Get().data());
-    EXPECT_EQ(copied.Get(), taken.Get());
-    EXPECT_EQ(7, taken.GetOutputStream());
-    EXPECT_EQ("", taken.GetOutputStreamPath());
-    EXPECT_EQ(0, taken.GetRv());
-    EXPECT_EQ("", taken.GetAgent());
+    const Message message(std::move(data), 7);
+    EXPECT_EQ(1000u, data.size());  // NOLINT(bugprone-use-after-move): that is the point
+    EXPECT_EQ(data, message.Get());
 }
 
 TEST(MessageRecordTest, TheAgentNameCanBeReplaced) {

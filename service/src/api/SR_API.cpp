@@ -2,7 +2,6 @@
 #include "SR_API.h"
 
 #include <string>
-#include <utility>
 
 #include "SR_CommunicationClient.h"
 #include "SR_Error.h"
@@ -18,14 +17,14 @@ int SR_Agent(const char* agent, const char* args, unsigned int length, int descr
     if (args == nullptr) {
         return SR_COMM_FAILED;
     }
-    std::string arguments(args, length);
+    const std::string arguments(args, length);
     Communication communication;
-    Message request(std::move(arguments), descriptor);
+    Message request(arguments, descriptor);
     request.SetAgent(agent);
     Message response(std::string(), -1);
     const int code = communication.SendMessage("org.sentrel.sr_agent", request, response);
     if (code != SR_COMM_OK) {
-        SR_LOG(ERR, "[Client][Status]" << std::to_string(code));
+        SR_LOG(ERR, "[Client][Status]" << code);
         return code;
     }
     // The exchange leaves the data as it was made: empty.

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SR_CommunicationClient.h"
 
+#include <locale>
+#include <sstream>
+
 #include "SR_DBusConnection.h"
 #include "SR_DBusError.h"
 #include "SR_LogImpl.h"
-#include "SR_ReplyImpl.h"
 #include "SR_Status.h"
 
 namespace sentrel {
@@ -49,9 +51,13 @@ int Communication::SendMessage(const std::string& service, const Message& reques
             client.CallCommand(request.GetAgent(), request.Get(), request.GetOutputStream());
         SR_LOG(DBG, "responseSerial: " << serial.c_str());
 
+        // A number that cannot be read is 0, one that does not fit is the nearest int; behind
+        // either nothing more is read.
+        std::stringstream reader(serial);
+        reader.imbue(std::locale::classic());  // not the program's: the wire knows no grouping
         int status = 0;
         int returnValue = 0;
-        ReadReply(serial, status, returnValue);
+        reader >> status >> returnValue;
         response.SetRv(returnValue);
         return status == 0 ? SR_COMM_OK : status;
     } catch (const SR_DBusException& exception) {

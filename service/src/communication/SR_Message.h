@@ -5,7 +5,6 @@
 #define SENTREL_SR_MESSAGE_H
 
 #include <string>
-#include <utility>
 
 #include "SR_Export.h"
 
@@ -15,9 +14,6 @@ class SR_EXPORT Message {
 public:
     // `outputStream` is a descriptor number of the calling process; it is recorded, never used.
     Message(const std::string& data, int outputStream);
-    // The same without a copy, for a text that is not needed any longer.
-    Message(std::string&& messageData, int stream)
-        : data(std::move(messageData)), outputStream(stream), returnValue(0) {}
     // The output stream by path; GetOutputStream() is then -1.
     Message(const std::string& data, const std::string& outputStreamPath);
 

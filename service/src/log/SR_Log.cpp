@@ -2,8 +2,10 @@
 #include "SR_Log.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "SR_LogImpl.h"
 
@@ -22,50 +24,22 @@ const char* BaseName(const char* file) {
     return slash != nullptr ? slash + 1 : file;
 }
 
-// A number's characters, put together from the last to the first.
-class Digits {
-public:
-    void Put(char character) { *--begin = character; }
-    template <unsigned Base>
-    void Put(std::uintptr_t value) {
-        do {
-            Put("0123456789abcdef"[value % Base]);
-            value /= Base;
-        } while (value != 0);
-    }
-
-    const char* Begin() const { return begin; }
-    std::size_t Size() const {
-        return static_cast<std::size_t>(characters + sizeof(characters) - begin);
-    }
-
-private:
-    char characters[3 * sizeof(std::uintptr_t)];
-    char* begin = characters + sizeof(characters);
-};
-
 }  // namespace
 
 SR_LogText& SR_LogText::operator<<(int number) {
-    const std::uintptr_t value =
-        number < 0 ? -static_cast<std::uintptr_t>(number) : static_cast<std::uintptr_t>(number);
-    Digits digits;
-    digits.Put<10>(value);
-    if (number < 0) {
-        digits.Put('-');
-    }
-    return Append(digits.Begin(), digits.Size());
+    char digits[16];
+    const char* const last = std::to_chars(digits, std::end(digits), number).ptr;
+    return Append(digits, static_cast<std::size_t>(last - digits));
 }
 
 SR_LogText& SR_LogText::operator<<(const void* pointer) {
-    const auto value = reinterpret_cast<std::uintptr_t>(pointer);
-    Digits digits;
-    digits.Put<16>(value);
-    if (value != 0) {  // null is a plain 0
-        digits.Put('x');
-        digits.Put('0');
+    if (pointer == nullptr) {
+        return *this << 0;  // without 0x
     }
-    return Append(digits.Begin(), digits.Size());
+    char digits[2 + 2 * sizeof(std::uintptr_t)] = {'0', 'x'};
+    const auto value = reinterpret_cast<std::uintptr_t>(pointer);
+    const char* const last = std::to_chars(digits + 2, std::end(digits), value, 16).ptr;
+    return Append(digits, static_cast<std::size_t>(last - digits));
 }
 
 SR_LogText& SR_LogText::AppendLong(const char* text, std::size_t size) {
@@ -93,32 +67,32 @@ SR_LogText& SR_LogText::Cut() {
 #define SR_PLATFORM_LOG(priority, text) \
     __dlog_print(kMainLog, priority, kTag, kFormat, BaseName(__FILE__), __func__, __LINE__, text)
 
-void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
-                  const char* text, std::size_t size) {
+void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
+                          const SR_LogText& text) {
     // Composed before the level is looked at: a dropped line costs what a written one does.
     SR_LogText whole;
     whole << "[SR] [" << BaseName(file) << "(" << function << "() +" << line << ")]";
-    const char* const entry = whole.Append(text, size).Terminated();
+    const char* const entry = whole.Append(text.Text(), text.Size()).Terminated();
 
     switch (level) {
-        case SR_Log::DBG:
+        case DBG:
             SR_PLATFORM_LOG(kDebug, entry);
             break;
-        case SR_Log::INFO:
+        case INFO:
             SR_PLATFORM_LOG(kInfo, entry);
             break;
-        case SR_Log::WARN:
+        case WARN:
             SR_PLATFORM_LOG(kWarning, entry);
             break;
-        case SR_Log::ERR:
+        case ERR:
             SR_PLATFORM_LOG(kError, entry);
             break;
         // Deliberate: VERBOSE and FATAL are dropped like the values that are no levels of a line
         // (pinned by LogTest, "OnlyTheFourMiddleLevelsReachThePlatformLog").
-        case SR_Log::UNK:
-        case SR_Log::VERBOSE:
-        case SR_Log::FATAL:
-        case SR_Log::SILENT:
+        case UNK:
+        case VERBOSE:
+        case FATAL:
+        case SILENT:
         default:
             break;
     }
@@ -126,8 +100,9 @@ void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* funct
 
 void SR_Log::PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
                           const std::stringstream& text) {
-    const std::string body = text.str();
-    sentrel::PrintMessage(level, file, function, line, body.data(), body.size());
+    SR_LogText body;
+    body << text.str();
+    PrintMessage(level, file, function, line, body);
 }
 
 const char* SR_Log::LevelToChars(EDebugLevel level) {

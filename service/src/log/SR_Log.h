@@ -10,6 +10,8 @@
 
 namespace sentrel {
 
+class SR_LogText;
+
 class SR_EXPORT SR_Log {
 public:
     // One below the platform log's own priorities.
@@ -29,6 +31,9 @@ public:
     // null. Throws nothing but the standard library's allocation and length errors.
     static void PrintMessage(EDebugLevel level, const char* file, const char* function, int line,
                              const std::stringstream& text);
+    // The same for the library's own lines, whose text is composed without a stream.
+    SR_HIDDEN static void PrintMessage(EDebugLevel level, const char* file, const char* function,
+                                       int line, const SR_LogText& text);
 
     // The enumerator's name as a static text; "UNK" for a value outside the enumeration.
     static const char* LevelToChars(EDebugLevel level);

@@ -62,20 +62,16 @@ private:
     char usual[360];
 };
 
-// SR_Log::PrintMessage for a text that is composed already.
-void PrintMessage(SR_Log::EDebugLevel level, const char* file, const char* function, int line,
-                  const char* text, std::size_t size);
-
 }  // namespace sentrel
 
 // Writes one line; `expression` is what follows "text <<". Where the line's number matters, the
 // statement stands on one source line: compilers differ on a macro call that spans several.
-#define SR_LOG(level, expression)                                                       \
-    do {                                                                                \
-        ::sentrel::SR_LogText srLogText;                                                \
-        srLogText << expression;                                                        \
-        ::sentrel::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
-                                srLogText.Text(), srLogText.Size());                    \
+#define SR_LOG(level, expression)                                                               \
+    do {                                                                                        \
+        ::sentrel::SR_LogText srLogText;                                                        \
+        srLogText << expression;                                                                \
+        ::sentrel::SR_Log::PrintMessage(::sentrel::SR_Log::level, __FILE__, __func__, __LINE__, \
+                                        srLogText);                                             \
     } while (false)
 
 // The platform log. A definition found earlier at load time takes the call, so a program may

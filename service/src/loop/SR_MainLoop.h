@@ -85,8 +85,8 @@ private:
     SR_HIDDEN static void DeleteAll(std::list<Event*>& registry, SR_DBusMutex& mutex);
     SR_HIDDEN int Wait();
     SR_HIDDEN void FireTimeouts(double now);
-    SR_HIDDEN static SR_WatchEvent* FirstEnabled(const Walk<SR_WatchEvent>& walk, int descriptor);
-    SR_HIDDEN static void Fire(SR_WatchEvent* watch, int result);
+    SR_HIDDEN static SR_WatchEvent* FirstEnabled(Walk<SR_WatchEvent>& walk, int descriptor);
+    SR_HIDDEN static void Fire(const Walk<SR_WatchEvent>& walk, SR_WatchEvent* watch, int result);
 
     SR_DBusMutex timeoutsMutex;
     std::list<SR_TimeoutEvent*> timeouts SR_GUARDED_BY(timeoutsMutex);
@@ -123,6 +123,9 @@ protected:
     // Called when the descriptor is ready; a derived class sets it, then `enabled`.
     boost::shared_ptr<BaseCallback<void, SR_WatchEvent&> > callback;
     bool enabled;
+    // Changed by the watch's own handler, it counts at once: a result of the same iteration goes to
+    // the first watch that is on its descriptor by then. Changed by anything else, it may count
+    // from the next iteration only.
     int descriptor;
     int flags;
     int state;
