@@ -70,7 +70,7 @@ private:
 
     Check MayLook(uid_t uid) const;
     void TurnAway(const Arrival& arrival);
-    void Looked(std::uint64_t id, const Look& look);
+    void Looked(std::uint64_t id, const CallerFacts& facts);
     void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
     void WaitedTooLong(std::uint64_t id);
