@@ -8,8 +8,6 @@ namespace agent {
 
 namespace {
 
-const int kUserFacility = 1;
-
 LogQueue* lines = nullptr;
 
 }  // namespace
@@ -26,9 +24,12 @@ LibraryLog::~LibraryLog() {
 #ifdef SENTREL_LOGS_FOR_LIBRARY
 namespace {
 
-// debug, info, warning and error, from 3 to 6
+// The platform's debug, info, warning and error are 3 to 6.
 int Priority(int priority) {
-    return priority == 3 ? 7 : priority == 4 ? 6 : priority == 5 ? 4 : 3;
+    return priority == 3   ? LOG_DEBUG
+           : priority == 4 ? LOG_INFO
+           : priority == 5 ? LOG_WARNING
+                           : LOG_ERR;
 }
 
 }  // namespace
@@ -49,7 +50,7 @@ extern "C" __attribute__((visibility("default"), format(printf, 4, 5))) int __dl
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     agent::LogEntry entry;
-    entry.facility = agent::kUserFacility;
+    entry.facility = LOG_FAC(LOG_USER);
     entry.priority = agent::Priority(priority);
     entry.text = std::string(tag) + ": " + text;
     for (char& letter : entry.text) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "answer/Log.h"
+#include "base/Result.h"
 #include "base/Text.h"
 
 namespace agent {
@@ -37,18 +38,17 @@ const char kHelp[] =
     "else the machine's. As another user than root, rules and tools must belong to that user or\n"
     "to root.\n";
 
-bool ReadToolPath(const std::string& text, std::string& directories) {
+Check ReadToolPath(const std::string& text, Options& options) {
     for (const std::string& directory : Split(text, ':')) {
         if (!StartsWith(directory, "/")) {
-            Complain("--tool-path: not an absolute directory in: " + text);
-            return false;
+            return Refusal{"--tool-path: not an absolute directory in: " + text};
         }
     }
-    directories = text;
-    return true;
+    options.toolPath = text;
+    return Fine();
 }
 
-bool ReadLimit(const std::string& text, QuotaLimits& limits) {
+Check ReadLimit(const std::string& text, QuotaLimits& limits) {
     const std::size_t equals = text.find('=');
     const std::string name = text.substr(0, equals);
     const std::string count = equals == std::string::npos ? "" : text.substr(equals + 1);
@@ -59,20 +59,18 @@ bool ReadLimit(const std::string& text, QuotaLimits& limits) {
                                                    : nullptr;
     const std::optional<std::size_t> number = ToNumber<std::size_t>(count);
     if (limit == nullptr || !number || count.size() > 4 || (*number == 0 && name != "waiting")) {
-        Complain("--limit: not running, waiting, minute or total with a number up to 9999: " +
-                 text);
-        return false;
+        return Refusal{"--limit: not running, waiting, minute or total with a number up to 9999: " +
+                       text};
     }
     *limit = *number;
-    return true;
+    return Fine();
 }
 
 // --check takes its directories as operands too.
-bool ReadOperands(int argc, char** argv, Options& options) {
+Check ReadOperands(int argc, char** argv, Options& options) {
     for (int i = optind; i < argc; ++i) {
         if (!options.check) {
-            Complain(std::string("no operand is expected: ") + argv[i]);
-            return false;
+            return Refusal{std::string("no operand is expected: ") + argv[i]};
         }
         options.rules.push_back(argv[i]);
     }
@@ -80,61 +78,70 @@ bool ReadOperands(int argc, char** argv, Options& options) {
         options.rules = {"/usr/lib/sentrel/rules.d", "/etc/sentrel/rules.d",
                          "/run/sentrel/rules.d"};
     }
-    return true;
+    return Fine();
+}
+
+enum { kRules = 1, kCheck, kToolPath, kLimit, kAudit, kMock, kHelpAsked, kVersion };
+
+const option kKnown[] = {{"rules", required_argument, nullptr, kRules},
+                         {"check", no_argument, nullptr, kCheck},
+                         {"tool-path", required_argument, nullptr, kToolPath},
+                         {"limit", required_argument, nullptr, kLimit},
+                         {"audit-stderr", no_argument, nullptr, kAudit},
+                         {"mock", required_argument, nullptr, kMock},
+                         {"help", no_argument, nullptr, kHelpAsked},
+                         {"version", no_argument, nullptr, kVersion},
+                         {nullptr, 0, nullptr, 0}};
+
+Check ReadOption(int which, const std::string& argument, Options& options) {
+    switch (which) {
+        case kRules:
+            options.rules.push_back(argument);
+            break;
+        case kCheck:
+            options.check = true;
+            break;
+        case kToolPath:
+            return ReadToolPath(argument, options);
+        case kLimit:
+            return ReadLimit(argument, options.limits);
+        case kAudit:
+            options.auditToStandardError = true;
+            break;
+        case kMock:
+            options.mock = argument;
+            break;
+        case kHelpAsked:
+            (void)std::fputs(kHelp, stdout);
+            options.exit = 0;
+            break;
+        case kVersion:
+            (void)std::printf("sentrel-agent %s\n", SENTREL_VERSION);
+            options.exit = 0;
+            break;
+        default:
+            options.exit = 2;  // getopt_long has complained
+    }
+    return Fine();
 }
 
 }  // namespace
 
-void Complain(const std::string& text) {
-    StandardError().WriteLine(text);
-}
-
-int ReadOptions(int argc, char** argv, Options& options) {
-    enum { kRules = 1, kCheck, kToolPath, kLimit, kAudit, kMock, kHelpAsked, kVersion };
-    const option known[] = {{"rules", required_argument, nullptr, kRules},
-                            {"check", no_argument, nullptr, kCheck},
-                            {"tool-path", required_argument, nullptr, kToolPath},
-                            {"limit", required_argument, nullptr, kLimit},
-                            {"audit-stderr", no_argument, nullptr, kAudit},
-                            {"mock", required_argument, nullptr, kMock},
-                            {"help", no_argument, nullptr, kHelpAsked},
-                            {"version", no_argument, nullptr, kVersion},
-                            {nullptr, 0, nullptr, 0}};
-    for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
-        bool good = true;
-        switch (found) {
-            case kRules:
-                options.rules.push_back(optarg);
-                break;
-            case kCheck:
-                options.check = true;
-                break;
-            case kToolPath:
-                good = ReadToolPath(optarg, options.toolPath);
-                break;
-            case kLimit:
-                good = ReadLimit(optarg, options.limits);
-                break;
-            case kAudit:
-                options.auditToStandardError = true;
-                break;
-            case kMock:
-                options.mock = optarg;
-                break;
-            case kHelpAsked:
-                (void)std::fputs(kHelp, stdout);
-                return 0;
-            case kVersion:
-                (void)std::printf("sentrel-agent %s\n", SENTREL_VERSION);
-                return 0;
-            default:
-                good = false;  // getopt_long has complained
-        }
-        if (!good) {
-            return 2;
-        }
+Options ReadOptions(int argc, char** argv) {
+    Options options;
+    Check read = Fine();
+    for (int found = 0;
+         read && !options.exit && (found = getopt_long(argc, argv, "", kKnown, nullptr)) != -1;) {
+        read = ReadOption(found, optarg != nullptr ? optarg : "", options);
     }
-    return ReadOperands(argc, argv, options) ? -1 : 2;
+    if (read && !options.exit) {
+        read = ReadOperands(argc, argv, options);
+    }
+    if (!read) {
+        Complain(read.Reason());
+        options.exit = 2;
+    }
+    return options;
 }
 
 }  // namespace agent

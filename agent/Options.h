@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program's options, read into a value.
+// The program's options, read into a value. What is wrong with them is said at once.
 #ifndef SENTREL_AGENT_OPTIONS_H
 #define SENTREL_AGENT_OPTIONS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,10 @@ struct Options {
     std::string mock;  // a table's file; empty: none
     bool auditToStandardError = false;
     bool check = false;
+    std::optional<int> exit;  // the program's exit status: there is nothing more to do
 };
 
-// Less than 0: go on. Otherwise the exit status; everything has been said.
-int ReadOptions(int argc, char** argv, Options& options);
-
-// One line on standard error.
-void Complain(const std::string& text);
+Options ReadOptions(int argc, char** argv);
 
 }  // namespace agent
 

@@ -5,46 +5,51 @@
 
 namespace agent {
 
+namespace {
+
+void SendText(Replies& replies, uid_t uid, const sentrel::SR_DBusReturnAddress& address,
+              const std::string& text) {
+    sentrel::SR_DBusMessage reply = address.Return();
+    if (reply.GetWriter().AppendString(text)) {
+        replies.Send(uid, address, reply, text.size());
+    }
+}
+
+}  // namespace
+
 Answer::~Answer() {
     try {
-        const std::string text = std::to_string(status) + " " + std::to_string(value);
-        sentrel::SR_DBusMessage reply = address.Return();
-        if (reply.GetWriter().AppendString(text)) {
-            replies.Send(uid, address, reply, text.size());
-        }
+        SendText(replies, uid, address, std::to_string(status) + " " + std::to_string(value));
     } catch (const std::exception&) {
         // Out of memory: the caller's wait ends with its timeout.
     }
 }
 
-void Answer::Set(int newStatus, int newValue) {
-    status = newStatus;
-    value = newValue;
+void Answer::Set(int status_, int value_) {
+    status = status_;
+    value = value_;
 }
 
 TextReply::~TextReply() {
     try {
-        if (!error.empty()) {
+        if (error.empty()) {
+            SendText(replies, uid, address, text);
+        } else {
             replies.Send(uid, address, address.Error(error, text), text.size());
-            return;
-        }
-        sentrel::SR_DBusMessage reply = address.Return();
-        if (reply.GetWriter().AppendString(text)) {
-            replies.Send(uid, address, reply, text.size());
         }
     } catch (const std::exception&) {
         // Out of memory: the caller's wait ends with its timeout.
     }
 }
 
-void TextReply::Set(const std::string& newText) {
+void TextReply::Set(const std::string& text_) {
     error.clear();
-    text = newText;
+    text = text_;
 }
 
-void TextReply::SetError(const std::string& newName, const std::string& newText) {
-    error = newName;
-    text = newText;
+void TextReply::SetError(const std::string& error_, const std::string& text_) {
+    error = error_;
+    text = text_;
 }
 
 }  // namespace agent

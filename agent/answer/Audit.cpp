@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "Log.h"
+#include "base/Text.h"
 
 namespace agent {
 
@@ -28,16 +29,6 @@ bool IsPrintable(unsigned character) {
            !(character >= 0x2028 && character <= 0x202e) &&
            !(character >= 0x2066 && character <= 0x2069) && character != 0x200e &&
            character != 0x200f;
-}
-
-void AppendHex(std::string& text, std::string::const_iterator at, std::string::const_iterator end) {
-    static const char kDigits[] = "0123456789abcdef";
-    for (; at != end; ++at) {
-        const unsigned char byte = static_cast<unsigned char>(*at);
-        text += "\\x";
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
 }
 
 }  // namespace
@@ -67,8 +58,8 @@ public:
         Word(name, std::to_string(value));
     }
     void Text(const char* name, const std::string& value, std::size_t cap = kLongestField) {
-        const std::string escaped = Escape(value, cap);
-        Add(name, "\"" + escaped + "\"", escaped);
+        const std::string quoted = Quote(value, cap);
+        Add(name, quoted, quoted.substr(1, quoted.size() - 2));
     }
     const LogEntry& Get() const { return entry; }
 
@@ -85,9 +76,9 @@ private:
     LogEntry entry;
 };
 
-Audit::Audit(LogQueue& queue) : log(&queue), out(nullptr) {}
+Audit::Audit(LogQueue& log_) : log(&log_), out(nullptr) {}
 
-Audit::Audit(std::ostream& stream) : log(nullptr), out(&stream) {}
+Audit::Audit(std::ostream& out_) : log(nullptr), out(&out_) {}
 
 void Audit::Before(const AuditRequest& request) {
     Line line("start", request);
@@ -95,16 +86,16 @@ void Audit::Before(const AuditRequest& request) {
     Write(line);
 }
 
-void Audit::After(const AuditRequest& request, const AuditResult& result) {
+void Audit::After(const AuditRequest& request, const Outcome& outcome) {
     Line line("end", request);
     line.Word("decision", "allow");
-    line.Number("status", result.status);
-    line.Number("exit", result.exit);
-    line.Number("signal", result.signal);
-    line.Number("duration_ms", result.duration.count());
-    line.Number("out_bytes", result.outBytes);
-    line.Number("dropped_bytes", result.droppedBytes);
-    line.Text("reason", result.reason);
+    line.Number("status", outcome.status);
+    line.Number("exit", outcome.exit);
+    line.Number("signal", outcome.signal);
+    line.Number("duration_ms", outcome.duration.count());
+    line.Number("out_bytes", outcome.outBytes);
+    line.Number("dropped_bytes", outcome.droppedBytes);
+    line.Text("reason", outcome.reason);
     Write(line);
 }
 
@@ -117,30 +108,24 @@ void Audit::Denied(const AuditRequest& request, int status, const std::string& r
 }
 
 std::string Audit::Quote(const std::string& text, std::size_t cap) {
-    return "\"" + Escape(text, cap) + "\"";
-}
-
-std::string Audit::Escape(const std::string& text, std::size_t cap) {
-    const bool cut = text.size() > cap;
     const std::string kept = text.substr(0, cap);
-    std::string quoted;
+    std::string quoted = "\"";
     for (auto at = kept.begin(); at != kept.end();) {
         const auto malformed = utf8::find_invalid(at, kept.end());
         while (at != malformed) {
             const auto from = at;
-            if (!IsPrintable(utf8::unchecked::next(at))) {
-                AppendHex(quoted, from, at);
-                continue;
+            if (IsPrintable(utf8::unchecked::next(at))) {
+                quoted += *from == '"' || *from == '\\' ? "\\" : "";
+                quoted.append(from, at);
+            } else {
+                std::for_each(from, at, [&quoted](char byte) { quoted += HexByte(byte); });
             }
-            quoted += *from == '"' || *from == '\\' ? "\\" : "";
-            quoted.append(from, at);
         }
         if (at != kept.end()) {
-            AppendHex(quoted, at, at + 1);
-            ++at;
+            quoted += HexByte(*at++);
         }
     }
-    return quoted + (cut ? "..." : "");
+    return quoted + (text.size() > cap ? "...\"" : "\"");
 }
 
 // A password may hold commas, so nothing behind its name is shown. Text that could not be split may

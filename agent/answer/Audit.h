@@ -8,11 +8,12 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <vector>
+
+#include "base/Outcome.h"
 
 namespace agent {
 
@@ -29,32 +30,20 @@ struct AuditRequest {
     std::string rule;  // FILE:LINE; empty: none
 };
 
-struct AuditResult {
-    int status = 0;
-    int exit = -1;   // -1: it did not exit
-    int signal = 0;  // 0: none
-    std::chrono::milliseconds duration{0};
-    std::uint64_t outBytes = 0;
-    std::uint64_t droppedBytes = 0;
-    std::string reason;
-};
-
 class Audit {
 public:
     // With the facility authpriv, and for the journal with a field for each value.
-    explicit Audit(LogQueue& queue);
-    explicit Audit(std::ostream& stream);
+    explicit Audit(LogQueue& log_);
+    explicit Audit(std::ostream& out_);
 
     void Before(const AuditRequest& request);
-    void After(const AuditRequest& request, const AuditResult& result);
+    void After(const AuditRequest& request, const Outcome& outcome);
     // There is no way to turn this off.
     void Denied(const AuditRequest& request, int status, const std::string& reason);
 
     // Valid UTF-8 without control characters, in quotes: \xHH for every other byte, \" and \\.
     // What is longer than `cap` bytes is cut there and marked.
     static std::string Quote(const std::string& text, std::size_t cap);
-    // The same without the quotes around it.
-    static std::string Escape(const std::string& text, std::size_t cap);
     // The word with what follows the name of a password replaced by "***".
     static std::string Redact(const std::string& word, bool split);
     // Whether a request's arguments hold what a line does not show.

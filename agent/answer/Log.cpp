@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace agent {
@@ -31,16 +30,19 @@ std::size_t SizeOf(const LogEntry& entry) {
     return size;
 }
 
+std::string TwoDigits(int number, char filler) {
+    return (number < 10 ? std::string(1, filler) : "") + std::to_string(number);
+}
+
 // As syslog(3) writes it: "Nov  2 02:55:19 ", in no language but this.
 std::string TimeText(std::time_t when) {
-    static const char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     struct tm parts = {};
     (void)localtime_r(&when, &parts);
-    char text[32];
-    (void)std::snprintf(text, sizeof text, "%.3s %2d %02d:%02d:%02d ",
-                        kMonths + static_cast<std::ptrdiff_t>(3) * (parts.tm_mon % 12),
-                        parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
-    return text;
+    return std::string(kMonths[parts.tm_mon % 12]) + " " + TwoDigits(parts.tm_mday, ' ') + " " +
+           TwoDigits(parts.tm_hour, '0') + ":" + TwoDigits(parts.tm_min, '0') + ":" +
+           TwoDigits(parts.tm_sec, '0') + " ";
 }
 
 bool IsBusy(int error) {
@@ -69,7 +71,7 @@ void LogQueue::ReportLost() {
         return;
     }
     LogEntry entry;
-    entry.priority = 4;
+    entry.priority = LOG_WARNING;
     entry.facility = lostFacility;
     entry.text = std::to_string(lost) + (lost == 1 ? " line was" : " lines were") +
                  " lost here: the log did not take them";
@@ -119,9 +121,9 @@ void LogQueue::Flush() {
     watch.reset();
 }
 
-void LogQueue::Attach(sentrel::SR_MainLoop* mainLoop) {
+void LogQueue::Attach(sentrel::SR_MainLoop* loop_) {
     watch.reset();
-    loop = mainLoop;
+    loop = loop_;
     Flush();
 }
 
@@ -137,8 +139,7 @@ void LogQueue::Drain(std::chrono::milliseconds limit) {
     }
 }
 
-ErrorStream::ErrorStream(int descriptor, const LogLimits& queueLimits)
-    : LogQueue(queueLimits), fd(descriptor) {
+ErrorStream::ErrorStream(int fd_, const LogLimits& limits_) : LogQueue(limits_), fd(fd_) {
     struct stat status = {};
     if (fstat(fd, &status) != 0) {
         return;
@@ -197,6 +198,10 @@ LogQueue::Offered ErrorStream::Offer(LogEntry& entry) {
 ErrorStream& StandardError() {
     static ErrorStream stream(STDERR_FILENO);
     return stream;
+}
+
+void Complain(const std::string& text) {
+    StandardError().WriteLine(text);
 }
 
 SystemLog::~SystemLog() {

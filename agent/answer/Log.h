@@ -8,6 +8,8 @@
 #ifndef SENTREL_AGENT_LOG_H
 #define SENTREL_AGENT_LOG_H
 
+#include <syslog.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -23,9 +25,9 @@
 namespace agent {
 
 struct LogEntry {
-    int priority = 5;   // syslog(3)'s, here "notice"
-    int facility = 10;  // "authpriv"
-    std::string text;   // one line, without its end
+    int priority = LOG_NOTICE;
+    int facility = LOG_FAC(LOG_AUTHPRIV);
+    std::string text;  // one line, without its end
     // What the journal can search for: names in capitals, values without a line's end.
     std::vector<std::pair<std::string, std::string> > fields;
     std::time_t when = 0;    // filled in by Write()
@@ -39,7 +41,7 @@ struct LogLimits {
 
 class LogQueue {
 public:
-    explicit LogQueue(const LogLimits& queueLimits) : limits(queueLimits) {}
+    explicit LogQueue(const LogLimits& limits_) : limits(limits_) {}
     LogQueue(const LogQueue&) = delete;
     LogQueue& operator=(const LogQueue&) = delete;
     virtual ~LogQueue() {}
@@ -49,7 +51,7 @@ public:
     // Offers what waits. Does not block.
     void Flush();
     // From now on the loop flushes when the reader has made room; null: no longer.
-    void Attach(sentrel::SR_MainLoop* mainLoop);
+    void Attach(sentrel::SR_MainLoop* loop_);
     bool Attached() const { return loop != nullptr; }
     // Offers what waits until all is taken or this time has passed.
     void Drain(std::chrono::milliseconds limit);
@@ -76,7 +78,7 @@ private:
     std::deque<LogEntry> queue;
     std::size_t bytes = 0;
     std::uint64_t lost = 0;
-    int lostFacility = 10;
+    int lostFacility = 0;  // of the last one
     sentrel::SR_MainLoop* loop = nullptr;
     std::unique_ptr<Watch> watch;  // while something waits
 };
@@ -85,7 +87,7 @@ private:
 // others. Without a loop, WriteLine() gives the reader a few seconds.
 class ErrorStream : public LogQueue {
 public:
-    explicit ErrorStream(int descriptor, const LogLimits& queueLimits = LogLimits());
+    explicit ErrorStream(int fd_, const LogLimits& limits_ = LogLimits());
     ~ErrorStream() override {}
 
     void WriteLine(const std::string& text);
@@ -104,8 +106,9 @@ private:
     std::size_t written = 0;  // of the first line
 };
 
-// The program's one standard error.
+// The program's one standard error, and one line on it.
 ErrorStream& StandardError();
+void Complain(const std::string& text);
 
 struct LogPlaces {
     std::string journal = "/run/systemd/journal/socket";
@@ -116,10 +119,10 @@ struct LogPlaces {
 // there is looked at anew when the one in use has gone.
 class SystemLog : public LogQueue {
 public:
-    // `name` is the program's in the log. `errors` must outlive the object.
-    SystemLog(const std::string& name, LogQueue& errors, const LogLimits& queueLimits = LogLimits(),
-              const LogPlaces& logPlaces = LogPlaces())
-        : LogQueue(queueLimits), identifier(name), fallback(errors), places(logPlaces) {}
+    // `identifier_` is the program's name in the log. `fallback_` must outlive the object.
+    SystemLog(const std::string& identifier_, LogQueue& fallback_,
+              const LogLimits& limits_ = LogLimits(), const LogPlaces& places_ = LogPlaces())
+        : LogQueue(limits_), identifier(identifier_), fallback(fallback_), places(places_) {}
     ~SystemLog() override;
 
 protected:
@@ -142,7 +145,7 @@ private:
 // While it lives, the queue is served by the loop.
 class AttachedLog {
 public:
-    AttachedLog(LogQueue& logQueue, sentrel::SR_MainLoop& loop) : queue(logQueue) {
+    AttachedLog(LogQueue& queue_, sentrel::SR_MainLoop& loop) : queue(queue_) {
         queue.Attach(&loop);
     }
     AttachedLog(const AttachedLog&) = delete;

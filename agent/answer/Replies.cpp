@@ -31,9 +31,10 @@ struct Replies::Table {
         Clock::time_point faded;
     };
 
-    explicit Table(const ReplyLimits& replyLimits) : limits(replyLimits) {}
+    explicit Table(const ReplyLimits& limits_) : limits(limits_) {}
 
     std::size_t MostOf(uid_t uid) const { return uid == 0 ? limits.mostOfRoot : limits.most; }
+    std::size_t FadeOf(uid_t uid) const { return uid == 0 ? limits.fadeOfRoot : limits.fade; }
 
     void Add(uid_t uid, User& user, const std::string& busName, std::size_t bytes) {
         if (user.names.empty()) {
@@ -81,7 +82,7 @@ struct Replies::Table {
         User& user = users[uid];
         const std::chrono::duration<double> passed = Clock::now() - user.faded;
         auto gone =
-            static_cast<std::size_t>(passed.count() * static_cast<double>(limits.fade) / 60);
+            static_cast<std::size_t>(passed.count() * static_cast<double>(FadeOf(uid)) / 60);
         user.faded = gone == 0 ? user.faded : Clock::now();
         while (gone > 0 && !user.names.empty()) {
             const auto first = user.names.begin();
@@ -101,8 +102,8 @@ struct Replies::Table {
 // The bus's word about one name.
 class Replies::Told : public sentrel::BaseCallback<void, const sentrel::SR_DBusBacklog&> {
 public:
-    Told(const std::shared_ptr<Table>& replies, uid_t ofUser, const std::string& ofName)
-        : table(replies), uid(ofUser), busName(ofName) {}
+    Told(const std::shared_ptr<Table>& table_, uid_t uid_, const std::string& busName_)
+        : table(table_), uid(uid_), busName(busName_) {}
 
     void call(const sentrel::SR_DBusBacklog& backlog) const override {
         if (const std::shared_ptr<Table> kept = table.lock()) {
@@ -116,13 +117,13 @@ private:
     std::string busName;
 };
 
-Replies::Replies(sentrel::SR_DBusConnection& bus, const ReplyLimits& limits)
-    : connection(bus), table(std::make_shared<Table>(limits)) {}
+Replies::Replies(sentrel::SR_DBusConnection& connection_, const ReplyLimits& limits)
+    : connection(connection_), table(std::make_shared<Table>(limits)) {}
 
 Replies::~Replies() {}
 
-void Replies::OnLeftAlone(const LeftAlone& function) {
-    table->leftAlone = function;
+void Replies::OnLeftAlone(const LeftAlone& leftAlone) {
+    table->leftAlone = leftAlone;
 }
 
 void Replies::Send(uid_t uid, const sentrel::SR_DBusReturnAddress& address,

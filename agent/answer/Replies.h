@@ -42,13 +42,14 @@ class Replies {
 public:
     typedef std::function<void(uid_t uid, std::size_t bytes)> LeftAlone;
 
-    explicit Replies(sentrel::SR_DBusConnection& bus, const ReplyLimits& limits = ReplyLimits());
+    explicit Replies(sentrel::SR_DBusConnection& connection_,
+                     const ReplyLimits& limits = ReplyLimits());
     ~Replies();
     Replies(const Replies&) = delete;
     Replies& operator=(const Replies&) = delete;
 
     // Called once for each time that a user begins to be left without answers.
-    void OnLeftAlone(const LeftAlone& function);
+    void OnLeftAlone(const LeftAlone& leftAlone);
     // Queues a reply of about `size` bytes of text to a connection of that user's; does not block.
     // Nothing is sent when the caller waits for none, or is left alone.
     void Send(uid_t uid, const sentrel::SR_DBusReturnAddress& address,

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Strangers.h"
 
+#include <sentrel/SR_Status.h>
+
 namespace agent {
 
-Strangers::Strangers(sentrel::SR_MainLoop& mainLoop, Audit& requestAudit)
-    : loop(mainLoop), audit(requestAudit) {}
+Strangers::Strangers(sentrel::SR_MainLoop& loop_, Audit& audit_) : loop(loop_), audit(audit_) {}
 
 Strangers::~Strangers() {
     Flush();
@@ -13,7 +14,7 @@ Strangers::~Strangers() {
 void Strangers::Unknown(const std::function<AuditRequest()>& describe, const std::string& reason) {
     if (written < kLines) {
         ++written;
-        audit.Denied(describe(), 1, reason);
+        audit.Denied(describe(), SR_FAIL, reason);
     } else {
         ++left;
     }
@@ -39,14 +40,14 @@ void Strangers::StartSecond() {
 
 void Strangers::Flush() {
     if (left > 0) {
-        audit.Denied(AuditRequest(), 1,
+        audit.Denied(AuditRequest(), SR_FAIL,
                      std::to_string(left) + " more messages of senders that are not known");
     }
     for (const auto& user : away) {
         AuditRequest request;
         request.uid = user.first;
         audit.Denied(
-            request, 1,
+            request, SR_FAIL,
             "too many calls in a minute: " + std::to_string(user.second) + " turned away unread");
     }
     away.clear();

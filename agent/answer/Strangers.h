@@ -24,7 +24,7 @@ class Strangers {
 public:
     static const std::size_t kLines = 5;  // in a second
 
-    Strangers(sentrel::SR_MainLoop& mainLoop, Audit& requestAudit);
+    Strangers(sentrel::SR_MainLoop& loop_, Audit& audit_);
     ~Strangers();
     Strangers(const Strangers&) = delete;
     Strangers& operator=(const Strangers&) = delete;

@@ -32,8 +32,13 @@ bool HasControl(const std::string& text) {
     return false;
 }
 
-std::string Quote(const std::string& text) {
+std::string HexByte(char byte) {
     static const char kHex[] = "0123456789abcdef";
+    const unsigned value = static_cast<unsigned char>(byte);
+    return {'\\', 'x', kHex[value >> 4], kHex[value & 15]};
+}
+
+std::string Quote(const std::string& text) {
     std::string quoted = "'";
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (quoted.size() > kLongestQuote) {
@@ -42,9 +47,7 @@ std::string Quote(const std::string& text) {
         }
         const unsigned char byte = ByteAt(text, i);
         if (byte < 0x20 || byte > 0x7e || byte == '\'' || byte == '\\') {
-            quoted += "\\x";
-            quoted += kHex[byte >> 4];
-            quoted += kHex[byte & 15];
+            quoted += HexByte(text[i]);
         } else {
             quoted += text[i];
         }

@@ -19,6 +19,9 @@ bool HasControl(const std::string& text);
 // becomes \xHH, and a long text is cut, so that a message stays one readable line.
 std::string Quote(const std::string& text);
 
+// "\xHH".
+std::string HexByte(char byte);
+
 std::string Join(const std::vector<std::string>& parts, const char* separator);
 
 // Pieces between `separator`s, empty ones included; an empty text is one empty piece.

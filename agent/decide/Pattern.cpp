@@ -30,12 +30,14 @@ std::size_t NextCharacter(const std::string& text, std::size_t at) {
     return at;
 }
 
-// How much of `field` a glob without "/**" can take: all of it, or up to a '/' when `below`.
+// Whether a glob without "/**" takes all of `field`.
 //
-// One step back to the last '*' is enough: no wildcard takes a '/', so the parts between slashes
+// One step back to the last '*' is enough: where no wildcard takes a '/', the parts between slashes
 // match one by one, and in a part the first place where the rest fits is as good as any later one.
-// The time is at most the product of the two lengths.
-bool MatchGlob(const std::string& glob, const std::string& field) {
+// Where they do (`overSlashes`), the whole is one such part. The time is at most the product of the
+// two lengths.
+bool MatchGlob(const std::string& glob, const std::string& field, bool overSlashes = false) {
+    const auto taken = [&](std::size_t at) { return overSlashes || field[at] != '/'; };
     std::size_t g = 0;
     std::size_t f = 0;
     std::size_t star = kNone;
@@ -44,13 +46,13 @@ bool MatchGlob(const std::string& glob, const std::string& field) {
         if (g < glob.size() && glob[g] == '*') {
             star = g++;
             starField = f;
-        } else if (g < glob.size() && glob[g] == '?' && field[f] != '/') {
+        } else if (g < glob.size() && glob[g] == '?' && taken(f)) {
             ++g;
             f = NextCharacter(field, f);
         } else if (g < glob.size() && glob[g] != '?' && glob[g] == field[f]) {
             ++g;
             ++f;
-        } else if (star != kNone && field[starField] != '/') {
+        } else if (star != kNone && taken(starField)) {
             starField = NextCharacter(field, starField);
             f = starField;
             g = star + 1;
@@ -95,7 +97,7 @@ std::optional<std::string> Expand(const std::string& text, const Variables& vari
 }
 
 Pattern::Pattern(Kind kind_, const std::string& text_) : kind(kind_), text(text_) {
-    if (text.empty()) {
+    if (text.empty() && kind != kTextGlob) {
         error = "the pattern is empty";
     } else {
         Compile();
@@ -158,6 +160,9 @@ bool Pattern::Matches(const std::string& field, const Variables& variables) cons
         return re2::RE2::FullMatch(field, *regex);
     }
 #endif
+    if (kind == kTextGlob) {
+        return MatchGlob(text, field, true);
+    }
     const std::optional<std::string> glob = kind == kGlob ? Expand(text, variables) : std::nullopt;
     if (!glob) {
         return false;

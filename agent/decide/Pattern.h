@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a rule says about one field: a glob, an exact text or a regular expression.
+// What a rule says about one field: a glob, an exact text or a regular expression. And what a table
+// of answers says about a whole argument text: a text glob.
 //
 // A pattern always matches the whole field. In a glob '*' is any run of characters without '/',
 // '?' is one character but '/', and a "/**" at the end is anything below a directory (at least one
 // more character); nothing else is special, and "**" anywhere else is an error. %uid and %gid in a
-// glob stand for the caller's numbers. Copyable value type; matching is safe from any thread.
+// glob stand for the caller's numbers. In a text glob '*' is any run of characters and '?' any one,
+// '/' included, and nothing else is special. Copyable value type; matching is safe from any thread.
 #ifndef SENTREL_AGENT_PATTERN_H
 #define SENTREL_AGENT_PATTERN_H
 
@@ -33,7 +35,7 @@ std::optional<std::string> Expand(const std::string& text, const Variables& vari
 
 class Pattern {
 public:
-    enum Kind { kGlob, kExact, kRegex };
+    enum Kind { kGlob, kExact, kRegex, kTextGlob };
 
     static constexpr std::size_t kLongestRegex = 1024;
     static constexpr int kRegexMemory = 1 << 20;

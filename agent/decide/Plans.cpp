@@ -110,7 +110,7 @@ Check BuildMount(const Build& build) {
         build.Say("-t");
         build.Say(request.type);
     }
-    if (const Check said = SayOptions(build); !said) {
+    if (Check said = SayOptions(build); !said) {
         return said;
     }
     build.Say("--");
@@ -125,7 +125,7 @@ Check BuildMount(const Build& build) {
 }
 
 Check BuildMountShare(const Build& build) {
-    if (const Check said = SayOptions(build); !said) {
+    if (Check said = SayOptions(build); !said) {
         return said;
     }
     build.Say("--");

@@ -22,7 +22,7 @@ struct Callers::Table {
         std::vector<Waiter> waiters;
         std::size_t size = 0;  // of what they keep
     };
-    explicit Table(const CallerLimits& callerLimits) : limits(callerLimits) {}
+    explicit Table(const CallerLimits& limits_) : limits(limits_) {}
 
     // Who waited for this question; it is over. None when it was over before.
     std::vector<Waiter> Close(const std::string& sender, std::uint64_t id) {
@@ -74,8 +74,8 @@ struct Callers::Table {
 // Lives in libdbus until the bus has answered; the table may be gone by then.
 class Callers::Reply : public sentrel::BaseCallback<void, const sentrel::SR_DBusCredentials*> {
 public:
-    Reply(const std::shared_ptr<Table>& callers, const std::string& busName, std::uint64_t number)
-        : table(callers), sender(busName), id(number) {}
+    Reply(const std::shared_ptr<Table>& table_, const std::string& sender_, std::uint64_t id_)
+        : table(table_), sender(sender_), id(id_) {}
     Reply(const Reply&) = delete;
     Reply& operator=(const Reply&) = delete;
     ~Reply() override {
@@ -115,8 +115,8 @@ private:
     std::uint64_t id;
 };
 
-Callers::Callers(sentrel::SR_DBusConnection& bus, const CallerLimits& limits)
-    : connection(bus), table(std::make_shared<Table>(limits)) {}
+Callers::Callers(sentrel::SR_DBusConnection& connection_, const CallerLimits& limits)
+    : connection(connection_), table(std::make_shared<Table>(limits)) {}
 
 Callers::~Callers() {}
 

@@ -33,7 +33,8 @@ public:
     typedef std::function<void(const Caller&)> Known;
     typedef std::function<void(const std::string& reason)> Unknown;
 
-    explicit Callers(sentrel::SR_DBusConnection& bus, const CallerLimits& limits = CallerLimits());
+    explicit Callers(sentrel::SR_DBusConnection& connection_,
+                     const CallerLimits& limits = CallerLimits());
     ~Callers();
     Callers(const Callers&) = delete;
     Callers& operator=(const Callers&) = delete;

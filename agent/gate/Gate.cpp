@@ -9,8 +9,8 @@
 
 namespace agent {
 
-const char kName[] = "org.sentrel.sr_agent";
-const char kControlName[] = "org.sentrel.sr_agent.Control1";
+const char kServiceName[] = "org.sentrel.sr_agent";
+const char kControlInterface[] = "org.sentrel.sr_agent.Control1";
 
 namespace {
 
@@ -21,58 +21,69 @@ const char kNotSupported[] = "org.freedesktop.DBus.Error.NotSupported";
 const char kUnknownMethod[] = "org.freedesktop.DBus.Error.UnknownMethod";
 const char kUnknownObject[] = "org.freedesktop.DBus.Error.UnknownObject";
 
-// An error instead of an answer.
-struct Turned {
+// What a call gets that cannot be read.
+struct CallError {
     const char* name;
     const char* text;
 };
 
+bool Is(const char* text, const char* wanted) {
+    return text != nullptr && std::strcmp(text, wanted) == 0;
+}
+
 std::string Path() {
     std::string path;
-    sentrel::ServiceNameToPath(kName, path);
+    sentrel::ServiceNameToPath(kServiceName, path);
     return path;
 }
 
 // What holds for every call, whatever it asks.
 void CheckHeader(const sentrel::SR_DBusCallMessage& call) {
     if (call.GetInterface() == nullptr) {
-        throw Turned{kUnknownInterface, "the call names no interface"};
+        throw CallError{kUnknownInterface, "the call names no interface"};
     }
     // Nobody would learn what became of it.
     if (!sentrel::SR_DBusAdaptor::WantsReply(call)) {
-        throw Turned{kNotSupported, "a call must want its reply"};
+        throw CallError{kNotSupported, "a call must want its reply"};
     }
 }
 
-// The arguments in the order of `signature`; they must be these and no others.
-void ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& signature,
-                   std::string* operation, std::string* text, int* number) {
+struct Arguments {
+    std::string operation;
+    std::string text;
+    int descriptor = 0;
+};
+
+// They must be those of `signature`, in its order, and no others: the first text is the operation,
+// the second one its argument text.
+Arguments ReadArguments(const sentrel::SR_DBusCallMessage& call, const std::string& signature) {
     sentrel::SR_DBusMessageIter reader = call.GetReader();
-    // The first string is the agent's name, the second the text.
-    std::string* next = operation;
+    Arguments arguments;
+    std::string* next = &arguments.operation;
     bool tooLong = false;
     for (const char type : signature) {
         if (reader.GetArgType() != type) {
-            throw Turned{kInvalidArgs, "the arguments are not the ones that are expected"};
+            throw CallError{kInvalidArgs, "the arguments are not the ones that are expected"};
         }
         if (type == 's') {
             const char* const given = reader.GetString();
             tooLong = tooLong || strnlen(given, kLongestText + 1) > kLongestText;
-            if (next != nullptr && !tooLong) {
+            if (!tooLong) {
                 *next = given;
             }
-            next = text;
-        } else if (number != nullptr) {
-            *number = reader.GetInt32();
+            next = &arguments.text;
+        } else {
+            arguments.descriptor = reader.GetInt32();
         }
         ++reader;
     }
     if (reader.GetArgType() != 0) {
-        throw Turned{kInvalidArgs, "there are more arguments than are expected"};
+        throw CallError{kInvalidArgs, "there are more arguments than are expected"};
     }
     if (tooLong) {
-        throw Turned{kLimitsExceeded, "the argument text is too long"};
+        throw CallError{kLimitsExceeded, "the argument text is too long"};
     }
+    return arguments;
 }
 
 // For those who look from above, as tools that draw the tree of a bus do: what is next on the way
@@ -84,10 +95,6 @@ std::string NextOnTheWay(const std::string& path) {
         return "";
     }
     return end.substr(start.size(), end.find('/', start.size()) - start.size());
-}
-
-bool Is(const char* text, const char* wanted) {
-    return text != nullptr && std::strcmp(text, wanted) == 0;
 }
 
 // For a path at which there is nothing.
@@ -107,7 +114,7 @@ sentrel::SR_DBusMessage AnswerElsewhere(const sentrel::SR_DBusReturnAddress& add
 
 }  // namespace
 
-CallInterface::CallInterface() : SR_DBusIAdaptor(kName) {
+CallInterface::CallInterface() : SR_DBusIAdaptor(kServiceName) {
     AddMethod("CallCommand", this, &CallInterface::CallCommand);
 }
 
@@ -123,19 +130,19 @@ const char* CallInterface::Introspect() const {
 }
 
 sentrel::SR_DBusMessage CallInterface::CallCommand(const sentrel::SR_DBusCallMessage& call) {
-    Call request;
+    Arguments arguments;
     try {
         CheckHeader(call);
-        ReadArguments(call, "ssi", &request.operation, &request.text, &request.descriptor);
-    } catch (const Turned& turned) {
-        return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
+        arguments = ReadArguments(call, "ssi");
+    } catch (const CallError& error) {
+        return sentrel::SR_DBusErrorMessage(call, error.name, error.text);
     }
-    request.sender = call.GetSender();
-    Reading().call = std::move(request);
+    Reading().call = Call{call.GetSender(), std::move(arguments.operation),
+                          std::move(arguments.text), arguments.descriptor};
     return call;
 }
 
-ControlInterface::ControlInterface() : SR_DBusIAdaptor(kControlName) {
+ControlInterface::ControlInterface() : SR_DBusIAdaptor(kControlInterface) {
     for (const char* member : {"Test", "Status", "Reload", "Mounts"}) {
         AddMethod(member, this, &ControlInterface::Ask);
     }
@@ -161,16 +168,15 @@ const char* ControlInterface::Introspect() const {
 }
 
 sentrel::SR_DBusMessage ControlInterface::Ask(const sentrel::SR_DBusCallMessage& call) {
-    Question question;
+    Arguments arguments;
     try {
         CheckHeader(call);
-        question.member = call.GetMember();
-        ReadArguments(call, question.member == "Test" ? "ss" : "", &question.operation,
-                      &question.text, nullptr);
-    } catch (const Turned& turned) {
-        return sentrel::SR_DBusErrorMessage(call, turned.name, turned.text);
+        arguments = ReadArguments(call, Is(call.GetMember(), "Test") ? "ss" : "");
+    } catch (const CallError& error) {
+        return sentrel::SR_DBusErrorMessage(call, error.name, error.text);
     }
-    Reading().question = std::move(question);
+    Reading().question =
+        Question{call.GetMember(), std::move(arguments.operation), std::move(arguments.text)};
     return call;
 }
 

@@ -17,9 +17,9 @@
 
 namespace agent {
 
-// The bus name, the interface's name and, with "/" for ".", the object path.
-extern const char kName[];
-extern const char kControlName[];
+// The name on the bus, the name of the interface and, with "/" for ".", the object's path.
+extern const char kServiceName[];
+extern const char kControlInterface[];
 
 // What a caller asks for, as it arrived.
 struct Call {
@@ -29,7 +29,7 @@ struct Call {
     int descriptor = 0;     // a number of the caller's
 };
 
-// A question of the second interface; `agent` and `text` are there for Test only.
+// A question of the second interface; `operation` and `text` are there for Test only.
 struct Question {
     std::string member;
     std::string operation;
@@ -38,7 +38,7 @@ struct Question {
 
 // What one message wants. Small, whatever the message was, which is not kept.
 struct Errand {
-    explicit Errand(const sentrel::SR_DBusReturnAddress& to) : address(to) {}
+    explicit Errand(const sentrel::SR_DBusReturnAddress& address_) : address(address_) {}
 
     sentrel::SR_DBusReturnAddress address;
     // One of the four.

@@ -1,15 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// The agent's front. Everything that arrives on the connection comes by here first: whose it is
-// (asked of the bus, once for a connection), what its user has sent lately, and only then what it
-// wants. What comes out is a call with its caller, whose executable nobody knows yet, and whether
-// it is to be turned away.
+// The agent's front. Every message that arrives on the connection takes these steps, in this order:
 //
-// A message whose sender is not known yet is read, and what it wants waits for the bus's word; a
-// message may be large, that is small. What follows on its connection waits behind it, so that the
-// order is kept.
+//   Take    whose is it? A sender that is known goes on at once. About any other the bus is asked,
+//           once (Callers.h); until it answers, what the message wants is kept and not the message,
+//           which may be large. What follows from the same sender waits behind it, in its order.
+//   Count   has its user sent too much (Tolls.h)? Then it is turned away, or gets nothing at all.
+//   Admit   it waits for its turn among the users (WorkQueue.h). Until here all is cheap.
+//   Carry   it goes where it belongs: a request and a question to who takes them, everything else
+//           back with the answer that the gate has for it (Gate.h).
 //
-// What was passed in to Serve() is called on the loop's thread. The connection must outlive the
-// object; whoever holds answers must let go of them first.
+// The bus's own signals end at the first step: names that are gone are forgotten. A sender that the
+// bus does not know gets no answer, and is told of. What a step throws ends that message only.
+//
+// A request comes out with its caller, whose executable nobody knows yet.
+//
+// Ownership: who was passed to Serve() is called on the loop's thread and must outlive the loop's
+// last turn. The connection must outlive the object; whoever holds answers must let go of them
+// first. Threads: the one that runs the loop.
 #ifndef SENTREL_AGENT_SERVICE_H
 #define SENTREL_AGENT_SERVICE_H
 
@@ -17,7 +24,6 @@
 #include <sentrel/SR_DBusFilter.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +34,7 @@
 #include "WorkQueue.h"
 #include "answer/Answer.h"
 #include "answer/Replies.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -39,33 +46,44 @@ struct Arrival {
     Caller caller;
     std::chrono::steady_clock::time_point received;
     SharedAnswer answer;
-    Turn turn = Turn::kTaken;  // or to be turned away
+    Admission admission = Admission::kTaken;  // or to be turned away
 };
 
-// Who takes what comes. All may be empty.
-struct Receivers {
-    std::function<void(const Arrival&)> request;
-    // Whoever cannot answer at once keeps the reply.
-    std::function<void(const Question&, const Caller&, const std::shared_ptr<TextReply>&)> question;
-    // A message of a sender who is not known, what it asks for if anything, and why. It gets no
-    // answer.
-    std::function<void(const std::string& sender, const std::optional<Call>&,
-                       const std::string& reason)>
-        unknown;
+class RequestTaker {
+public:
+    virtual ~RequestTaker() {}
+
+    virtual void Take(const Arrival& arrival) = 0;
+    // These three have no answer of their own. A message whose sender is not known: what it asks
+    // for, if anything, and why.
+    virtual void TakeUnknown(const std::string& sender, const std::optional<Call>& call,
+                             const std::string& reason) = 0;
     // A message too many of that user's, whether it is answered or not.
-    std::function<void(uid_t)> tooMany;
+    virtual void TakeTooMany(uid_t uid) = 0;
     // A user who does not read gets no answers for now.
-    std::function<void(uid_t, std::size_t unreadBytes)> leftAlone;
+    virtual void TakeLeftAlone(uid_t uid, std::size_t unreadBytes) = 0;
+};
+
+class QuestionTaker {
+public:
+    virtual ~QuestionTaker() {}
+
+    // Whoever cannot answer at once keeps the reply.
+    virtual void Answer(const Question& question, const Caller& caller,
+                        const std::shared_ptr<TextReply>& reply) = 0;
 };
 
 class Service {
 public:
-    // Registers the object; the name is to be requested later. Throws SR_DBusException.
-    Service(sentrel::SR_MainLoop& loop, sentrel::SR_DBusConnection& bus,
+    // Registers the object. Throws SR_DBusException.
+    Service(sentrel::SR_MainLoop& loop, sentrel::SR_DBusConnection& connection_,
             std::size_t requestsPerMinute);
 
     // Until then every call fails.
-    void Serve(const Receivers& newReceivers);
+    void Serve(RequestTaker& requests_, QuestionTaker& questions_);
+    // Takes the name on the bus, so that callers find the object. Refused when another process has
+    // it. Throws SR_DBusException.
+    Check TakeName();
     // Hands on at once what waits for its turn.
     void Finish() { work.Finish(); }
     // Whether the bus is still there.
@@ -74,13 +92,15 @@ public:
 private:
     bool Take(const sentrel::SR_DBusCallMessage& message);
     void TakeFromBus(const sentrel::SR_DBusCallMessage& message);
-    bool Counts(const Caller& caller, Turn& turn);
-    void Admit(const std::shared_ptr<const Errand>& errand, const Caller& caller, Turn turn,
-               std::chrono::steady_clock::time_point received);
-    void Carry(const Errand& errand, const Caller& caller, Turn turn,
+    Admission Count(uid_t uid);
+    void Admit(const std::shared_ptr<const Errand>& errand, const Caller& caller,
+               Admission admission, std::chrono::steady_clock::time_point received);
+    void Carry(const Errand& errand, const Caller& caller, Admission admission,
                std::chrono::steady_clock::time_point received);
 
-    Receivers receivers;
+    sentrel::SR_DBusConnection& connection;
+    RequestTaker* requests = nullptr;
+    QuestionTaker* questions = nullptr;
     Tolls tolls;
     Replies replies;
     Gate gate;

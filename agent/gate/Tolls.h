@@ -11,13 +11,14 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
 #include <map>
 
+#include "base/Bucket.h"
+
 namespace agent {
 
-enum class Turn {
+enum class Admission {
     kTaken,      // to be looked at
     kFirstAway,  // to be turned away, as the first of this user's within a second
     kAway,       // to be turned away
@@ -26,26 +27,16 @@ enum class Turn {
 
 class Tolls {
 public:
-    typedef std::chrono::steady_clock::time_point TimePoint;
+    typedef Bucket::TimePoint TimePoint;
 
     explicit Tolls(std::size_t requestsPerMinute);
 
-    Turn Count(uid_t uid, TimePoint now);
+    Admission Count(uid_t uid, TimePoint now);
 
 private:
-    // Tokens that come back with time.
-    struct Bucket {
-        double tokens;
-        double burst;
-        double perMinute;
-
-        void Refill(std::chrono::duration<double> passed);
-        bool Take();
-    };
     struct User {
         Bucket taken;
         Bucket away;
-        TimePoint counted;
         TimePoint told;  // when one was turned away as the first
     };
 

@@ -21,26 +21,26 @@ const std::size_t kMostOfOne = 1024;
 
 }  // namespace
 
-WorkQueue::WorkQueue(sentrel::SR_MainLoop& mainLoop)
-    : loop(mainLoop), always(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)) {
+WorkQueue::WorkQueue(sentrel::SR_MainLoop& loop_)
+    : loop(loop_), always(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!always) {
         throw std::system_error(errno, std::generic_category(), "cannot make a descriptor");
     }
 }
 
-void WorkQueue::Add(uid_t uid, const Work& added) {
-    std::deque<Work>& own = work[uid];
+void WorkQueue::Add(uid_t uid, const Work& work) {
+    std::deque<Work>& own = works[uid];
     if (own.empty()) {
         order.push_back(uid);
     }
-    own.push_back(added);
+    own.push_back(work);
     ++waiting;
     if ((waiting == 1 && Clock::now() - begun >= kReading) || own.size() > kMostOfOne) {
         BeginSome();
     }
-    if (waiting > 0 && !turns) {
+    if (waiting > 0 && !eachTurn) {
         quiet = 0;
-        turns = std::make_unique<Watch>(loop, always.Get(), [this] { Turn(); });
+        eachTurn = std::make_unique<Watch>(loop, always.Get(), [this] { LoopTurned(); });
     }
 }
 
@@ -48,17 +48,17 @@ void WorkQueue::Finish() {
     while (waiting > 0) {
         BeginNext();
     }
-    turns.reset();
+    eachTurn.reset();
 }
 
-void WorkQueue::Turn() {
+void WorkQueue::LoopTurned() {
     quiet = arrivals == seen ? quiet + 1 : 0;
     seen = arrivals;
     if (waiting > 0 && (quiet >= kQuietTurns || Clock::now() - begun >= kReading)) {
         BeginSome();
     }
     if (waiting == 0) {
-        turns.reset();  // what runs here is kept by its caller
+        eachTurn.reset();  // what runs here is kept by its caller
     }
 }
 
@@ -73,12 +73,12 @@ void WorkQueue::BeginSome() {
 void WorkQueue::BeginNext() {
     const uid_t uid = order.front();
     order.pop_front();
-    const auto own = work.find(uid);
+    const auto own = works.find(uid);
     const Work next = std::move(own->second.front());
     own->second.pop_front();
     --waiting;
     if (own->second.empty()) {
-        work.erase(own);
+        works.erase(own);
     } else {
         order.push_back(uid);
     }

@@ -31,7 +31,7 @@ public:
     typedef std::function<void()> Work;
 
     // Throws std::system_error when no descriptor is left.
-    explicit WorkQueue(sentrel::SR_MainLoop& mainLoop);
+    explicit WorkQueue(sentrel::SR_MainLoop& loop_);
 
     // Something was read.
     void Arrived() { ++arrivals; }
@@ -44,14 +44,14 @@ public:
 private:
     typedef std::chrono::steady_clock Clock;
 
-    void Turn();
+    void LoopTurned();
     void BeginSome();
     void BeginNext();
 
     sentrel::SR_MainLoop& loop;
-    OwnedFd always;                // readable
-    std::unique_ptr<Watch> turns;  // while something waits
-    std::map<uid_t, std::deque<Work> > work;
+    OwnedFd always;                   // readable
+    std::unique_ptr<Watch> eachTurn;  // of the loop, while something waits
+    std::map<uid_t, std::deque<Work> > works;
     std::deque<uid_t> order;  // users with work, the next one first
     std::size_t waiting = 0;
     std::uint64_t arrivals = 0;

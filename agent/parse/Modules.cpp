@@ -27,7 +27,7 @@ Check StoreModule(Request& request, const std::string& value) {
 }
 
 Check StoreModulePath(Request& request, const std::string& value) {
-    if (const Check stored = StorePath(request, value); !stored) {
+    if (Check stored = StorePath(request, value); !stored) {
         return stored;
     }
     const std::string file = request.path.substr(request.path.rfind('/') + 1);

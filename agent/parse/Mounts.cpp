@@ -103,7 +103,7 @@ Check FinishBind(Request& request) {
 Check FinishMount(Request& request) {
     const bool isPath = StartsWith(request.source, "/");
     if (Has(request, "bind")) {
-        if (const Check good = FinishBind(request); !good) {
+        if (Check good = FinishBind(request); !good) {
             return good;
         }
     } else if (request.type == "none") {

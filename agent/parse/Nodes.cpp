@@ -14,7 +14,7 @@ namespace {
 std::optional<unsigned> ReadNumber(const std::string& text, unsigned most) {
     const bool hex = StartsWith(text, "0x") || StartsWith(text, "0X");
     const bool octal = !hex && text.size() > 1 && text[0] == '0';
-    const std::string digits = hex ? text.substr(2) : text;
+    const std::string_view digits = std::string_view(text).substr(hex ? 2 : 0);
     const std::optional<unsigned> value = ToNumber<unsigned>(digits, hex ? 16 : octal ? 8 : 10);
     return value && *value <= most && digits.size() <= 9 ? value : std::nullopt;
 }

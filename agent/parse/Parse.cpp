@@ -136,7 +136,7 @@ private:
                 const std::string rest = word.substr(i + 1);
                 return rest.empty() ? StoreNext(*row, name) : row->store(request, rest);
             }
-            if (const Check stored = row->store(request, row->stored); !stored) {
+            if (Check stored = row->store(request, row->stored); !stored) {
                 return stored;
             }
         }
@@ -160,7 +160,7 @@ private:
                 if (operands[at].empty() || operands[at][0] == '-') {
                     return Refusal{"an argument is empty or begins with '-'"};
                 }
-                if (const Check stored = row.store(request, operands[at]); !stored) {
+                if (Check stored = row.store(request, operands[at]); !stored) {
                     return stored;
                 }
             }

@@ -116,7 +116,7 @@ Check StoreShareOption(Request& request, const std::string& option) {
 
 Check StoreShareOptions(Request& request, const std::string& value) {
     for (const std::string& option : Split(value, ',')) {
-        const Check stored = StoreShareOption(request, option);
+        Check stored = StoreShareOption(request, option);
         if (!stored && !request.secret.empty()) {
             // What stands behind a password may be a part of it: a comma ends it too early.
             return Refusal{

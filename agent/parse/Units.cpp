@@ -26,7 +26,7 @@ bool HasUnitSuffix(const std::string& name) {
 
 Check StoreUnit(Request& request, const std::string& value) {
     const std::string unit = HasUnitSuffix(value) ? value : value + ".service";
-    const Check good = CheckUnit(unit);
+    Check good = CheckUnit(unit);
     if (good) {
         request.units.push_back(unit);
     }
@@ -38,7 +38,7 @@ Check StoreProperty(Request& request, const std::string& value) {
         if (!IsMadeOf(name, kAlnum) || name.size() > kLongestName) {
             return Refusal{"a property's name is malformed"};
         }
-        if (const Check added = AddOption(request, "property=" + name); !added) {
+        if (Check added = AddOption(request, "property=" + name); !added) {
             return added;
         }
     }

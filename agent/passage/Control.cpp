@@ -8,10 +8,10 @@
 
 namespace agent {
 
-Control::Control(Requests& agentRequests, const RuleStore& ruleStore, const Reloader& reloader)
-    : requests(agentRequests),
-      store(ruleStore),
-      reload(reloader),
+Control::Control(Requests& requests_, const RuleStore& store_, const Reloader& reload_)
+    : requests(requests_),
+      store(store_),
+      reload(reload_),
       started(std::chrono::steady_clock::now()) {}
 
 void Control::Answer(const Question& question, const Caller& caller,
@@ -21,7 +21,7 @@ void Control::Answer(const Question& question, const Caller& caller,
         const auto answer = [this, question, reply](const Caller& whole) {
             reply->Set(Test(question, whole));
         };
-        if (!requests.LookAt(caller, question.operation, answer)) {
+        if (!requests.LearnOf(caller, question.operation, answer)) {
             reply->SetError("org.freedesktop.DBus.Error.LimitsExceeded",
                             "too many requests at once");
         }

@@ -13,21 +13,21 @@
 
 #include "Requests.h"
 #include "answer/Answer.h"
-#include "gate/Gate.h"
+#include "gate/Service.h"
 #include "rules/RuleStore.h"
 
 namespace agent {
 
-class Control {
+class Control : public QuestionTaker {
 public:
     // Calls its argument when the rules have been loaded, or could not be.
     typedef std::function<void(const std::function<void(const LoadResult&)>&)> Reloader;
 
-    Control(Requests& agentRequests, const RuleStore& ruleStore, const Reloader& reloader);
+    Control(Requests& requests_, const RuleStore& store_, const Reloader& reload_);
 
     // The reply is kept until the answer is known.
     void Answer(const Question& question, const Caller& caller,
-                const std::shared_ptr<TextReply>& reply);
+                const std::shared_ptr<TextReply>& reply) override;
 
 private:
     std::string Test(const Question& question, const Caller& caller) const;

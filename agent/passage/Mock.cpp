@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Mock.h"
 
-#include <fnmatch.h>
 #include <sentrel/SR_Status.h>
 
 #include <toml++/toml.h>
@@ -19,14 +18,14 @@ const std::size_t kLongestOutput = 32768;  // fits into a pipe that nobody reads
 const std::int64_t kLongestDelay = 3600000;
 const std::size_t kMostDelayed = 1024;
 
+// Reads one [[answer]]; what is wrong with it goes into the list, and a default in its place.
 class RowReader {
 public:
-    RowReader(const toml::table& fields, const std::string& file,
-              std::vector<std::string>& allErrors)
-        : table(fields), name(file), errors(allErrors) {}
+    RowReader(const toml::table& table_, const std::string& file_,
+              std::vector<std::string>& errors_)
+        : table(table_), file(file_), errors(errors_) {}
 
     MockRow Read() {
-        MockRow row;
         for (const auto& field : table) {
             const std::string key(field.first.str());
             if (key != "agent" && key != "text" && key != "status" && key != "value" &&
@@ -37,14 +36,14 @@ public:
         if (table.get("agent") == nullptr || table.get("status") == nullptr) {
             Complain(table, "an answer needs 'agent' and 'status'");
         }
-        ReadText("agent", row.operation);
-        ReadText("text", row.text);
-        ReadText("output", row.output);
-        std::int64_t number = 0;
-        row.status = static_cast<int>(ReadNumber("status", std::numeric_limits<int>::max()));
-        row.value = static_cast<int>(ReadNumber("value", std::numeric_limits<int>::max()));
-        number = ReadNumber("delay", kLongestDelay);
-        row.delay = std::chrono::milliseconds(number);
+        const int most = std::numeric_limits<int>::max();
+        MockRow row;
+        row.operation = ReadText("agent", "");
+        row.text = Pattern(Pattern::kTextGlob, ReadText("text", "*"));
+        row.output = ReadText("output", "");
+        row.status = static_cast<int>(ReadNumber("status", most));
+        row.value = static_cast<int>(ReadNumber("value", most));
+        row.delay = std::chrono::milliseconds(ReadNumber("delay", kLongestDelay));
         if (row.output.size() > kLongestOutput) {
             Complain(table, "'output' is too long");
         }
@@ -53,19 +52,19 @@ public:
 
 private:
     void Complain(const toml::node& where, const std::string& text) {
-        errors.push_back(name + ":" + std::to_string(where.source().begin.line) + ": " + text);
+        errors.push_back(file + ":" + std::to_string(where.source().begin.line) + ": " + text);
     }
 
-    void ReadText(const char* key, std::string& text) {
+    std::string ReadText(const char* key, const char* otherwise) {
         const toml::node* node = table.get(key);
         if (node == nullptr) {
-            return;
+            return otherwise;
         }
         if (!node->is_string()) {
             Complain(*node, std::string("'") + key + "' must be a text");
-            return;
+            return otherwise;
         }
-        text = node->as_string()->get();
+        return node->as_string()->get();
     }
 
     std::int64_t ReadNumber(const char* key, std::int64_t most) {
@@ -83,47 +82,47 @@ private:
     }
 
     const toml::table& table;
-    const std::string& name;
+    const std::string& file;
     std::vector<std::string>& errors;
 };
 
 bool Fits(const MockRow& row, const Call& call) {
     return (row.operation == "*" || row.operation == call.operation) &&
-           fnmatch(row.text.c_str(), call.text.c_str(), FNM_NOESCAPE) == 0;
+           row.text.Matches(call.text, Variables());
 }
 
 }  // namespace
 
-bool ReadMockTable(const std::string& file, std::vector<MockRow>& rows,
-                   std::vector<std::string>& errors) {
+MockTable ReadMockTable(const std::string& file) {
+    MockTable read;
     try {
         const toml::table table = toml::parse_file(file);
         for (const auto& field : table) {
             const toml::array* list = field.second.as_array();
             if (field.first.str() != "answer" || list == nullptr) {
-                errors.push_back(file + ": only [[answer]] tables are expected");
+                read.errors.push_back(file + ": only [[answer]] tables are expected");
                 continue;
             }
             for (const toml::node& row : *list) {
                 if (const toml::table* fields = row.as_table()) {
-                    rows.push_back(RowReader(*fields, file, errors).Read());
+                    read.rows.push_back(RowReader(*fields, file, read.errors).Read());
                 } else {
-                    errors.push_back(file + ": 'answer' must be a list of tables");
+                    read.errors.push_back(file + ": 'answer' must be a list of tables");
                 }
             }
         }
     } catch (const toml::parse_error& error) {
-        errors.push_back(file + ":" + std::to_string(error.source().begin.line) + ": " +
-                         std::string(error.description()));
+        read.errors.push_back(file + ":" + std::to_string(error.source().begin.line) + ": " +
+                              std::string(error.description()));
     }
-    return errors.empty();
+    return read;
 }
 
-Mock::Mock(sentrel::SR_MainLoop& mainLoop, const std::vector<MockRow>& table)
-    : loop(mainLoop), rows(table), relays(mainLoop, RelayLimits()) {}
+Mock::Mock(sentrel::SR_MainLoop& loop_, const std::vector<MockRow>& rows_)
+    : loop(loop_), rows(rows_), relays(loop_, RelayLimits()) {}
 
 void Mock::Take(const Arrival& arrival) {
-    if (arrival.turn != Turn::kTaken) {
+    if (arrival.admission != Admission::kTaken) {
         return;  // answered with a failure
     }
     MockRow found;
@@ -174,17 +173,17 @@ void Mock::Give(const Arrival& arrival, const MockRow& row) {
     task.output = [caller, descriptor] { return TakeDescriptor(caller, descriptor); };
     const std::uint64_t id = ++lastId;
     const auto started =
-        relays.Start(task, caller, [this, id](const CallerFacts& facts) { Looked(id, facts); });
+        relays.Start(task, caller, [this, id](const CallerFacts& facts) { Print(id, facts); });
     if (!started) {
         arrival.answer->Set(started.Status(), 0);
         return;
     }
-    looking[id] = Looking{arrival.answer, row};
+    printing[id] = Printing{arrival.answer, row};
 }
 
-void Mock::Looked(std::uint64_t id, const CallerFacts& facts) {
-    const Looking entry = std::move(looking.at(id));
-    looking.erase(id);
+void Mock::Print(std::uint64_t id, const CallerFacts& facts) {
+    const Printing entry = std::move(printing.at(id));
+    printing.erase(id);
     if (!facts.output) {
         entry.answer->Set(SR_FAIL, 0);
         return;
@@ -201,16 +200,17 @@ void Mock::Looked(std::uint64_t id, const CallerFacts& facts) {
     facts.output->Abandon();
 }
 
-void Mock::Answer(const Question& question, const Caller& /*caller*/, TextReply& reply) const {
+void Mock::Answer(const Question& question, const Caller& /*caller*/,
+                  const std::shared_ptr<TextReply>& reply) {
     if (question.member != "Status") {
-        reply.SetError("org.freedesktop.DBus.Error.NotSupported",
-                       "this agent answers from a table and has no rules");
+        reply->SetError("org.freedesktop.DBus.Error.NotSupported",
+                        "this agent answers from a table and has no rules");
         return;
     }
-    reply.Set(JsonLine(Json{{"version", SENTREL_VERSION},
-                            {"mock", true},
-                            {"answers", rows.size()},
-                            {"served", served}}));
+    reply->Set(JsonLine(Json{{"version", SENTREL_VERSION},
+                             {"mock", true},
+                             {"answers", rows.size()},
+                             {"served", served}}));
 }
 
 void Mock::EndAll() {

@@ -2,15 +2,20 @@
 // Answers from a table instead of working: for trying out, on a desk, what a program does with each
 // status. No rule is asked and no tool is ever started.
 //
+// A request finds its row as it arrives, waits for the row's delay, has a relay at the caller's
+// descriptor if the row has an output, and then its answer. What waits for its delay is answered at
+// once when the program ends. Wrong tables are refused whole, with a line for each mistake.
+//
 //   [[answer]]
-//   agent  = "sr_mount"      # "*": every agent
+//   agent  = "sr_mount"      # "*": every operation
 //   text   = "*/media/*"     # optional; '*' is any text, '?' any character
 //   status = 0
 //   value  = 32              # optional, as are the next two
 //   delay  = 500             # milliseconds
 //   output = "mount: no such device"
 //
-// The first row that fits answers; when none does, the status is 7. Threads: the loop's.
+// The first row that fits answers; when none does, the status is 7. The loop is not owned and must
+// outlive the object. Threads: the loop's.
 #ifndef SENTREL_AGENT_MOCK_H
 #define SENTREL_AGENT_MOCK_H
 
@@ -20,10 +25,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/Events.h"
+#include "decide/Pattern.h"
 #include "gate/Service.h"
 #include "relay/Relay.h"
 
@@ -31,27 +38,36 @@ namespace agent {
 
 struct MockRow {
     std::string operation;
-    std::string text = "*";
-    int status = 0;
+    Pattern text = Pattern(Pattern::kTextGlob, "*");
+    int status = SR_OK;
     int value = 0;
     std::chrono::milliseconds delay{0};
     std::string output;
 };
 
-// False with "FILE:LINE: sentence" lines in `errors`.
-bool ReadMockTable(const std::string& file, std::vector<MockRow>& rows,
-                   std::vector<std::string>& errors);
+struct MockTable {
+    std::vector<MockRow> rows;
+    std::vector<std::string> errors;  // "FILE:LINE: sentence"; with one of them it cannot be used
+};
 
-class Mock {
+MockTable ReadMockTable(const std::string& file);
+
+class Mock : public RequestTaker, public QuestionTaker {
 public:
-    Mock(sentrel::SR_MainLoop& mainLoop, const std::vector<MockRow>& table);
+    Mock(sentrel::SR_MainLoop& loop_, const std::vector<MockRow>& rows_);
 
-    void Take(const Arrival& arrival);
-    void Answer(const Question& question, const Caller& caller, TextReply& reply) const;
+    void Take(const Arrival& arrival) override;
+    // There is no audit: what is refused before it is a request is not written down.
+    void TakeUnknown(const std::string& /*sender*/, const std::optional<Call>& /*call*/,
+                     const std::string& /*reason*/) override {}
+    void TakeTooMany(uid_t /*uid*/) override {}
+    void TakeLeftAlone(uid_t /*uid*/, std::size_t /*unreadBytes*/) override {}
+    void Answer(const Question& question, const Caller& caller,
+                const std::shared_ptr<TextReply>& reply) override;
     // What is delayed is answered now.
     void EndAll();
     // Whether every answer has been given.
-    bool Settled() const { return looking.empty(); }
+    bool Settled() const { return printing.empty(); }
 
 private:
     struct Delayed {
@@ -60,20 +76,20 @@ private:
         std::unique_ptr<Timer> timer;
     };
 
-    struct Looking {
+    struct Printing {
         SharedAnswer answer;
         MockRow row;
     };
 
-    void Give(const Arrival& arrival, const MockRow& row);
-    void Looked(std::uint64_t id, const CallerFacts& facts);
     void Due(std::uint64_t id);
+    void Give(const Arrival& arrival, const MockRow& row);
+    void Print(std::uint64_t id, const CallerFacts& facts);
 
     sentrel::SR_MainLoop& loop;
     std::vector<MockRow> rows;
     Relays relays;
     std::map<std::uint64_t, Delayed> delayed;
-    std::map<std::uint64_t, Looking> looking;  // at the caller's descriptor
+    std::map<std::uint64_t, Printing> printing;  // to the caller's descriptor
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
 };

@@ -5,21 +5,13 @@
 
 namespace agent {
 
-Quota::Quota(const QuotaLimits& quotaLimits) : limits(quotaLimits) {}
-
-void Quota::Bucket::Refill(TimePoint now) {
-    const std::chrono::duration<double> passed = now - counted;
-    tokens = std::min(burst, tokens + passed.count() * perMinute / 60.0);
-    counted = now;
-}
+Quota::Quota(const QuotaLimits& limits_) : limits(limits_) {}
 
 // A uid is remembered while it has requests or owes time.
 Quota::User& Quota::Find(uid_t uid, TimePoint now) {
     for (auto entry = users.begin(); entry != users.end();) {
-        User& user = entry->second;
-        user.requests.Refill(now);
-        const bool idle = user.running.empty() && user.waiting.empty() &&
-                          user.requests.tokens >= user.requests.burst;
+        const User& user = entry->second;
+        const bool idle = user.running.empty() && user.waiting.empty() && user.requests.IsFull(now);
         entry = idle ? users.erase(entry) : std::next(entry);
     }
     const auto entry = users.find(uid);
@@ -27,35 +19,31 @@ Quota::User& Quota::Find(uid_t uid, TimePoint now) {
         return entry->second;
     }
     const double requests = static_cast<double>(limits.perMinute);
-    User& user = users[uid];
-    user.requests = {requests, requests, requests, now};
-    return user;
+    return users.emplace(uid, User{Bucket(requests, requests, now), {}, {}}).first->second;
 }
 
 bool Quota::HasRoom(const User& user) const {
     return total < limits.total && user.running.size() < limits.running;
 }
 
-Quota::Entry Quota::Enter(uid_t uid, std::uint64_t id, TimePoint now, std::string& reason) {
+Result<Quota::Entry> Quota::Enter(uid_t uid, std::uint64_t id, TimePoint now) {
     User& user = Find(uid, now);
-    if (user.requests.tokens < 1) {
-        reason = "too many requests in a minute";
-        return Entry::kRefused;
+    if (!user.requests.HasOne(now)) {
+        return Refusal{"too many requests in a minute"};
     }
     // Behind those that wait already, even when there is room for a moment.
     const bool run = user.waiting.empty() && HasRoom(user);
     if (!run && user.waiting.size() >= limits.waiting) {
-        reason = "too many requests are waiting";
-        return Entry::kRefused;
+        return Refusal{"too many requests are waiting"};
     }
-    user.requests.tokens -= 1;
+    (void)user.requests.Take(now);
     if (run) {
         user.running.push_back(id);
         ++total;
         return Entry::kRun;
     }
     if (user.waiting.empty()) {
-        turns.push_back(uid);
+        order.push_back(uid);
     }
     user.waiting.push_back(id);
     return Entry::kWait;
@@ -76,14 +64,14 @@ std::vector<std::uint64_t> Quota::Leave(uid_t uid, std::uint64_t id) {
     } else if (waits != user.waiting.end()) {
         user.waiting.erase(waits);
         if (user.waiting.empty()) {
-            turns.erase(std::find(turns.begin(), turns.end(), uid));
+            order.erase(std::find(order.begin(), order.end(), uid));
         }
     }
     // One round over the uids that wait, again while there is room for anybody.
-    for (std::size_t without = 0; !turns.empty() && without < turns.size();) {
-        const uid_t next = turns.front();
-        turns.pop_front();
-        User& served = users[next];
+    for (std::size_t without = 0; !order.empty() && without < order.size();) {
+        const uid_t next = order.front();
+        order.pop_front();
+        User& served = users.at(next);
         const bool room = HasRoom(served);
         if (room) {
             started.push_back(served.waiting.front());
@@ -93,7 +81,7 @@ std::vector<std::uint64_t> Quota::Leave(uid_t uid, std::uint64_t id) {
         }
         without = room ? 0 : without + 1;
         if (!served.waiting.empty()) {
-            turns.push_back(next);
+            order.push_back(next);
         }
     }
     return started;

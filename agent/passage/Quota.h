@@ -9,12 +9,13 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <string>
 #include <vector>
+
+#include "base/Bucket.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -27,14 +28,14 @@ struct QuotaLimits {
 
 class Quota {
 public:
-    typedef std::chrono::steady_clock::time_point TimePoint;
-    enum class Entry { kRun, kWait, kRefused };
+    typedef Bucket::TimePoint TimePoint;
+    enum class Entry { kRun, kWait };
 
-    explicit Quota(const QuotaLimits& quotaLimits);
+    explicit Quota(const QuotaLimits& limits_);
 
-    // Asks for a place for request `id`, a number not in use. `reason` is written when it is
-    // refused; then nothing is kept of it.
-    Entry Enter(uid_t uid, std::uint64_t id, TimePoint now, std::string& reason);
+    // Asks for a place for request `id`, a number not in use. Nothing is kept of one that is
+    // refused.
+    Result<Entry> Enter(uid_t uid, std::uint64_t id, TimePoint now);
     // The request has ended, or one that waited gives up. The ones that may run now, in order;
     // their places are taken already.
     std::vector<std::uint64_t> Leave(uid_t uid, std::uint64_t id);
@@ -43,28 +44,19 @@ public:
     std::size_t Waiting() const;
 
 private:
-    // Tokens that come back with time.
-    struct Bucket {
-        double tokens;
-        double burst;
-        double perMinute;
-        TimePoint counted;
-
-        void Refill(TimePoint now);
-    };
     struct User {
         Bucket requests;
         std::vector<std::uint64_t> running;
         std::deque<std::uint64_t> waiting;
     };
 
-    // The user's entry, with its bucket filled up to now; the idle ones are forgotten meanwhile.
+    // The user's entry; the idle ones are forgotten meanwhile.
     User& Find(uid_t uid, TimePoint now);
     bool HasRoom(const User& user) const;
 
     QuotaLimits limits;
     std::map<uid_t, User> users;
-    std::deque<uid_t> turns;  // uids with waiting requests, the next to be served first
+    std::deque<uid_t> order;  // uids with waiting requests, the next one first
     std::size_t total = 0;
 };
 

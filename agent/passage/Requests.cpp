@@ -1,26 +1,81 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// A request is a Job here, from its arrival until nothing of it is left. It passes through these
+// states, downwards only; each is ended by whom it names:
+//
+//   kArrived   nothing is begun. Take() has a process look at the caller, or refuses.
+//   kLooking   that process works. The relay tells what it found, within its limit.
+//   kLooked    earlier ones of the same sender still look. The last of them to be known has this
+//              one decided: it is refused, runs, or waits for a place.
+//   kWaiting   it has a permit and no place. A job that leaves its place starts it, or its deadline
+//              refuses it.
+//   kRunning   the executor has it, and says what the answer is, in time in any case.
+//   kAnswered  its process has not ended yet, and keeps the place. The executor says when it has.
+//   kGone      whoever still speaks of it is not heard.
+//
+// A refusal leads from each of the first four to kGone, with a line for the caller, a line in the
+// audit and the answer; so does EndAll(). Any other step throws: the bookkeeping would be wrong,
+// and with it who gets which answer.
 #include "Requests.h"
 
 #include <sentrel/SR_Status.h>
 
 #include <algorithm>
 #include <optional>
+#include <stdexcept>
 
 #include "relay/Descriptor.h"
 #include "rules/Database.h"
 
 namespace agent {
 
+namespace {
+
+enum class State { kArrived, kLooking, kLooked, kWaiting, kRunning, kAnswered, kGone };
+
+bool MayFollow(State from, State to) {
+    switch (from) {
+        case State::kArrived:
+            return to == State::kLooking || to == State::kGone;
+        case State::kLooking:
+            return to == State::kLooked || to == State::kGone;
+        case State::kLooked:
+            return to == State::kWaiting || to == State::kRunning || to == State::kGone;
+        case State::kWaiting:
+            return to == State::kRunning || to == State::kGone;
+        case State::kRunning:
+            return to == State::kAnswered;
+        case State::kAnswered:
+            return to == State::kGone;
+        case State::kGone:
+            return false;
+    }
+    return false;
+}
+
+const char kEnding[] = "the agent is ending";
+
+}  // namespace
+
 struct Requests::Job {
     std::uint64_t id = 0;
-    Arrival arrival;
+    State state = State::kArrived;
+    Arrival arrival;  // with the answer, until that is given
     Parsed parsed;
-    std::optional<CallerFacts> look;
+    CallerFacts facts;
     std::optional<Permit> permit;
     std::shared_ptr<Relay> relay;  // none: no output
     AuditRequest audit;
-    std::unique_ptr<Timer> wait;  // while it waits for a place
-    bool launched = false;
+    std::unique_ptr<Timer> deadline;  // while it waits for a place
+
+    void Pass(State to) {
+        if (!MayFollow(state, to)) {
+            throw std::logic_error("request " + std::to_string(id) + " cannot pass from state " +
+                                   std::to_string(static_cast<int>(state)) + " to " +
+                                   std::to_string(static_cast<int>(to)));
+        }
+        state = to;
+    }
 };
 
 namespace {
@@ -64,18 +119,22 @@ std::string ReasonOf(const Parsed& parsed, const AuditRequest& described) {
     return Audit::HidesSome(described) ? "the arguments cannot be read" : parsed.error;
 }
 
-Requests::Requests(sentrel::SR_MainLoop& mainLoop, const RuleStore& ruleStore, Audit& requestAudit,
+Requests::Requests(sentrel::SR_MainLoop& loop_, const RuleStore& store_, Audit& audit_,
                    const QuotaLimits& limits)
-    : loop(mainLoop),
-      store(ruleStore),
-      audit(requestAudit),
-      relays(mainLoop, LimitsFor(limits)),
-      strangers(mainLoop, requestAudit),
+    : loop(loop_),
+      store(store_),
+      audit(audit_),
+      relays(loop_, LimitsFor(limits)),
+      strangers(loop_, audit_),
       quota(limits),
-      executor(mainLoop, ExecutorLimits()) {}
+      executor(loop_, ExecutorLimits()) {}
+
+Check Requests::MayLook(uid_t uid) const {
+    return ending ? Check(Refusal{kEnding}) : relays.HasRoom(uid);
+}
 
 void Requests::Take(const Arrival& arrival) {
-    if (arrival.turn != Turn::kTaken) {
+    if (arrival.admission != Admission::kTaken) {
         return TurnAway(arrival);
     }
     const std::shared_ptr<Job> job = std::make_shared<Job>();
@@ -88,9 +147,9 @@ void Requests::Take(const Arrival& arrival) {
     job->parsed = Parse(arrival.call.operation, arrival.call.text);
     DescribeArguments(arrival.call.text, job->parsed.words, job->parsed.status == SR_OK,
                       job->audit);
-    const Check room = ending ? Refusal{"the agent is ending"} : relays.HasRoom(arrival.caller.uid);
+    const Check room = MayLook(arrival.caller.uid);
     if (!room) {
-        return Refuse(*job, room.Status(), room.Reason(), room.Reason());
+        return Refuse(job, room.GetRefusal());
     }
     const std::uint64_t id = job->id;
     const AccountQuestions questions = store.QuestionsOf(arrival.call.operation);
@@ -98,17 +157,18 @@ void Requests::Take(const Arrival& arrival) {
         relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
                      [this, id](const CallerFacts& facts) { Looked(id, facts); });
     if (!started) {
-        return Refuse(*job, started.Status(), started.Reason(), started.Reason());
+        return Refuse(job, started.GetRefusal());
     }
-    looking[id] = job;
+    job->Pass(State::kLooking);
+    jobs[id] = job;
 }
 
 // Costs next to nothing: only the first of a second is told why.
 void Requests::TurnAway(const Arrival& arrival) {
     arrival.answer->Set(SR_FAIL, 0);
     const Caller& caller = arrival.caller;
-    if (arrival.turn == Turn::kFirstAway && arrival.call.descriptor > 0 && !ending &&
-        relays.HasRoom(caller.uid)) {
+    if (arrival.admission == Admission::kFirstAway && arrival.call.descriptor > 0 &&
+        MayLook(caller.uid)) {
         // The answer goes with the last copy of this: not before the reason was said.
         const auto say = [this, uid = caller.uid,
                           answer = arrival.answer](const CallerFacts& facts) {
@@ -149,8 +209,8 @@ void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
                      std::to_string(unreadBytes) + " bytes unread");
 }
 
-bool Requests::LookAt(const Caller& caller, const std::string& operation,
-                      const std::function<void(const Caller&)>& known) {
+bool Requests::LearnOf(const Caller& caller, const std::string& operation,
+                       const std::function<void(const Caller&)>& known) {
     const auto found = [caller, known](const CallerFacts& facts) {
         Caller whole = caller;
         whole.executable = facts.executable;
@@ -163,26 +223,29 @@ bool Requests::LookAt(const Caller& caller, const std::string& operation,
 
 // A look may take longer than the next one; what came over one connection keeps its order.
 void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
-    const auto entry = looking.find(id);
-    if (entry == looking.end()) {
+    const auto entry = jobs.find(id);
+    if (entry == jobs.end()) {
         if (facts.output) {
             facts.output->Kill();  // refused in the meantime
         }
         return;
     }
-    entry->second->look = facts;
-    entry->second->look->output.reset();
-    entry->second->relay = facts.output;
-    const std::string sender = entry->second->arrival.call.sender;
+    Job& known = *entry->second;
+    known.Pass(State::kLooked);
+    known.facts = facts;
+    known.facts.output.reset();
+    known.relay = facts.output;
     std::vector<std::shared_ptr<Job>> ready;
-    for (auto next = looking.begin(); next != looking.end();) {
-        if (next->second->arrival.call.sender != sender) {
-            ++next;
-        } else if (next->second->look) {
-            ready.push_back(next->second);
-            next = looking.erase(next);
-        } else {
+    for (const auto& next : jobs) {
+        const Job& job = *next.second;
+        if (job.arrival.call.sender != known.arrival.call.sender) {
+            continue;
+        }
+        if (job.state == State::kLooking) {
             break;
+        }
+        if (job.state == State::kLooked) {
+            ready.push_back(next.second);
         }
     }
     for (const std::shared_ptr<Job>& job : ready) {
@@ -192,96 +255,110 @@ void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
 
 void Requests::Decide(const std::shared_ptr<Job>& job) {
     Caller& caller = job->arrival.caller;
-    caller.executable = job->look->executable;
-    caller.account = job->look->account;
+    caller.executable = job->facts.executable;
+    caller.account = job->facts.account;
     job->audit.executable = caller.executable;
     if (job->parsed.status != SR_OK) {
-        const std::string reason = ReasonOf(job->parsed, job->audit);
-        return Refuse(*job, job->parsed.status, reason, reason);
+        return Refuse(job, {ReasonOf(job->parsed, job->audit), job->parsed.status});
     }
     Decision decision = store.Decide(caller, job->parsed.request);
     job->audit.rule = decision.rule;
     if (!decision.permit) {
         // The detail may name an option by its value.
-        return Refuse(*job, decision.status, decision.reason,
+        return Refuse(job, {decision.reason, decision.status},
                       Audit::HidesSome(job->audit) ? decision.reason : decision.detail);
     }
-    if (!job->look->refusal.empty()) {
-        return Refuse(*job, SR_FAIL, job->look->refusal, job->look->refusal);
+    if (!job->facts.refusal.empty()) {
+        return Refuse(job, {job->facts.refusal});
     }
     job->permit.emplace(std::move(*decision.permit));
     Admit(job);
 }
 
 void Requests::Admit(const std::shared_ptr<Job>& job) {
-    std::string reason = "the agent is ending";
-    const uid_t uid = job->arrival.caller.uid;
-    const Quota::Entry entry =
-        ending ? Quota::Entry::kRefused
-               : quota.Enter(uid, job->id, std::chrono::steady_clock::now(), reason);
-    if (entry == Quota::Entry::kRefused) {
-        return Refuse(*job, SR_FAIL, reason, reason);
+    if (ending) {
+        return Refuse(job, {kEnding});
     }
-    jobs[job->id] = job;
-    if (entry == Quota::Entry::kRun) {
+    const Result<Quota::Entry> entry =
+        quota.Enter(job->arrival.caller.uid, job->id, std::chrono::steady_clock::now());
+    if (!entry) {
+        return Refuse(job, entry.GetRefusal());
+    }
+    if (*entry == Quota::Entry::kRun) {
         return Launch(*job);
     }
+    job->Pass(State::kWaiting);
     // Those ahead may never end; whoever waits still gets an answer in time.
-    const std::uint64_t id = job->id;
-    Result<std::unique_ptr<Timer>> wait =
+    Result<std::unique_ptr<Timer>> deadline =
         Timer::Make(loop, job->arrival.received + job->permit->GetPlan().deadline,
-                    [this, id] { WaitedTooLong(id); });
-    if (!wait) {
-        Refuse(*job, SR_FAIL, "the agent has no descriptors left", wait.Reason());
-        return Leave(id);
+                    [this, id = job->id] { WaitedTooLong(id); });
+    if (!deadline) {
+        Refuse(job, {"the agent has no descriptors left"}, deadline.Reason());
+        return LeavePlace(*job);
     }
-    job->wait = std::move(*wait);
+    job->deadline = std::move(*deadline);
 }
 
 void Requests::WaitedTooLong(std::uint64_t id) {
     const std::shared_ptr<Job> job = jobs.at(id);
-    const std::string reason = "the deadline passed while other requests were ahead";
-    Refuse(*job, SR_WAITPID_FAILED, reason, reason);
-    Leave(id);
+    Refuse(job, {"the deadline passed while other requests were ahead", SR_WAITPID_FAILED});
+    LeavePlace(*job);
 }
 
-void Requests::Refuse(Job& job, int status, const std::string& reason, const std::string& detail) {
+void Requests::Refuse(const std::shared_ptr<Job>& job, const Refusal& refusal) {
+    Refuse(job, refusal, refusal.reason);
+}
+
+void Requests::Refuse(const std::shared_ptr<Job>& job, const Refusal& refusal,
+                      const std::string& detail) {
+    job->Pass(State::kGone);
+    (void)jobs.erase(job->id);
     ++refused;
-    audit.Denied(job.audit, status, detail);
-    refusals.Say(job.arrival.caller.uid, job.relay, reason);
-    job.relay.reset();
-    job.arrival.answer->Set(status, 0);
-    job.arrival.answer.reset();
+    audit.Denied(job->audit, refusal.status, detail);
+    refusals.Say(job->arrival.caller.uid, job->relay, refusal.reason);
+    job->relay.reset();
+    job->arrival.answer->Set(refusal.status, 0);
+    job->arrival.answer.reset();
 }
 
 void Requests::Launch(Job& job) {
-    job.wait.reset();
-    job.launched = true;
+    job.Pass(State::kRunning);
+    job.deadline.reset();
     audit.Before(job.audit);
     ++served;
     const std::uint64_t id = job.id;
     const std::shared_ptr<Relay> relay = std::move(job.relay);
     executor.Start(
         std::move(*job.permit), job.arrival.caller, relay, job.arrival.received,
-        [this, id](const Outcome& outcome) { Done(id, outcome); }, [this, id] { Leave(id); });
+        [this, id](const Outcome& outcome) { Done(id, outcome); }, [this, id] { Gone(id); });
 }
 
 void Requests::Done(std::uint64_t id, const Outcome& outcome) {
     Job& job = *jobs.at(id);
-    AuditResult result;
-    result.status = outcome.status;
-    result.exit = outcome.exit;
-    result.signal = outcome.signal;
-    result.duration = outcome.duration;
-    result.outBytes = outcome.outBytes;
-    result.droppedBytes = outcome.droppedBytes;
-    result.reason = outcome.reason;
-    audit.After(job.audit, result);
+    job.Pass(State::kAnswered);
+    audit.After(job.audit, outcome);
     if (outcome.status == SR_OK && outcome.value == 0) {
         Record(job);
     }
     job.arrival.answer->Set(outcome.status, outcome.value);
     job.arrival.answer.reset();
+}
+
+void Requests::Gone(std::uint64_t id) {
+    const std::shared_ptr<Job> job = jobs.at(id);
+    job->Pass(State::kGone);
+    (void)jobs.erase(id);
+    LeavePlace(*job);
+}
+
+// Its place, or its place among those that wait, is free.
+void Requests::LeavePlace(const Job& job) {
+    for (const std::uint64_t id : quota.Leave(job.arrival.caller.uid, job.id)) {
+        const auto next = jobs.find(id);
+        if (next != jobs.end()) {
+            Launch(*next->second);
+        }
+    }
 }
 
 void Requests::Record(const Job& job) {
@@ -300,54 +377,27 @@ void Requests::Record(const Job& job) {
     }
 }
 
-// Nothing is left of the request: its place is free for those that wait.
-void Requests::Leave(std::uint64_t id) {
-    const auto entry = jobs.find(id);
-    if (entry == jobs.end()) {
-        return;
-    }
-    const std::shared_ptr<Job> job = entry->second;
-    jobs.erase(entry);
-    for (const std::uint64_t next : quota.Leave(job->arrival.caller.uid, id)) {
-        const auto waiting = jobs.find(next);
-        if (waiting != jobs.end()) {
-            Launch(*waiting->second);
-        }
-    }
-}
-
 void Requests::EndAll() {
     if (ending) {
         return;
     }
     ending = true;
     strangers.Flush();
-    std::vector<std::shared_ptr<Job>> waiting;
-    for (const auto& entry : looking) {
-        waiting.push_back(entry.second);
-    }
-    looking.clear();
-    for (auto entry = jobs.begin(); entry != jobs.end();) {
-        if (entry->second->launched) {
-            if (entry->second->arrival.answer) {
-                // For one that does not end in time.
-                entry->second->arrival.answer->Set(SR_WAITPID_FAILED, 0);
-            }
-            ++entry;
-        } else {
-            waiting.push_back(entry->second);
-            entry = jobs.erase(entry);
+    const std::map<std::uint64_t, std::shared_ptr<Job>> all = jobs;
+    for (const auto& entry : all) {
+        const std::shared_ptr<Job>& job = entry.second;
+        if (job->state == State::kRunning) {
+            job->arrival.answer->Set(SR_WAITPID_FAILED, 0);  // for one that does not end in time
+        } else if (job->state != State::kAnswered) {
+            Refuse(job, {kEnding});
         }
-    }
-    for (const std::shared_ptr<Job>& job : waiting) {
-        Refuse(*job, SR_FAIL, "the agent is ending", "the agent is ending");
     }
     executor.EndAll();
 }
 
 bool Requests::Settled() const {
-    return std::none_of(jobs.begin(), jobs.end(),
-                        [](const auto& entry) { return entry.second->arrival.answer != nullptr; });
+    return std::all_of(jobs.begin(), jobs.end(),
+                       [](const auto& entry) { return entry.second->state == State::kAnswered; });
 }
 
 Figures Requests::GetFigures() const {

@@ -22,6 +22,8 @@
 #include "answer/Audit.h"
 #include "answer/Refusals.h"
 #include "answer/Strangers.h"
+#include "base/Outcome.h"
+#include "base/Result.h"
 #include "gate/Service.h"
 #include "parse/Parse.h"
 #include "relay/Relay.h"
@@ -38,25 +40,23 @@ struct Figures {
     std::uint64_t refused = 0;  // none was
 };
 
-class Requests {
+class Requests : public RequestTaker {
 public:
-    Requests(sentrel::SR_MainLoop& mainLoop, const RuleStore& ruleStore, Audit& requestAudit,
+    Requests(sentrel::SR_MainLoop& loop_, const RuleStore& store_, Audit& audit_,
              const QuotaLimits& limits);
     Requests(const Requests&) = delete;
     Requests& operator=(const Requests&) = delete;
 
-    void Take(const Arrival& arrival);
-    // These three have no answer of their own: a message whose sender is not known, one that is too
-    // many of a user's, and a user who is left alone because it does not read.
+    void Take(const Arrival& arrival) override;
     void TakeUnknown(const std::string& sender, const std::optional<Call>& call,
-                     const std::string& reason);
-    void TakeTooMany(uid_t uid);
-    void TakeLeftAlone(uid_t uid, std::size_t unreadBytes);
+                     const std::string& reason) override;
+    void TakeTooMany(uid_t uid) override;
+    void TakeLeftAlone(uid_t uid, std::size_t unreadBytes) override;
     // Calls `known` once, with what the rules for the operation need of the caller's process and
     // account or, when that does not come, without. False, and never a call, when there is no room
     // for that.
-    bool LookAt(const Caller& caller, const std::string& operation,
-                const std::function<void(const Caller&)>& known);
+    bool LearnOf(const Caller& caller, const std::string& operation,
+                 const std::function<void(const Caller&)>& known);
     // Nothing new is taken on, what waits is refused and what runs is asked to end.
     void EndAll();
     // Whether every answer has been given.
@@ -68,15 +68,19 @@ public:
 private:
     struct Job;
 
+    Check MayLook(uid_t uid) const;
     void TurnAway(const Arrival& arrival);
     void Looked(std::uint64_t id, const CallerFacts& facts);
     void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
-    void Refuse(Job& job, int status, const std::string& reason, const std::string& detail);
+    void WaitedTooLong(std::uint64_t id);
+    void Refuse(const std::shared_ptr<Job>& job, const Refusal& refusal);
+    // `detail` is for the audit only.
+    void Refuse(const std::shared_ptr<Job>& job, const Refusal& refusal, const std::string& detail);
     void Launch(Job& job);
     void Done(std::uint64_t id, const Outcome& outcome);
-    void Leave(std::uint64_t id);
-    void WaitedTooLong(std::uint64_t id);
+    void Gone(std::uint64_t id);
+    void LeavePlace(const Job& job);
     void Record(const Job& job);
 
     sentrel::SR_MainLoop& loop;
@@ -87,9 +91,8 @@ private:
     Strangers strangers;
     Quota quota;
     Mounts mounts;
-    Executor executor;                                      // goes before the relays
-    std::map<std::uint64_t, std::shared_ptr<Job>> looking;  // in the order of arrival
-    std::map<std::uint64_t, std::shared_ptr<Job>> jobs;
+    Executor executor;                                   // goes before the relays
+    std::map<std::uint64_t, std::shared_ptr<Job>> jobs;  // in the order of arrival
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
     std::uint64_t refused = 0;

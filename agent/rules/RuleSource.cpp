@@ -49,12 +49,13 @@ public:
         return *number;
     }
     std::string Text() {
-        const std::uint64_t size = Number();
-        good = good && size <= packed.size() - at;
+        const std::uint64_t length = Number();
+        good = good && length <= packed.size() - at;
         if (!good) {
             return "";
         }
         const std::size_t from = at;
+        const std::size_t size = static_cast<std::size_t>(length);
         at += size;
         return packed.substr(from, size);
     }

@@ -19,21 +19,11 @@
 #include "base/Caller.h"
 #include "base/Descriptors.h"
 #include "base/Events.h"
+#include "base/Outcome.h"
 #include "base/Permit.h"
 #include "relay/Relay.h"
 
 namespace agent {
-
-struct Outcome {
-    int status = 0;
-    int value = 0;
-    int exit = -1;       // the tool's own; -1: it did not exit
-    int signal = 0;      // 0: none ended it
-    std::string reason;  // why the status is not 0
-    std::chrono::milliseconds duration{0};
-    std::uint64_t outBytes = 0;  // these two: as far as the relay had ended
-    std::uint64_t droppedBytes = 0;
-};
 
 struct ExecutorLimits {
     // From the deadline: the killing signal after the polite one, and the answer, whatever happens.

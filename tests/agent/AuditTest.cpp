@@ -11,7 +11,7 @@
 
 using agent::Audit;
 using agent::AuditRequest;
-using agent::AuditResult;
+using agent::Outcome;
 
 namespace {
 
@@ -37,7 +37,7 @@ TEST(AuditTest, OneLineIsWrittenBeforeAndOneAfter) {
     std::ostringstream out;
     Audit audit(out);
     audit.Before(Request());
-    AuditResult result;
+    Outcome result;
     result.exit = 32;
     result.duration = std::chrono::milliseconds(15);
     result.outBytes = 99;

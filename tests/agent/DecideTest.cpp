@@ -550,6 +550,21 @@ TEST(Decide, ARuleThatForbidsAGroupMatchesWhereTheAccountIsNotKnown) {
               "rule 'never' (test.toml:1) forbids it");
 }
 
+TEST(Decide, EachOperationHasItsGrammarItsKeysAndItsCommand) {
+    const auto set = MakeRules(kNarrowRules);
+    const std::vector<agent::OperationRow>& rows = agent::OperationRows();
+    ASSERT_EQ(GoodRequests().size(), rows.size());
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const GoodRequest& good = GoodRequests()[i];
+        ASSERT_EQ(std::string(good.operation), rows[i].name);
+        const Decision decision = Decide(*set, MakeCaller(1000), good.operation, good.text);
+        ASSERT_TRUE(decision.permit) << good.operation << ": " << decision.detail;
+        const Plan& plan = decision.permit->GetPlan();
+        EXPECT_EQ(plan.operation, rows[i].operation);
+        EXPECT_EQ(plan.argv[0], rows[i].tool);
+    }
+}
+
 TEST(Decide, AnAdditionThatNeedsAnUnknownGroupIsRefused) {
     const auto set =
         MakeRules("[[rule]]\nname = \"r\"\nagent = \"sr_mount\"\npermit = true\nuser = \"*\"\n" +

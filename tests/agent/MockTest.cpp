@@ -48,6 +48,23 @@ TEST_F(MockTest, TheFirstRowThatFitsAnswersAndTheRestIsRefused) {
     EXPECT_EQ("7 0", Answer("sr_none", "x"));
 }
 
+TEST_F(MockTest, InATextOnlyAStarAndAQuestionMarkAreSpecialAndTheyTakeASlashToo) {
+    Serve(
+        "[[answer]]\nagent = \"*\"\ntext = \"[ab]\"\nstatus = 0\nvalue = 1\n"
+        "[[answer]]\nagent = \"*\"\ntext = \"x[!a]?\"\nstatus = 0\nvalue = 2\n"
+        "[[answer]]\nagent = \"*\"\ntext = 'a\\*'\nstatus = 0\nvalue = 3\n"
+        "[[answer]]\nagent = \"*\"\ntext = \"-o ? *\"\nstatus = 0\nvalue = 4\n"
+        "[[answer]]\nagent = \"*\"\ntext = \"\"\nstatus = 0\nvalue = 5\n");
+    EXPECT_EQ("0 1", Answer("sr_umount", "[ab]"));
+    EXPECT_EQ("7 0", Answer("sr_umount", "a"));
+    EXPECT_EQ("0 2", Answer("sr_umount", "x[!a]/"));
+    EXPECT_EQ("7 0", Answer("sr_umount", "xb/"));
+    EXPECT_EQ("0 3", Answer("sr_umount", "a\\/b/c"));
+    EXPECT_EQ("7 0", Answer("sr_umount", "a*"));
+    EXPECT_EQ("0 4", Answer("sr_umount", "-o \xc3\xa4 /a/b"));
+    EXPECT_EQ("0 5", Answer("sr_umount", ""));
+}
+
 TEST_F(MockTest, TheOutputOfARowIsThereWhenTheAnswerIs) {
     Serve("[[answer]]\nagent = \"*\"\nstatus = 0\noutput = \"one\\ntwo\"\n");
     test::Pipe output;

@@ -16,17 +16,22 @@ bool Glob(const std::string& pattern, const std::string& field) {
     return Pattern(Pattern::kGlob, pattern).Matches(field, Variables());
 }
 
+bool TextGlob(const std::string& pattern, const std::string& text) {
+    return Pattern(Pattern::kTextGlob, pattern).Matches(text, Variables());
+}
+
 // The meaning of a glob without "/**", as slow and plain as it can be written (bytes only).
-bool Plain(const char* glob, const char* field) {
+// `border`: what no wildcard takes.
+bool Plain(const char* glob, const char* field, char border = '/') {
     if (*glob == '\0') {
         return *field == '\0';
     }
     if (*glob == '*') {
-        return Plain(glob + 1, field) ||
-               (*field != '\0' && *field != '/' && Plain(glob, field + 1));
+        return Plain(glob + 1, field, border) ||
+               (*field != '\0' && *field != border && Plain(glob, field + 1, border));
     }
-    const bool one = *glob == '?' ? *field != '\0' && *field != '/' : *glob == *field;
-    return one && *field != '\0' && Plain(glob + 1, field + 1);
+    const bool one = *glob == '?' ? *field != '\0' && *field != border : *glob == *field;
+    return one && *field != '\0' && Plain(glob + 1, field + 1, border);
 }
 
 TEST(Pattern, AStarStopsAtASlash) {
@@ -98,8 +103,31 @@ TEST(Pattern, ThousandsOfRandomGlobsAgreeWithThePlainDefinition) {
                 << glob << " " << field;
             matched += Glob(glob, field) ? 1 : 0;
         }
+        ASSERT_EQ(TextGlob(glob, field), Plain(glob.c_str(), field.c_str(), '\0'))
+            << glob << " " << field;
     }
     EXPECT_GT(matched, 500);
+}
+
+TEST(Pattern, InATextGlobTheWildcardsTakeASlashToo) {
+    EXPECT_TRUE(TextGlob("*/media/*", "-t ext4 /dev/sda1 /media/a/b"));
+    EXPECT_TRUE(TextGlob("a?b", "a/b"));
+    EXPECT_TRUE(TextGlob("a?b",
+                         "a\xc3\xa4"
+                         "b"));
+    EXPECT_FALSE(TextGlob("a?b", "a//b"));
+    EXPECT_TRUE(TextGlob("**", "/"));
+    EXPECT_FALSE(TextGlob("*/media", "/media/x"));
+}
+
+TEST(Pattern, NothingElseInATextGlobIsSpecial) {
+    EXPECT_TRUE(TextGlob("[ab]", "[ab]"));
+    EXPECT_FALSE(TextGlob("[ab]", "a"));
+    EXPECT_TRUE(TextGlob("a\\*", "a\\b"));
+    EXPECT_TRUE(TextGlob("/x/**", "/x/"));
+    EXPECT_TRUE(TextGlob("%uid", "%uid"));
+    EXPECT_TRUE(TextGlob("", ""));
+    EXPECT_FALSE(TextGlob("", "a"));
 }
 
 TEST(Pattern, AManyStarredGlobIsDecidedQuickly) {

@@ -47,7 +47,7 @@ protected:
                              boost::make_shared<Taker>(this, &RepliesTest::Take)));
         replies = std::make_unique<Replies>(*connection, limits);
         replies->OnLeftAlone([this](uid_t uid, std::size_t) {
-            EXPECT_EQ(kSomebody, uid);
+            EXPECT_EQ(user, uid);
             ++leftAlone;
         });
     }
@@ -99,11 +99,27 @@ protected:
         dispatcher->DispatchPending();
     }
 
+    // Somebody who read only after it had too much.
+    void ExpectToBeAnsweredAgain() {
+        test::SilentCaller caller;
+        Ask(caller, 100);
+        EXPECT_EQ(1, leftAlone);
+        EXPECT_GE(caller.Read(), 40);
+        bool answered = false;
+        RunUntil([&] {
+            Ask(caller, 1);
+            answered = caller.Read() > 0;
+            return answered;
+        });
+        EXPECT_TRUE(answered);
+    }
+
     std::unique_ptr<test::PrivateBus> bus;
     std::unique_ptr<sentrel::SR_DBusDispatcher> dispatcher;
     std::unique_ptr<sentrel::SR_DBusConnection> connection;
     std::unique_ptr<sentrel::SR_DBusFilter> filter;
     std::unique_ptr<Replies> replies;
+    uid_t user = kSomebody;  // whose the callers are
     int asked = 0;
     int seen = 0;
     int settled = 0;
@@ -121,7 +137,7 @@ private:
             const sentrel::SR_DBusReturnAddress address(call);
             sentrel::SR_DBusMessage reply = address.Return();
             (void)reply.GetWriter().AppendString(std::string(kAnswer, 'x'));
-            replies->Send(kSomebody, address, reply, kAnswer);
+            replies->Send(user, address, reply, kAnswer);
         }
         return true;
     }
@@ -203,17 +219,17 @@ TEST_F(RepliesTest, WhereTheBusDoesNotTellWhatWasSentFadesWithTime) {
     agent::ReplyLimits limits = Quick();
     limits.fade = 60 * 1000000;  // a megabyte a second
     Serve(kSilentBus, limits);
-    test::SilentCaller caller;
-    Ask(caller, 100);
-    EXPECT_EQ(1, leftAlone);
-    EXPECT_GE(caller.Read(), 40);
-    bool answered = false;
-    RunUntil([&] {
-        Ask(caller, 1);
-        answered = caller.Read() > 0;
-        return answered;
-    });
-    EXPECT_TRUE(answered);
+    ExpectToBeAnsweredAgain();
+}
+
+TEST_F(RepliesTest, WhereTheBusDoesNotTellRootHasAMeasureOfItsOwn) {
+    agent::ReplyLimits limits = Quick();
+    limits.fade = 1;
+    limits.mostOfRoot = limits.most;
+    limits.fadeOfRoot = 60 * 1000000;
+    user = 0;
+    Serve(kSilentBus, limits);
+    ExpectToBeAnsweredAgain();
 }
 
 TEST_F(RepliesTest, ACallThatWantsNoReplyGetsNoneAndOwesNothing) {

@@ -4,15 +4,15 @@
 
 #include <gtest/gtest.h>
 
+using agent::Admission;
 using agent::Tolls;
-using agent::Turn;
 
 namespace {
 
 class TollsTest : public ::testing::Test {
 protected:
-    Turn Count(uid_t uid) { return tolls.Count(uid, now); }
-    int Take(uid_t uid, int messages, Turn wanted) {
+    Admission Count(uid_t uid) { return tolls.Count(uid, now); }
+    int Take(uid_t uid, int messages, Admission wanted) {
         int count = 0;
         for (int i = 0; i < messages; ++i) {
             count += Count(uid) == wanted ? 1 : 0;
@@ -25,58 +25,58 @@ protected:
 };
 
 TEST_F(TollsTest, ABurstIsTakenThenTurnedAwayAndFillsAgainWithTime) {
-    EXPECT_EQ(100, Take(1, 100, Turn::kTaken));
-    EXPECT_EQ(Turn::kFirstAway, Count(1));
-    EXPECT_EQ(Turn::kTaken, Count(2));  // another user is not concerned
+    EXPECT_EQ(100, Take(1, 100, Admission::kTaken));
+    EXPECT_EQ(Admission::kFirstAway, Count(1));
+    EXPECT_EQ(Admission::kTaken, Count(2));  // another user is not concerned
     now += std::chrono::milliseconds(199);
-    EXPECT_EQ(Turn::kAway, Count(1));
+    EXPECT_EQ(Admission::kAway, Count(1));
     now += std::chrono::milliseconds(2);
-    EXPECT_EQ(Turn::kTaken, Count(1));
-    EXPECT_EQ(Turn::kAway, Count(1));
+    EXPECT_EQ(Admission::kTaken, Count(1));
+    EXPECT_EQ(Admission::kAway, Count(1));
 }
 
 TEST_F(TollsTest, OneOfASecondIsTheFirstToBeTurnedAway) {
-    EXPECT_EQ(100, Take(1, 100, Turn::kTaken));
+    EXPECT_EQ(100, Take(1, 100, Admission::kTaken));
     int first = 0;
     for (int i = 0; i < 20; ++i) {
-        first += Take(1, 20, Turn::kFirstAway);
+        first += Take(1, 20, Admission::kFirstAway);
         now += std::chrono::milliseconds(100);
     }
     EXPECT_EQ(2, first);
 }
 
 TEST_F(TollsTest, BeyondAMinutesWorthThatWasTurnedAwayThereIsSilenceUntilTimeHasPassed) {
-    EXPECT_EQ(100, Take(1, 100, Turn::kTaken));
-    EXPECT_EQ(Turn::kFirstAway, Count(1));
-    EXPECT_EQ(299, Take(1, 299, Turn::kAway));
-    EXPECT_EQ(1000, Take(1, 1000, Turn::kSilent));
-    EXPECT_EQ(Turn::kTaken, Count(2));
+    EXPECT_EQ(100, Take(1, 100, Admission::kTaken));
+    EXPECT_EQ(Admission::kFirstAway, Count(1));
+    EXPECT_EQ(299, Take(1, 299, Admission::kAway));
+    EXPECT_EQ(1000, Take(1, 1000, Admission::kSilent));
+    EXPECT_EQ(Admission::kTaken, Count(2));
     now += std::chrono::milliseconds(201);
-    EXPECT_EQ(Turn::kTaken, Count(1));
-    EXPECT_EQ(Turn::kAway, Count(1));
-    EXPECT_EQ(Turn::kSilent, Count(1));
+    EXPECT_EQ(Admission::kTaken, Count(1));
+    EXPECT_EQ(Admission::kAway, Count(1));
+    EXPECT_EQ(Admission::kSilent, Count(1));
 }
 
 TEST_F(TollsTest, MessagesOfAFullMinuteComeThroughAndNoMore) {
     const Tolls::TimePoint start = now;
     int taken = 0;
     for (; now < start + std::chrono::minutes(2); now += std::chrono::milliseconds(10)) {
-        taken += Count(1) == Turn::kTaken ? 1 : 0;
+        taken += Count(1) == Admission::kTaken ? 1 : 0;
     }
     EXPECT_GE(taken, 699);  // the burst and two minutes' worth
     EXPECT_LE(taken, 701);
 }
 
 TEST_F(TollsTest, AUserWhoComesBackAfterAMinuteFindsItsBurstAgain) {
-    (void)Take(1, 2000, Turn::kSilent);
+    (void)Take(1, 2000, Admission::kSilent);
     now += std::chrono::seconds(61);
-    EXPECT_EQ(Turn::kTaken, Count(2));
-    EXPECT_EQ(100, Take(1, 100, Turn::kTaken));
-    EXPECT_EQ(Turn::kFirstAway, Count(1));
+    EXPECT_EQ(Admission::kTaken, Count(2));
+    EXPECT_EQ(100, Take(1, 100, Admission::kTaken));
+    EXPECT_EQ(Admission::kFirstAway, Count(1));
 }
 
 TEST_F(TollsTest, RootIsNotCounted) {
-    EXPECT_EQ(10000, Take(0, 10000, Turn::kTaken));
+    EXPECT_EQ(10000, Take(0, 10000, Admission::kTaken));
 }
 
 }  // namespace

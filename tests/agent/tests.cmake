@@ -6,7 +6,7 @@ if(TARGET sentrel-agent)
   target_include_directories(agent_rules_support PUBLIC agent)
   target_link_libraries(agent_rules_support PUBLIC sentrel_agent_rules
     PRIVATE sentrel_warnings)
-  foreach(name DecideTest DenialMatrixTest ExamplesTest GrammarTest PatternTest RandomDecideTest
+  foreach(name DecideTest DenialMatrixTest ExamplesTest GrammarTest OperationTest PatternTest RandomDecideTest
       RuleCheckTest RulesTest TextTest WordsTest)
     sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS agent_rules_support)
   endforeach()

@@ -30,21 +30,26 @@ std::string NameOfError(const std::function<void()>& action) {
     return test::ThrownName<SR_DBusException>(action);
 }
 
-// Tells when libdbus has freed a connection, which is when its last reference has gone.
+// Tells when libdbus has freed a connection, which is when its last reference has gone. Whichever
+// of the two goes first, the flag outlives both.
 class Finalised {
 public:
-    explicit Finalised(DBusConnection* connection) : slot(-1), freed(false) {
+    explicit Finalised(DBusConnection* connection)
+        : slot(-1), freed(std::make_shared<bool>(false)) {
         EXPECT_TRUE(dbus_connection_allocate_data_slot(&slot));
-        EXPECT_TRUE(dbus_connection_set_data(connection, slot, this, [](void* self) {
-            static_cast<Finalised*>(self)->freed = true;
-        }));
+        EXPECT_TRUE(dbus_connection_set_data(connection, slot, new std::shared_ptr<bool>(freed),
+                                             [](void* data) {
+                                                 const std::unique_ptr<std::shared_ptr<bool>> flag(
+                                                     static_cast<std::shared_ptr<bool>*>(data));
+                                                 **flag = true;
+                                             }));
     }
     ~Finalised() { dbus_connection_free_data_slot(&slot); }
-    operator bool() const { return freed; }
+    operator bool() const { return *freed; }
 
 private:
     dbus_int32_t slot;
-    bool freed;
+    std::shared_ptr<bool> freed;
 };
 
 class ConnectionTest : public test::BusTest {

@@ -495,11 +495,10 @@ TEST_F(ExecutorTest, TwoHundredRequestsAreServedWhileOneHangs) {
             });
     };
     for (std::size_t id = 0; id < results.size(); ++id) {
-        std::string reason;
-        const agent::Quota::Entry entry =
-            quota.Enter(caller.uid, id, std::chrono::steady_clock::now(), reason);
-        ASSERT_NE(entry, agent::Quota::Entry::kRefused) << reason;
-        if (entry == agent::Quota::Entry::kRun) {
+        const agent::Result<agent::Quota::Entry> entry =
+            quota.Enter(caller.uid, id, std::chrono::steady_clock::now());
+        ASSERT_TRUE(entry) << entry.Reason();
+        if (*entry == agent::Quota::Entry::kRun) {
             launch(id);
         }
     }
