@@ -56,12 +56,12 @@ public:
     Process& operator=(const Process&) = delete;
     bool HasEnded() const { return !child; }
     bool SetLimit() {
-        Result<std::unique_ptr<Timer> > limit = Timer::Make(
+        Result<std::unique_ptr<Timer> > made = Timer::Make(
             loader.loop, std::chrono::steady_clock::now() + loader.limit, [this] { TooLong(); });
-        if (limit) {
-            timer = std::move(*limit);
+        if (made) {
+            timer = std::move(*made);
         }
-        return static_cast<bool>(limit);
+        return static_cast<bool>(made);
     }
 
 private:
