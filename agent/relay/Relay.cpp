@@ -207,7 +207,7 @@ Result<std::shared_ptr<Relay> > Relays::Start(const RelayTask& task, const Calle
     const Refusal refusal{"the process for it cannot be started", SR_FORK_FAILED};
     Result<Pipe> output = OpenPipe();
     Result<Pipe> report = OpenPipe(Reading::kNeverWaits);
-    const std::shared_ptr<Relay> relay(new Relay(*this, caller.uid, task, known));
+    std::shared_ptr<Relay> relay(new Relay(*this, caller.uid, task, known));
     if (!output || !report || !relay->SetLookLimit()) {
         return refusal;
     }

@@ -117,7 +117,7 @@ private:
             return Refusal{"there is no tool to run"};
         }
         // Again, although the agent has looked at its start: it may have been replaced since.
-        const Check trusted = plan.bind || plan.node ? Fine() : CheckTool(plan.argv[0]);
+        Check trusted = plan.bind || plan.node ? Fine() : CheckTool(plan.argv[0]);
         if (!trusted) {
             return trusted;
         }
