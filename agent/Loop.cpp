@@ -8,8 +8,10 @@
 #include <csignal>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "base/Events.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -61,9 +63,14 @@ bool Loop::Run(const Tasks& tasks) {
             if (!tasks.connected()) {
                 Complain("the connection to the bus is lost");
             }
-            limit =
-                std::make_unique<Timer>(dispatcher, std::chrono::steady_clock::now() + kLongestEnd,
-                                        [this] { late = true; });
+            Result<std::unique_ptr<Timer>> timer =
+                Timer::Make(dispatcher, std::chrono::steady_clock::now() + kLongestEnd,
+                            [this] { late = true; });
+            if (!timer) {
+                Complain(timer.Reason());
+                return false;  // without a limit it might never end
+            }
+            limit = std::move(*timer);
             tasks.endAll();
         }
         if (limit && (late || tasks.settled())) {

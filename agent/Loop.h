@@ -38,7 +38,7 @@ public:
     Loop& operator=(const Loop&) = delete;
 
     sentrel::SR_DBusDispatcher& Dispatcher() { return dispatcher; }
-    // Runs until the end. False when that was the loss of the bus.
+    // Runs until the end. False when that was the loss of the bus, or could not be timed.
     bool Run(const Tasks& tasks);
 
 private:

@@ -30,12 +30,12 @@ void Strangers::StartSecond() {
     if (second) {
         return;
     }
-    try {
-        second = std::make_unique<Timer>(
-            loop, std::chrono::steady_clock::now() + std::chrono::seconds(1), [this] { Flush(); });
-    } catch (const std::system_error&) {
-        Flush();  // better too many lines than none
+    Result<std::unique_ptr<Timer> > timer = Timer::Make(
+        loop, std::chrono::steady_clock::now() + std::chrono::seconds(1), [this] { Flush(); });
+    if (!timer) {
+        return Flush();  // better too many lines than none
     }
+    second = std::move(*timer);
 }
 
 void Strangers::Flush() {

@@ -16,18 +16,21 @@
 #include <boost/make_shared.hpp>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <functional>
-#include <system_error>
+#include <memory>
+#include <string>
 
 #include "Descriptors.h"
+#include "Result.h"
 
 namespace agent {
 
 class Watch : public sentrel::SR_WatchEvent {
 public:
-    Watch(sentrel::SR_MainLoop& mainLoop, int fd, const std::function<void()>& function,
+    Watch(sentrel::SR_MainLoop& loop_, int fd, const std::function<void()>& function,
           int awaited = POLLIN)
-        : SR_WatchEvent(fd, awaited, &mainLoop), handler(function) {
+        : SR_WatchEvent(fd, awaited, &loop_), handler(function) {
         callback = boost::make_shared<sentrel::Callback<Watch, void, sentrel::SR_WatchEvent&> >(
             this, &Watch::Ready);
     }
@@ -47,28 +50,31 @@ private:
 // clock.
 class Timer {
 public:
-    // Fires at once when the time has passed. Throws std::system_error when no descriptor is left.
-    Timer(sentrel::SR_MainLoop& mainLoop, std::chrono::steady_clock::time_point when,
-          const std::function<void()>& function)
-        : fd(Arm(when)), watch(mainLoop, fd.Get(), [this, function] {
-              watch.Disable();
-              const std::function<void()> kept = function;
-              kept();
-          }) {}
-
-private:
-    static int Arm(std::chrono::steady_clock::time_point when) {
+    // Fires at once when the time has passed. Refused when no descriptor is left.
+    static Result<std::unique_ptr<Timer> > Make(sentrel::SR_MainLoop& loop,
+                                                std::chrono::steady_clock::time_point when,
+                                                const std::function<void()>& function) {
         const std::chrono::nanoseconds at = std::max<std::chrono::nanoseconds>(
             when.time_since_epoch(), std::chrono::nanoseconds(1));
         itimerspec spec = {};
         spec.it_value.tv_sec = static_cast<time_t>(at.count() / 1000000000);
         spec.it_value.tv_nsec = static_cast<long>(at.count() % 1000000000);
-        const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-        if (timer < 0 || timerfd_settime(timer, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot set a timer");
+        OwnedFd fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+        if (!fd || timerfd_settime(fd.Get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+            return Refusal{std::string("no timer can be made: ") + std::strerror(errno)};
         }
-        return timer;
+        return std::unique_ptr<Timer>(new Timer(loop, std::move(fd), function));
     }
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+
+private:
+    Timer(sentrel::SR_MainLoop& loop, OwnedFd&& timer, const std::function<void()>& function)
+        : fd(std::move(timer)), watch(loop, fd.Get(), [this, function] {
+              watch.Disable();
+              const std::function<void()> kept = function;  // the handler may destroy this object
+              kept();
+          }) {}
 
     OwnedFd fd;
     Watch watch;

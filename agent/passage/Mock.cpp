@@ -141,12 +141,12 @@ void Mock::Take(const Arrival& arrival) {
     Delayed& entry = delayed[id];
     entry.arrival = arrival;
     entry.row = found;
-    try {
-        entry.timer =
-            std::make_unique<Timer>(loop, arrival.received + found.delay, [this, id] { Due(id); });
-    } catch (const std::system_error&) {
-        Due(id);
+    Result<std::unique_ptr<Timer> > timer =
+        Timer::Make(loop, arrival.received + found.delay, [this, id] { Due(id); });
+    if (!timer) {
+        return Due(id);
     }
+    entry.timer = std::move(*timer);
 }
 
 void Mock::Due(std::uint64_t id) {
@@ -164,38 +164,40 @@ void Mock::Give(const Arrival& arrival, const MockRow& row) {
         arrival.answer->Set(row.status, row.value);
         return;
     }
-    std::string reason;
-    if (!relays.HasRoom(caller.uid, reason)) {
-        arrival.answer->Set(SR_FAIL, 0);
+    const Check room = relays.HasRoom(caller.uid);
+    if (!room) {
+        arrival.answer->Set(room.Status(), 0);
         return;
     }
     RelayTask task;
     task.output = [caller, descriptor] { return TakeDescriptor(caller, descriptor); };
     const std::uint64_t id = ++lastId;
-    if (!relays.Start(task, caller, [this, id](const Look& look) { Print(id, look); })) {
-        arrival.answer->Set(SR_FORK_FAILED, 0);
+    const auto started =
+        relays.Start(task, caller, [this, id](const CallerFacts& facts) { Print(id, facts); });
+    if (!started) {
+        arrival.answer->Set(started.Status(), 0);
         return;
     }
     printing[id] = Printing{arrival.answer, row};
 }
 
-void Mock::Print(std::uint64_t id, const Look& look) {
+void Mock::Print(std::uint64_t id, const CallerFacts& facts) {
     const Printing entry = std::move(printing.at(id));
     printing.erase(id);
-    if (!look.output) {
+    if (!facts.output) {
         entry.answer->Set(SR_FAIL, 0);
         return;
     }
     entry.answer->Set(entry.row.status, entry.row.value);
     if (!entry.row.output.empty()) {
         const SharedAnswer kept = entry.answer;  // goes when the output has arrived
-        look.output->OnEnd([kept] {});
+        facts.output->OnEnd([kept] {});
     }
     std::istringstream lines(entry.row.output);
     for (std::string line; std::getline(lines, line);) {
-        look.output->Say(line);
+        facts.output->Say(line);
     }
-    look.output->Abandon();
+    facts.output->Abandon();
 }
 
 void Mock::Answer(const Question& question, const Caller& /*caller*/,

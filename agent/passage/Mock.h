@@ -83,7 +83,7 @@ private:
 
     void Due(std::uint64_t id);
     void Give(const Arrival& arrival, const MockRow& row);
-    void Print(std::uint64_t id, const Look& look);
+    void Print(std::uint64_t id, const CallerFacts& facts);
 
     sentrel::SR_MainLoop& loop;
     std::vector<MockRow> rows;

@@ -52,11 +52,11 @@ std::vector<MountRecord> Mounts::List() {
 // Of several on one place the newest are the first to have gone.
 void Mounts::DropGone() {
     std::map<std::string, std::size_t> points;  // how many mounts lie on each
-    std::vector<MountEntry> mounts;
-    if (!ReadMounts(mounts)) {
+    const Result<std::vector<MountEntry> > mounts = ReadMounts();
+    if (!mounts) {
         return;
     }
-    for (const MountEntry& entry : mounts) {
+    for (const MountEntry& entry : *mounts) {
         ++points[entry.point];
     }
     std::vector<MountRecord> kept;

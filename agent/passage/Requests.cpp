@@ -23,7 +23,6 @@
 #include <algorithm>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 
 #include "relay/Descriptor.h"
 #include "rules/Database.h"
@@ -63,7 +62,7 @@ struct Requests::Job {
     State state = State::kArrived;
     Arrival arrival;  // with the answer, until that is given
     Parsed parsed;
-    Look look;
+    CallerFacts facts;
     std::optional<Permit> permit;
     std::shared_ptr<Relay> relay;  // none: no output
     AuditRequest audit;
@@ -131,11 +130,7 @@ Requests::Requests(sentrel::SR_MainLoop& loop_, const RuleStore& store_, Audit& 
       executor(loop_, ExecutorLimits()) {}
 
 Check Requests::MayLook(uid_t uid) const {
-    if (ending) {
-        return Refusal{kEnding};
-    }
-    std::string reason;
-    return relays.HasRoom(uid, reason) ? Fine() : Check(Refusal{reason});
+    return ending ? Check(Refusal{kEnding}) : relays.HasRoom(uid);
 }
 
 void Requests::Take(const Arrival& arrival) {
@@ -158,9 +153,11 @@ void Requests::Take(const Arrival& arrival) {
     }
     const std::uint64_t id = job->id;
     const AccountQuestions questions = store.QuestionsOf(arrival.call.operation);
-    if (!relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
-                      [this, id](const Look& look) { Looked(id, look); })) {
-        return Refuse(job, {"the process for it cannot be started", SR_FORK_FAILED});
+    const auto started =
+        relays.Start(TaskFor(arrival.caller, arrival.call.descriptor, questions), arrival.caller,
+                     [this, id](const CallerFacts& facts) { Looked(id, facts); });
+    if (!started) {
+        return Refuse(job, started.GetRefusal());
     }
     job->Pass(State::kLooking);
     jobs[id] = job;
@@ -173,8 +170,9 @@ void Requests::TurnAway(const Arrival& arrival) {
     if (arrival.admission == Admission::kFirstAway && arrival.call.descriptor > 0 &&
         MayLook(caller.uid)) {
         // The answer goes with the last copy of this: not before the reason was said.
-        const auto say = [this, uid = caller.uid, answer = arrival.answer](const Look& look) {
-            refusals.Say(uid, look.output, "too many calls in a minute");
+        const auto say = [this, uid = caller.uid,
+                          answer = arrival.answer](const CallerFacts& facts) {
+            refusals.Say(uid, facts.output, "too many calls in a minute");
         };
         (void)relays.Start(TaskFor(caller, arrival.call.descriptor, AccountQuestions()), caller,
                            say);
@@ -213,32 +211,31 @@ void Requests::TakeLeftAlone(uid_t uid, std::size_t unreadBytes) {
 
 bool Requests::LearnOf(const Caller& caller, const std::string& operation,
                        const std::function<void(const Caller&)>& known) {
-    std::string reason;
-    const auto found = [caller, known](const Look& look) {
+    const auto found = [caller, known](const CallerFacts& facts) {
         Caller whole = caller;
-        whole.executable = look.executable;
-        whole.account = look.account;
+        whole.executable = facts.executable;
+        whole.account = facts.account;
         known(whole);
     };
-    return relays.HasRoom(caller.uid, reason) &&
+    return relays.HasRoom(caller.uid) &&
            relays.Start(TaskFor(caller, 0, store.QuestionsOf(operation)), caller, found);
 }
 
 // A look may take longer than the next one; what came over one connection keeps its order.
-void Requests::Looked(std::uint64_t id, const Look& look) {
+void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
     const auto entry = jobs.find(id);
     if (entry == jobs.end()) {
-        if (look.output) {
-            look.output->Kill();  // refused in the meantime
+        if (facts.output) {
+            facts.output->Kill();  // refused in the meantime
         }
         return;
     }
     Job& known = *entry->second;
     known.Pass(State::kLooked);
-    known.look = look;
-    known.look.output.reset();
-    known.relay = look.output;
-    std::vector<std::shared_ptr<Job> > ready;
+    known.facts = facts;
+    known.facts.output.reset();
+    known.relay = facts.output;
+    std::vector<std::shared_ptr<Job>> ready;
     for (const auto& next : jobs) {
         const Job& job = *next.second;
         if (job.arrival.call.sender != known.arrival.call.sender) {
@@ -258,8 +255,8 @@ void Requests::Looked(std::uint64_t id, const Look& look) {
 
 void Requests::Decide(const std::shared_ptr<Job>& job) {
     Caller& caller = job->arrival.caller;
-    caller.executable = job->look.executable;
-    caller.account = job->look.account;
+    caller.executable = job->facts.executable;
+    caller.account = job->facts.account;
     job->audit.executable = caller.executable;
     if (job->parsed.status != SR_OK) {
         return Refuse(job, {ReasonOf(job->parsed, job->audit), job->parsed.status});
@@ -271,8 +268,8 @@ void Requests::Decide(const std::shared_ptr<Job>& job) {
         return Refuse(job, {decision.reason, decision.status},
                       Audit::HidesSome(job->audit) ? decision.reason : decision.detail);
     }
-    if (!job->look.refusal.empty()) {
-        return Refuse(job, {job->look.refusal});
+    if (!job->facts.refusal.empty()) {
+        return Refuse(job, {job->facts.refusal});
     }
     job->permit.emplace(std::move(*decision.permit));
     Admit(job);
@@ -292,14 +289,14 @@ void Requests::Admit(const std::shared_ptr<Job>& job) {
     }
     job->Pass(State::kWaiting);
     // Those ahead may never end; whoever waits still gets an answer in time.
-    try {
-        job->deadline =
-            std::make_unique<Timer>(loop, job->arrival.received + job->permit->GetPlan().deadline,
-                                    [this, id = job->id] { WaitedTooLong(id); });
-    } catch (const std::system_error&) {
-        Refuse(job, {"the agent has no descriptors left"}, "no timer could be made");
-        LeavePlace(*job);
+    Result<std::unique_ptr<Timer>> deadline =
+        Timer::Make(loop, job->arrival.received + job->permit->GetPlan().deadline,
+                    [this, id = job->id] { WaitedTooLong(id); });
+    if (!deadline) {
+        Refuse(job, {"the agent has no descriptors left"}, deadline.Reason());
+        return LeavePlace(*job);
     }
+    job->deadline = std::move(*deadline);
 }
 
 void Requests::WaitedTooLong(std::uint64_t id) {
@@ -386,7 +383,7 @@ void Requests::EndAll() {
     }
     ending = true;
     strangers.Flush();
-    const std::map<std::uint64_t, std::shared_ptr<Job> > all = jobs;
+    const std::map<std::uint64_t, std::shared_ptr<Job>> all = jobs;
     for (const auto& entry : all) {
         const std::shared_ptr<Job>& job = entry.second;
         if (job->state == State::kRunning) {

@@ -70,7 +70,7 @@ private:
 
     Check MayLook(uid_t uid) const;
     void TurnAway(const Arrival& arrival);
-    void Looked(std::uint64_t id, const Look& look);
+    void Looked(std::uint64_t id, const CallerFacts& facts);
     void Decide(const std::shared_ptr<Job>& job);
     void Admit(const std::shared_ptr<Job>& job);
     void WaitedTooLong(std::uint64_t id);
@@ -91,8 +91,8 @@ private:
     Strangers strangers;
     Quota quota;
     Mounts mounts;
-    Executor executor;                                    // goes before the relays
-    std::map<std::uint64_t, std::shared_ptr<Job> > jobs;  // in the order of arrival
+    Executor executor;                                   // goes before the relays
+    std::map<std::uint64_t, std::shared_ptr<Job>> jobs;  // in the order of arrival
     std::uint64_t lastId = 0;
     std::uint64_t served = 0;
     std::uint64_t refused = 0;

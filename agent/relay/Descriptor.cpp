@@ -9,25 +9,21 @@
 
 #include <fcntl.h>
 #include <limits.h>
-#include <linux/capability.h>
 #include <linux/magic.h>
-#include <signal.h>
-#include <sys/fsuid.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
-#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
+#include "base/AsCaller.h"
 #include "base/Process.h"
 
 namespace agent {
@@ -36,102 +32,47 @@ namespace {
 
 const int kHighest = 1048576;  // no process has more descriptors than this
 
-// While it lives, this thread asks the kernel with the caller's rights.
-class AsCaller {
-public:
-    AsCaller(uid_t uid, gid_t gid) : active(geteuid() == 0) {
-        if (!active) {
-            return;
-        }
-        DropPtrace(uid);
-        oldGroup = static_cast<gid_t>(setfsgid(gid));
-        oldUser = static_cast<uid_t>(setfsuid(uid));
-    }
-    AsCaller(const AsCaller&) = delete;
-    AsCaller& operator=(const AsCaller&) = delete;
-    ~AsCaller() {
-        if (!active) {
-            return;
-        }
-        (void)setfsuid(oldUser);
-        (void)setfsgid(oldGroup);
-        // An agent that went on with the wrong rights could do anything.
-        if (static_cast<uid_t>(setfsuid(oldUser)) != oldUser ||
-            (dropped && syscall(SYS_capset, &header, kept) != 0)) {
-            abort();
-        }
-    }
-
-    // setfsuid reports no failure; asking again tells.
-    static bool Is(uid_t uid) {
-        return geteuid() != 0 || static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == uid;
-    }
-
-private:
-    // With CAP_SYS_PTRACE the kernel would let us look into anything. For a root caller it stays:
-    // without it the kernel lets nobody look into a process with more capabilities than its own,
-    // and there is nothing that root could gain.
-    void DropPtrace(uid_t uid) {
-        if (uid == 0 || syscall(SYS_capget, &header, kept) != 0) {
-            return;
-        }
-        __user_cap_data_struct reduced[2] = {kept[0], kept[1]};
-        reduced[0].effective &= ~(1U << CAP_SYS_PTRACE);
-        dropped = syscall(SYS_capset, &header, reduced) == 0;
-        if (!dropped) {
-            abort();
-        }
-    }
-
-    bool active;
-    bool dropped = false;
-    uid_t oldUser = 0;
-    gid_t oldGroup = 0;
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct kept[2] = {};
-};
-
 // The process's real group. The kernel compares all its groups with the one we ask with, and the
 // bus does not say which of the caller's groups is the first.
-bool GroupOf(const Caller& caller, gid_t& group) {
+std::optional<gid_t> RealGroup(const Caller& caller) {
     // By lines: the process chooses its name, which stands there too, but without a newline.
     std::ifstream status("/proc/" + std::to_string(caller.pid) + "/status");
     std::string line;
     while (std::getline(status, line) && line.compare(0, 4, "Gid:") != 0) {
     }
-    if (!(std::istringstream(line.substr(std::min<std::size_t>(4, line.size()))) >> group)) {
-        return false;
+    gid_t group = 0;
+    const bool read = static_cast<bool>(
+        std::istringstream(line.substr(std::min<std::size_t>(4, line.size()))) >> group);
+    if (!read || (!caller.groups.empty() && std::find(caller.groups.begin(), caller.groups.end(),
+                                                      group) == caller.groups.end())) {
+        return std::nullopt;
     }
-    return caller.groups.empty() ||
-           std::find(caller.groups.begin(), caller.groups.end(), group) != caller.groups.end();
+    return group;
 }
 
 // Without asking the file system, which may be a caller's own program that never answers.
-bool Identify(int fd, struct stat& seen) {
+std::optional<struct stat> Identify(int fd) {
     struct statx found = {};
     if (statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &found) != 0) {
-        return false;
+        return std::nullopt;
     }
+    struct stat seen = {};
     seen.st_mode = found.stx_mode;
     seen.st_ino = found.stx_ino;
     seen.st_dev = makedev(found.stx_dev_major, found.stx_dev_minor);
     seen.st_rdev = makedev(found.stx_rdev_major, found.stx_rdev_minor);
-    return true;
+    return seen;
 }
 
-bool Look(const Caller& caller, gid_t group, int number, struct stat& seen) {
+// What the caller itself would see under this number; with its rights the kernel refuses what lies
+// in a process that is not the caller's to look into.
+std::optional<struct stat> SeeAsCaller(const Caller& caller, gid_t group, int number) {
     const std::string path =
         "/proc/" + std::to_string(caller.pid) + "/fd/" + std::to_string(number);
-    OwnedFd file;
-    {
-        const AsCaller rights(caller.uid, group);
-        if (AsCaller::Is(caller.uid)) {
-            file.Reset(open(path.c_str(), O_PATH | O_CLOEXEC));
-        }
-    }
-    // The change of ids has taken it back.
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    return file && Identify(file.Get(), seen);
+    const OwnedFd file = OpenAsCaller(caller.uid, group, caller.groups, [&path] {
+        return OwnedFd(open(path.c_str(), O_PATH | O_CLOEXEC));
+    });
+    return file ? Identify(file.Get()) : std::nullopt;
 }
 
 bool SameFile(const struct stat& one, const struct stat& other) {
@@ -165,21 +106,22 @@ bool IsOfTheLog(const std::string& address) {
 
 // Lines in there are the caller's, but a hasty reader might take them for the agent's. One that is
 // not connected could be connected to a log later; one that is stays as it is.
-std::string SocketRefusal(int fd) {
+Check CheckSocket(int fd) {
     if (!IsStreamSocket(fd)) {
-        return "the output descriptor is a socket of another kind";
+        return Refusal{"the output descriptor is a socket of another kind"};
     }
     sockaddr_un address = {};
     socklen_t length = sizeof address;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        return "the output descriptor is a socket that is not connected";
+        return Refusal{"the output descriptor is a socket that is not connected"};
     }
     // Without a name, with one that is no path, or with one that may fill all of its room.
     const std::size_t start = offsetof(sockaddr_un, sun_path);
     const std::string name(address.sun_path, std::max<std::size_t>(length, start) - start);
-    return IsOfTheLog(name.substr(0, name.find('\0')))
-               ? "the output descriptor leads to the system's log"
-               : "";
+    if (IsOfTheLog(name.substr(0, name.find('\0')))) {
+        return Refusal{"the output descriptor leads to the system's log"};
+    }
+    return Fine();
 }
 
 // File systems in which writing is a command to the kernel.
@@ -197,32 +139,29 @@ bool IsControlFileSystem(int fd) {
                      static_cast<std::uint32_t>(system.f_type)) != std::end(kMagic);
 }
 
-// Empty when it is of a kind that output may go to.
-std::string KindRefusal(int fd, const struct stat& file) {
+// Whether it is of a kind that output may go to.
+Check CheckKind(int fd, const struct stat& file) {
     const int flags = fcntl(fd, F_GETFL);
     if (flags < 0 || (flags & O_PATH) != 0 || (flags & O_ACCMODE) == O_RDONLY) {
-        return "the output descriptor is not open for writing";
+        return Refusal{"the output descriptor is not open for writing"};
     }
     if (S_ISFIFO(file.st_mode)) {
-        return "";
+        return Fine();
     }
     if (S_ISSOCK(file.st_mode)) {
-        return SocketRefusal(fd);
+        return CheckSocket(fd);
     }
     if (S_ISREG(file.st_mode)) {
-        return IsControlFileSystem(fd) ? "the output descriptor is a file of the kernel's" : "";
+        if (IsControlFileSystem(fd)) {
+            return Refusal{"the output descriptor is a file of the kernel's"};
+        }
+        return Fine();
     }
     const bool null = S_ISCHR(file.st_mode) && file.st_rdev == makedev(1, 3);
     if (null || (S_ISCHR(file.st_mode) && isatty(fd) == 1)) {
-        return "";
+        return Fine();
     }
-    return "the output descriptor is of a kind that is not written to";
-}
-
-Descriptor Refused(const char* reason) {
-    Descriptor result;
-    result.refusal = reason;
-    return result;
+    return Refusal{"the output descriptor is of a kind that is not written to"};
 }
 
 }  // namespace
@@ -236,41 +175,42 @@ std::string ExecutableOf(pid_t pid) {
                : std::string();
 }
 
-Descriptor TakeDescriptor(const Caller& caller, int number) {
+Result<OwnedFd> TakeDescriptor(const Caller& caller, int number) {
     if (number <= 0) {
-        return Descriptor();
+        return OwnedFd();
     }
     if (number >= kHighest) {
-        return Refused("the output descriptor's number is out of range");
+        return Refusal{"the output descriptor's number is out of range"};
     }
     if (caller.pid <= 0 || caller.uid == static_cast<uid_t>(-1)) {
-        return Refused("the output descriptor's process is not known");
+        return Refusal{"the output descriptor's process is not known"};
     }
     const OwnedFd process(OpenProcess(caller.pid));
-    gid_t group = 0;
-    if (!process || !GroupOf(caller, group)) {
-        return Refused("the output descriptor's process is gone or is not the caller's");
+    const std::optional<gid_t> group = RealGroup(caller);
+    if (!process || !group) {
+        return Refusal{"the output descriptor's process is gone or is not the caller's"};
     }
-    struct stat before = {};
-    struct stat taken = {};
-    struct stat after = {};
-    if (!Look(caller, group, number, before)) {
-        return Refused("there is no such output descriptor, or it is not the caller's");
+    const auto before = SeeAsCaller(caller, *group, number);
+    if (!before) {
+        return Refusal{"there is no such output descriptor, or it is not the caller's"};
     }
-    Descriptor result;
-    result.fd.Reset(CopyDescriptor(process.Get(), number));
-    if (!result.fd || !Identify(result.fd.Get(), taken)) {
-        return Refused("the output descriptor cannot be taken");
+    OwnedFd output(CopyDescriptor(process.Get(), number));
+    const auto taken = output ? Identify(output.Get()) : std::nullopt;
+    if (!taken) {
+        return Refusal{"the output descriptor cannot be taken"};
     }
-    if (!Look(caller, group, number, after) || !SameFile(before, taken) ||
-        !SameFile(taken, after) || !IsAlive(process.Get())) {
-        return Refused("the output descriptor changed while it was taken");
+    // The second look closes the gap in which the process could have become a set-uid program; the
+    // last question tells that all of this was one process's and no later one's of that number.
+    const auto after = SeeAsCaller(caller, *group, number);
+    if (!after || !SameFile(*before, *taken) || !SameFile(*taken, *after) ||
+        !IsAlive(process.Get())) {
+        return Refusal{"the output descriptor changed while it was taken"};
     }
-    result.refusal = KindRefusal(result.fd.Get(), taken);
-    if (!result.refusal.empty()) {
-        result.fd.Reset();
+    const Check kind = CheckKind(output.Get(), *taken);
+    if (!kind) {
+        return kind.GetRefusal();
     }
-    return result;
+    return output;
 }
 
 }  // namespace agent

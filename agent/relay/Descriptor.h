@@ -13,21 +13,18 @@
 
 #include "base/Caller.h"
 #include "base/Descriptors.h"
+#include "base/Result.h"
 
 namespace agent {
-
-struct Descriptor {
-    OwnedFd fd;           // none: no output is wanted, or it was refused
-    std::string refusal;  // a plain reason; empty: not refused
-};
 
 // The program that the process runs; empty when it cannot be read.
 std::string ExecutableOf(pid_t pid);
 
-// A socket must be connected, and not to the system's log. The open file itself, never a new
-// opening of it. Number <= 0: no output is wanted. Nothing is ever written to it here, and its
-// flags are left as they are.
-Descriptor TakeDescriptor(const Caller& caller, int number);
+// The caller's open file itself, never a new opening of it; none when no output is wanted
+// (`number` <= 0). Refused when it is not the caller's, or of a kind that output may not go to: a
+// socket must be connected, and not to the system's log. Nothing is ever written to it here, and
+// its flags are left as they are.
+Result<OwnedFd> TakeDescriptor(const Caller& caller, int number);
 
 }  // namespace agent
 

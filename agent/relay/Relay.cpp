@@ -1,66 +1,51 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Everything that may fail is had before there is a child: its pipes, its limit, its filter, and
+// the room for its descriptor. A child without a limit, or one that is not watched, would be killed
+// and might hang where nobody counts it.
 #include "Relay.h"
 
-#include <fcntl.h>
-#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
-
-#include "base/Process.h"
+#include <cstdio>
 
 namespace agent {
 
 namespace {
 
-struct Pipe {
-    OwnedFd reader;
-    OwnedFd writer;
-
-    bool Open() {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) {
-            return false;
-        }
-        reader.Reset(ends[0]);
-        writer.Reset(ends[1]);
-        return true;
-    }
-};
-
 std::chrono::steady_clock::time_point Now() {
     return std::chrono::steady_clock::now();
 }
 
-// The kernel may not let it end now, or ever, so it is not waited for.
-void KillProcess(pid_t pid) {
-    (void)kill(pid, SIGKILL);
-    (void)waitpid(pid, nullptr, WNOHANG);
-}
-
 }  // namespace
 
-Relay::Relay(Relays& owner, Child&& started, uid_t callersUid, const RelayTask& task,
-             const Known& whenKnown)
-    : relays(owner),
-      pid(started.pid),
-      pidfd(std::move(started.pidfd)),
-      input(std::move(started.input)),
-      report(std::move(started.report)),
-      uid(callersUid),
+Relay::Relay(Relays& relays_, uid_t uid_, const RelayTask& task, const Known& known_)
+    : relays(relays_),
+      uid(uid_),
       wanted(static_cast<bool>(task.output)),
-      known(whenKnown),
-      questions(task.questions),
-      end(owner.loop, pidfd.Get(), [this] { ChildEnded(); }),
-      reports(std::make_unique<Watch>(owner.loop, report.Get(), [this] { ReadLook(); })),
-      limit(std::make_unique<Timer>(owner.loop, Now() + owner.limits.look,
-                                    [this] { LookTooLong(); })) {}
+      known(known_),
+      questions(task.questions) {}
 
-Relay::~Relay() {
-    if (!ended) {
-        (void)SignalProcess(pidfd.Get(), SIGKILL);
-        (void)Reap(pidfd.Get(), WNOHANG);
+Check Relay::SetLookLimit() {
+    Result<std::unique_ptr<Timer> > timer =
+        Timer::Make(relays.loop, Now() + relays.limits.look, [this] { LookTooLong(); });
+    if (!timer) {
+        return timer.GetRefusal();
     }
+    limit = std::move(*timer);
+    return Fine();
 }
+
+void Relay::Attend(Child&& started, OwnedFd&& inputWriter, OwnedFd&& reportReader) {
+    child = std::move(started);
+    input = std::move(inputWriter);
+    report = std::move(reportReader);
+    end = std::make_unique<Watch>(relays.loop, child.GetDescriptor(), [this] { ChildEnded(); });
+    reports = std::make_unique<Watch>(relays.loop, report.Get(), [this] { ReadLook(); });
+}
+
+Relay::~Relay() {}
 
 void Relay::Say(const std::string& line) {
     const std::string text = line.substr(0, 1000) + "\n";
@@ -76,30 +61,30 @@ void Relay::Abandon() {
         return;
     }
     abandoned = true;
-    try {
-        limit =
-            std::make_unique<Timer>(relays.loop, Now() + relays.limits.bound, [this] { Kill(); });
-    } catch (const std::system_error&) {
-        Kill();  // one that cannot be bounded is not left alone
+    Result<std::unique_ptr<Timer> > bound =
+        Timer::Make(relays.loop, Now() + relays.limits.bound, [this] { Kill(); });
+    if (!bound) {
+        return Kill();  // one that cannot be bounded is not left alone
     }
+    limit = std::move(*bound);
 }
 
 void Relay::Kill() {
     CloseInput();
     if (!ended && !killed) {
-        killed = true;
-        killedAt = Now();
-        (void)SignalProcess(pidfd.Get(), SIGKILL);
+        killed = Now();
+        child.Signal(SIGKILL);
     }
 }
 
 bool Relay::Hangs() const {
-    return killed && !ended && Now() - killedAt > relays.limits.dying;
+    return killed && !ended && Now() - *killed > relays.limits.dying;
 }
 
 void Relay::ReadLook() {
     LookReport next;
     ssize_t count = 0;
+    // Not beyond the last word on the look: what follows it is the report on the copying.
     while (known &&
            (count = read(report.Get(), &next, sizeof next)) == static_cast<ssize_t>(sizeof next)) {
         found = next;
@@ -127,24 +112,25 @@ void Relay::TakeAccount(const LookReport& next) {
 
 void Relay::LookEnds(const std::string& refusal) {
     reports.reset();
-    Look look;
-    look.executable = found.executable;
-    look.account = account;
+    CallerFacts facts;
+    facts.executable = found.executable;
+    facts.account = account;
     if (found.state == LookReport::kTaken) {
-        look.output = shared_from_this();
+        facts.output = shared_from_this();
         limit.reset();
     } else {
         // A refusal always has a reason: without one the request would go on.
-        look.refusal = refusal.empty() ? "the output descriptor cannot be taken" : refusal;
+        facts.refusal = refusal.empty() ? "the output descriptor cannot be taken" : refusal;
         CloseInput();
     }
     if (!wanted) {
-        look.refusal.clear();
+        facts.refusal.clear();
     }
+    // Whoever is called may call back here, and must find that it has been told.
     const Known function = std::move(known);
     known = nullptr;
     try {
-        function(look);
+        function(facts);
     } catch (const std::exception&) {
         Kill();  // out of memory: whoever held the answer has let it go
     }
@@ -158,19 +144,21 @@ void Relay::LookTooLong() {
 }
 
 void Relay::ChildEnded() {
+    // Counted no more, and held here: whoever is told below may let go of it.
     const std::shared_ptr<Relay> kept = relays.Take(this);
+    // Its last words may have come together with its end.
     ReadLook();
     if (known) {
         LookEnds("the output descriptor cannot be looked at");
     }
-    RelayReport result;
+    CopyReport result;
+    // Short after a child that was killed: then nothing is known of what it copied.
     if (read(report.Get(), &result, sizeof result) == static_cast<ssize_t>(sizeof result)) {
-        copied = result.copied;
-        dropped = result.dropped;
+        counts = result;
     }
-    (void)Reap(pidfd.Get());
+    end.reset();
+    (void)child.Reap();
     ended = true;
-    end.Disable();
     limit.reset();
     const std::function<void()> function = onEnd;
     if (function) {
@@ -178,12 +166,15 @@ void Relay::ChildEnded() {
     }
 }
 
-Relays::Relays(sentrel::SR_MainLoop& mainLoop, const RelayLimits& relayLimits)
-    : loop(mainLoop), limits(relayLimits) {}
+Relays::Relays(sentrel::SR_MainLoop& loop_, const RelayLimits& limits_)
+    : loop(loop_), limits(limits_), filter(CopyFilter::Make()) {}
 
 Relays::~Relays() {}
 
-bool Relays::HasRoom(uid_t uid, std::string& reason) const {
+Check Relays::HasRoom(uid_t uid) const {
+    // A caller can make its own children hang, and so many of them it may have; but what it costs
+    // others is bounded by the number of all, which hung ones are no part of: they cost no time.
+    // Root, who has to put things in order, is never kept out by others.
     std::size_t sound = 0;
     std::size_t own = 0;
     std::size_t ownHung = 0;
@@ -199,56 +190,40 @@ bool Relays::HasRoom(uid_t uid, std::string& reason) const {
     const bool crowded =
         own >= limits.ofOne || ownUnsure >= limits.unsure || (uid != 0 && sound >= limits.all);
     if (ownHung >= limits.hung) {
-        reason = "too many processes hang over files of this user's";
-    } else if (crowded) {
-        reason = "too many requests at once";
+        return Refusal{"too many processes hang over files of this user's"};
     }
-    return ownHung < limits.hung && !crowded;
+    if (crowded) {
+        return Refusal{"too many requests at once"};
+    }
+    return Fine();
 }
 
-std::shared_ptr<Relay> Relays::Start(const RelayTask& task, const Caller& caller,
-                                     const Relay::Known& known, OwnedFd&& atHand) {
-    const OwnedFd given(std::move(atHand));
-    Pipe output;
-    Pipe report;
-    if (!output.Open() || !report.Open() || fcntl(report.reader.Get(), F_SETFL, O_NONBLOCK) != 0) {
-        return nullptr;
+Result<std::shared_ptr<Relay> > Relays::Start(const RelayTask& task, const Caller& caller,
+                                              const Relay::Known& known) {
+    // There is no relay without a filter, on whatever machine.
+    if (!filter) {
+        return filter.GetRefusal();
+    }
+    const Refusal refusal{"the process for it cannot be started", SR_FORK_FAILED};
+    Result<Pipe> output = OpenPipe();
+    Result<Pipe> report = OpenPipe(Reading::kNeverWaits);
+    std::shared_ptr<Relay> relay(new Relay(*this, caller.uid, task, known));
+    if (!output || !report || !relay->SetLookLimit()) {
+        return refusal;
     }
     RelayChildSetup setup;
-    setup.input = output.reader.Get();
-    setup.atHand = given.Get();
-    setup.report = report.writer.Get();
+    setup.input = output->reader.Get();
+    setup.report = report->writer.Get();
     setup.cap = limits.cap;
-    setup.parent = getpid();
     setup.accountLimit = limits.look / 2;
-    Relay::Child child;
-    child.pid = fork();
-    if (child.pid < 0) {
-        return nullptr;
+    Result<Child> child =
+        Child::Fork([&](pid_t parent) { RunRelayChild(setup, task, caller, *filter, parent); });
+    if (!child) {
+        return refusal;
     }
-    if (child.pid == 0) {
-        RunRelayChild(setup, task, caller);
-    }
-    // Leaves room for the two descriptors that are still needed: a child that cannot be watched
-    // would be killed, and might hang unseen.
-    output.reader.Reset();
-    report.writer.Reset();
-    child.pidfd.Reset(OpenProcess(child.pid));
-    if (!child.pidfd) {
-        KillProcess(child.pid);
-        return nullptr;
-    }
-    child.input = std::move(output.writer);
-    child.report = std::move(report.reader);
-    const pid_t pid = child.pid;
-    try {
-        std::shared_ptr<Relay> relay(new Relay(*this, std::move(child), caller.uid, task, known));
-        running.push_back(relay);
-        return relay;
-    } catch (const std::system_error&) {
-        KillProcess(pid);
-        return nullptr;
-    }
+    relay->Attend(std::move(*child), std::move(output->writer), std::move(report->reader));
+    running.push_back(relay);
+    return relay;
 }
 
 std::size_t Relays::Hung() const {

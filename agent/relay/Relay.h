@@ -5,8 +5,22 @@
 // caller's process and never holds the caller's file: even closing a copy asks the file system,
 // which may be a program of the caller's that never answers, and against that no signal helps.
 //
-// Ownership: Relays owns every relay until its child has ended, and the child by its pidfd. A
-// shared pointer to a relay may be kept longer. Relays must go before the loop.
+// A relay goes through these states, in the agent's eyes (RelayChild.h has the child's own):
+//
+//   looking   from Start() until the child's last word on the caller, or until the limit for looks
+//             has passed: then it is killed. Either way `known` is called, once
+//   copying   only with an output. It belongs to whoever got it through `known`, who ends it by
+//             Abandon(): with the bound, or by Kill(): at once
+//   ending    the child has been killed, or has nothing to copy and ends by itself within the limit
+//             for looks. A killed one that is still there after `dying` hangs: it counts against
+//             its uid, which gets no further child when too many do
+//   ended     the loop has seen its end: reaped, counted out, OnEnd() called
+//
+// No state is left but by the child's end or a limit, so none lasts for ever but "hangs", and for
+// that one the number is bounded. A request never waits for a relay: it asks whether one has ended.
+//
+// Ownership: Relays owns every relay until its child has ended, and the relay its child. A shared
+// pointer to a relay may be kept longer. Relays must go before the loop.
 // Threads: the one that runs the loop.
 #ifndef SENTREL_AGENT_RELAY_H
 #define SENTREL_AGENT_RELAY_H
@@ -16,12 +30,15 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "RelayChild.h"
 #include "base/Caller.h"
 #include "base/Descriptors.h"
 #include "base/Events.h"
+#include "base/Process.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -42,8 +59,8 @@ struct RelayLimits {
 class Relay;
 class Relays;
 
-// What the child found out.
-struct Look {
+// What the child found out about the caller.
+struct CallerFacts {
     std::string executable;         // empty: unknown
     Account account;                // what was asked of it, when that is known
     std::shared_ptr<Relay> output;  // to be abandoned or killed in the end; none: no output
@@ -52,7 +69,7 @@ struct Look {
 
 class Relay : public std::enable_shared_from_this<Relay> {
 public:
-    typedef std::function<void(const Look&)> Known;
+    typedef std::function<void(const CallerFacts&)> Known;
 
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
@@ -74,21 +91,16 @@ public:
     // Called once when the relay ends, from the loop; an empty function calls nothing.
     void OnEnd(const std::function<void()>& function) { onEnd = function; }
     // Known once it has ended; 0 when it was killed.
-    std::uint64_t Copied() const { return copied; }
-    std::uint64_t Dropped() const { return dropped; }
-    pid_t GetPid() const { return pid; }
+    std::uint64_t Copied() const { return counts.copied; }
+    std::uint64_t Dropped() const { return counts.dropped; }
+    pid_t GetPid() const { return child.GetPid(); }
 
 private:
     friend class Relays;
-    struct Child {
-        pid_t pid = 0;
-        OwnedFd pidfd;
-        OwnedFd input;
-        OwnedFd report;
-    };
 
-    Relay(Relays& owner, Child&& started, uid_t callersUid, const RelayTask& task,
-          const Known& whenKnown);
+    Relay(Relays& relays_, uid_t uid_, const RelayTask& task, const Known& known_);
+    Check SetLookLimit();
+    void Attend(Child&& started, OwnedFd&& inputWriter, OwnedFd&& reportReader);
     bool Hangs() const;
     void ReadLook();
     void TakeAccount(const LookReport& next);
@@ -97,43 +109,41 @@ private:
     void ChildEnded();
 
     Relays& relays;
-    pid_t pid;
-    OwnedFd pidfd;
+    Child child;
     OwnedFd input;
     OwnedFd report;
     uid_t uid;
-    bool wanted;
+    bool wanted;  // an output is
     Known known;  // empty once it was called
     LookReport found;
     AccountQuestions questions;
     Account account;
-    Watch end;
+    // Behind the descriptors that they watch, so that they go first.
+    std::unique_ptr<Watch> end;
     std::unique_ptr<Watch> reports;  // until the look is over
-    std::unique_ptr<Timer> limit;
+    std::unique_ptr<Timer> limit;    // of the look, then the bound
     std::function<void()> onEnd;
     bool abandoned = false;
-    bool killed = false;
-    std::chrono::steady_clock::time_point killedAt;
+    std::optional<std::chrono::steady_clock::time_point> killed;
     bool ended = false;
-    std::uint64_t copied = 0;
-    std::uint64_t dropped = 0;
+    CopyReport counts;
 };
 
 class Relays {
 public:
-    Relays(sentrel::SR_MainLoop& mainLoop, const RelayLimits& relayLimits);
+    Relays(sentrel::SR_MainLoop& loop_, const RelayLimits& limits_);
     Relays(const Relays&) = delete;
     Relays& operator=(const Relays&) = delete;
     // Kills what still runs, and waits for nothing.
     ~Relays();
 
-    // Whether one more may be started for this uid; if not, `reason` is written.
-    bool HasRoom(uid_t uid, std::string& reason) const;
+    // Whether one more may be started for this uid.
+    Check HasRoom(uid_t uid) const;
     // Starts a child that does `task`. `known` is called once, from the loop, within the limit for
-    // looks; an output that has not answered by then is refused. Null, and never a call, when no
-    // process or descriptor is left. `atHand`: see RelayTask.
-    std::shared_ptr<Relay> Start(const RelayTask& task, const Caller& caller,
-                                 const Relay::Known& known, OwnedFd&& atHand = OwnedFd());
+    // looks; an output that has not answered by then is refused. A refusal, and never a call, when
+    // no process, no descriptor or no filter for it can be had.
+    Result<std::shared_ptr<Relay> > Start(const RelayTask& task, const Caller& caller,
+                                          const Relay::Known& known);
     std::size_t Count() const { return running.size(); }
     // Children that were killed and do not end.
     std::size_t Hung() const;
@@ -144,6 +154,7 @@ private:
 
     sentrel::SR_MainLoop& loop;
     RelayLimits limits;
+    Result<CopyFilter> filter;  // of every child
     std::list<std::shared_ptr<Relay> > running;
 };
 

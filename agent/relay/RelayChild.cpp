@@ -3,30 +3,28 @@
 // The descriptor's status flags are shared with the caller, so it is never made non-blocking.
 // Instead what was read waits in a buffer as large as the cap, and is written in pieces that a
 // ready pipe takes without blocking: the tool is drained even when nobody reads at the other end.
+//
+// From Confine() on, no function is called but those that are system calls of the filter, or that
+// compute: what the C library does behind the others is not known here.
 #include "RelayChild.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <limits.h>
-#include <linux/audit.h>
-#include <linux/capability.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
+#include "base/AsCaller.h"
 #include "base/Process.h"
-#include "base/Signals.h"
 
 namespace agent {
 
@@ -35,103 +33,7 @@ namespace {
 const int kInput = 0;
 const int kOutput = 1;
 const int kReport = 3;
-const gid_t kNobody = 65534;
 const std::size_t kTail = 128;  // room in the buffer for the last line
-
-// The architectures whose numbers the compiler knows here; without a filter on others.
-#if defined(__x86_64__) && !defined(__ILP32__)
-const unsigned kArchitecture = AUDIT_ARCH_X86_64;
-#elif defined(__i386__)
-const unsigned kArchitecture = AUDIT_ARCH_I386;
-#elif defined(__aarch64__) && defined(__AARCH64EL__)
-const unsigned kArchitecture = AUDIT_ARCH_AARCH64;
-#elif defined(__arm__) && defined(__ARMEL__)
-const unsigned kArchitecture = AUDIT_ARCH_ARM;
-#elif defined(__riscv) && __riscv_xlen == 64
-const unsigned kArchitecture = AUDIT_ARCH_RISCV64;
-#else
-#define SENTREL_NO_SYSTEM_CALL_FILTER
-#endif
-
-bool OnlyCopyingAllowed() {
-#ifdef SENTREL_NO_SYSTEM_CALL_FILTER
-    return true;
-#else
-    const auto load = [](std::size_t offset) {
-        return sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned>(offset));
-    };
-    // A match jumps to the last statement, which allows.
-    const auto allow = [](long call, unsigned char distance) {
-        return sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call),
-                                    distance, 0);
-    };
-    sock_filter program[] = {
-        load(offsetof(seccomp_data, arch)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kArchitecture, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
-        load(offsetof(seccomp_data, nr)),
-        allow(SYS_read, 6),
-        allow(SYS_write, 5),
-        allow(SYS_ppoll, 4),
-        allow(SYS_exit, 3),
-        allow(SYS_exit_group, 2),
-        allow(SYS_rt_sigreturn, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {sizeof program / sizeof program[0], program};
-    return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-#endif
-}
-
-bool BecomeCaller(const Caller& caller) {
-    if (geteuid() == 0) {
-        const gid_t group = caller.groups.empty() ? kNobody : caller.groups.front();
-        if (caller.uid == static_cast<uid_t>(-1) ||
-            setgroups(caller.groups.size(), caller.groups.data()) != 0 ||
-            setresgid(group, group, group) != 0 ||
-            setresuid(caller.uid, caller.uid, caller.uid) != 0) {
-            return false;
-        }
-    } else if (geteuid() != caller.uid) {
-        return false;
-    }
-    // A root caller's relay loses its capabilities here, and nothing gives them back.
-    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-    const __user_cap_data_struct none[2] = {};
-    return syscall(SYS_capset, &header, none) == 0;
-}
-
-// The pipe's end, what is at hand and the report become 0, 1 and 3; all else is closed. With
-// nothing at hand, 1 is taken by the pipe's end as well until the output is known; so is 2, where
-// nobody can write to it.
-bool KeepOnly(const RelayChildSetup& setup) {
-    const int wanted[] = {setup.input, setup.atHand >= 0 ? setup.atHand : setup.input, setup.input,
-                          setup.report};
-    const int count = 4;
-    int high[count];
-    for (int i = 0; i < count; ++i) {
-        high[i] = fcntl(wanted[i], F_DUPFD, count);
-        if (high[i] < 0) {
-            return false;
-        }
-    }
-    for (int i = 0; i < count; ++i) {
-        if (dup2(high[i], i) < 0) {
-            return false;
-        }
-    }
-    return syscall(SYS_close_range, static_cast<unsigned>(count), ~0U, 0U) == 0;
-}
-
-void SetRelaysSignals() {
-    ResetSignals();
-    IgnoreSignal(SIGPIPE);
-    IgnoreSignal(SIGXFSZ);
-    sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-}
 
 class Copy {
 public:
@@ -153,7 +55,7 @@ public:
         }
     }
 
-    RelayReport report;
+    CopyReport report;
 
 private:
     void Read() {
@@ -217,13 +119,27 @@ bool Send(const LookReport& report) {
     return write(kReport, &report, sizeof report) == static_cast<ssize_t>(sizeof report);
 }
 
+// A reader that has gone, or a file that must not grow any further, is an error to be seen and no
+// end.
+ChildStart StartOfRelay() {
+    ChildStart start;
+    start.ignored = {SIGPIPE, SIGXFSZ};
+    return start;
+}
+
+// The pipe's end and the report become 0 and 3; all else is closed. Until the output is known the
+// pipe's end stands at 1 as well, and at 2 always: a file that is opened meanwhile must not come to
+// stand where somebody writes without asking, and a reading end cannot be written to.
+bool Begin(const RelayChildSetup& setup, pid_t parent) {
+    ChildStart start = StartOfRelay();
+    start.descriptors = {setup.input, setup.input, setup.input, setup.report};
+    return BeginChild(start, parent);
+}
+
 // Makes the caller's descriptor number 1 and leaves no copy of it. The first close tells whether
 // the file's system answers: better now than when the tool has run.
 bool PlaceOutput(OwnedFd&& taken) {
-    OwnedFd output(std::move(taken));
-    if (output.Get() == kOutput) {
-        return output.Release() == kOutput;
-    }
+    const OwnedFd output(std::move(taken));
     return dup2(output.Get(), kOutput) == kOutput;
 }
 
@@ -244,35 +160,30 @@ bool SendAccount(LookReport report, const Account& account) {
 }
 
 // What the account database loads into a process, opens or starts there goes with that process, and
-// so does one that never answers.
+// so does one that never answers. It holds no end of the relay's pipe: if the kernel does not let
+// it die, whoever writes there must still learn that the relay has gone.
 void FindAccount(const RelayTask& task, const LookReport& report, std::chrono::milliseconds limit) {
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == 0) {
-        (void)close(kInput);
-        if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == parent) {
-            try {
-                (void)SendAccount(report, task.account());
-            } catch (const std::exception&) {
-                _exit(1);
-            }
+    const OwnedFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const Result<Child> child = Child::Fork([&](pid_t parent) {
+        ChildStart start = StartOfRelay();
+        start.ownSession = false;
+        start.descriptors = {null.Get(), null.Get(), null.Get(), kReport};
+        if (!null || !BeginChild(start, parent)) {
+            _exit(1);
         }
+        (void)SendAccount(report, task.account());
         _exit(0);
+    });
+    if (child) {
+        pollfd slot = {child->GetDescriptor(), POLLIN, 0};
+        (void)poll(&slot, 1, static_cast<int>(limit.count()));
     }
-    if (child < 0) {
-        return;
-    }
-    const OwnedFd process(OpenProcess(child));
-    pollfd slot = {process.Get(), POLLIN, 0};
-    if (!process || poll(&slot, 1, static_cast<int>(limit.count())) <= 0) {
-        (void)kill(child, SIGKILL);
-    }
-    (void)waitpid(child, nullptr, WNOHANG);
+    // One that has not ended by now is killed as it is let go.
 }
 
-// Whether there is something to copy to.
-bool TakeLook(const RelayTask& task, const RelayChildSetup& setup) {
-    LookReport report;
+// Finds out what can be, and says all but the last word. That one is `report`: with kTaken the
+// output stands at its place.
+bool Look(const RelayTask& task, const RelayChildSetup& setup, LookReport& report) {
     Put(report.executable, task.executable ? task.executable() : "");
     if (!Send(report)) {
         return false;
@@ -282,41 +193,48 @@ bool TakeLook(const RelayTask& task, const RelayChildSetup& setup) {
     }
     report.state = LookReport::kNoOutput;
     if (task.output) {
-        Descriptor output = task.output();
-        Put(report.refusal, output.refusal);
-        if (output.fd && PlaceOutput(std::move(output.fd))) {
-            report.state = LookReport::kTaken;
-        } else if (output.fd || !output.refusal.empty()) {
+        Result<OwnedFd> output = task.output();
+        if (!output) {
+            Put(report.refusal, output.Reason());
             report.state = LookReport::kRefused;
+        } else if (*output) {
+            report.state =
+                PlaceOutput(std::move(*output)) ? LookReport::kTaken : LookReport::kRefused;
         }
     }
-    return Send(report) && report.state == LookReport::kTaken;
+    return true;
+}
+
+// Gives up every right but the caller's ids and the few system calls that copying takes.
+bool Confine(const Caller& caller, const CopyFilter& filter, pid_t parent) {
+    // Not to be looked into by the caller's other processes: this is a copy of the agent's memory.
+    // After the ids, whose change takes both back.
+    return BecomeCaller(caller) && prctl(PR_SET_DUMPABLE, 0) == 0 && DieWith(parent) &&
+           filter.Load();
 }
 
 }  // namespace
 
 [[noreturn]] void RunRelayChild(const RelayChildSetup& setup, const RelayTask& task,
-                                const Caller& caller) {
-    SetRelaysSignals();
-    (void)setsid();
-    const rlimit none = {0, 0};
-    (void)setrlimit(RLIMIT_CORE, &none);
-    if (!KeepOnly(setup) || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != setup.parent) {
+                                const Caller& caller, const CopyFilter& filter, pid_t parent) {
+    if (!Begin(setup, parent)) {
         _exit(1);
     }
-    if (!TakeLook(task, setup)) {
+    LookReport report;
+    if (!Look(task, setup, report)) {
+        _exit(0);
+    }
+    if (report.state != LookReport::kTaken) {
+        (void)Send(report);
         _exit(0);
     }
     void* memory = mmap(nullptr, setup.cap + kTail, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED || !BecomeCaller(caller)) {
-        _exit(1);
+    if (memory == MAP_FAILED || !Confine(caller, filter, parent)) {
+        report.state = LookReport::kRefused;
+        Put(report.refusal, "the process that copies the output cannot lay down its rights");
     }
-    // After the changes of ids, which take the death signal back. Not to be looked into by the
-    // caller's other processes: this is a copy of the agent's memory.
-    if (prctl(PR_SET_DUMPABLE, 0) != 0 || prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 ||
-        getppid() != setup.parent || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        !OnlyCopyingAllowed()) {
+    if (!Send(report) || report.state != LookReport::kTaken) {
         _exit(1);
     }
     Copy copy(static_cast<char*>(memory), setup.cap);

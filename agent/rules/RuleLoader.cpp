@@ -4,18 +4,13 @@
 // are, no other is started. Who asks while one is under way is told by the next.
 #include "RuleLoader.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "base/Process.h"
-#include "base/Signals.h"
 
 namespace agent {
 
@@ -24,23 +19,16 @@ namespace {
 const std::size_t kLargest = 67108864;
 const std::size_t kMostDying = 4;
 
+// No session of its own: whoever ends the agent at a terminal while it waits for this one means
+// both.
 [[noreturn]] void RunReader(int output, pid_t parent, const RuleLoader::Reader& reader) {
-    ResetSignals();
-    sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+    ChildStart start;
+    start.ownSession = false;
+    start.descriptors = {-1, -1, -1, output};
+    if (!BeginChild(start, parent)) {
         _exit(1);
     }
-    if ((output != 3 && dup2(output, 3) != 3) || syscall(SYS_close_range, 4U, ~0U, 0U) != 0) {
-        _exit(1);
-    }
-    std::string text;
-    try {
-        text = reader().Pack();
-    } catch (const std::exception&) {
-        _exit(1);
-    }
+    const std::string text = reader().Pack();
     for (std::size_t done = 0; done < text.size();) {
         const ssize_t count = write(3, text.data() + done, text.size() - done);
         if (count < 0 && errno != EINTR) {
@@ -61,23 +49,22 @@ LoadResult Failure(const std::string& why) {
 
 class RuleLoader::Process {
 public:
-    Process(RuleLoader& ruleLoader, OwnedFd&& process, OwnedFd&& output)
-        : loader(ruleLoader),
-          pidfd(std::move(process)),
-          pipe(std::move(output)),
+    Process(RuleLoader& loader_, Child&& child_, OwnedFd&& pipe_)
+        : loader(loader_),
+          pipe(std::move(pipe_)),
+          child(std::move(child_)),
           reading(std::make_unique<Watch>(loader.loop, pipe.Get(), [this] { Read(); })),
-          ending(std::make_unique<Watch>(loader.loop, pidfd.Get(), [this] { End(); })),
-          timer(std::make_unique<Timer>(loader.loop,
-                                        std::chrono::steady_clock::now() + loader.limit,
-                                        [this] { TooLong(); })) {}
+          ending(std::make_unique<Watch>(loader.loop, child.GetDescriptor(), [this] { End(); })) {}
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
-    bool HasEnded() const { return ended; }
-    ~Process() {
-        if (!ended) {
-            (void)SignalProcess(pidfd.Get(), SIGKILL);
-            (void)Reap(pidfd.Get(), WNOHANG);
+    bool HasEnded() const { return !child; }
+    bool SetLimit() {
+        Result<std::unique_ptr<Timer> > made = Timer::Make(
+            loader.loop, std::chrono::steady_clock::now() + loader.limit, [this] { TooLong(); });
+        if (made) {
+            timer = std::move(*made);
         }
+        return static_cast<bool>(made);
     }
 
 private:
@@ -98,7 +85,7 @@ private:
                                  : Failure("the process that reads the files has failed"));
     }
     void TooLong() {
-        (void)SignalProcess(pidfd.Get(), SIGKILL);
+        child.Signal(SIGKILL);
         Give(Failure("the account database or the files did not answer within " +
                      std::to_string(loader.limit.count() / 1000) + " s"));
     }
@@ -107,22 +94,20 @@ private:
         reading.reset();
         timer.reset();
         pipe.Reset();
-        (void)SignalProcess(pidfd.Get(), SIGKILL);  // for one that was not read to the end
+        child.Signal(SIGKILL);  // for one that was not read to the end
         loader.Ended(result);
     }
     void End() {
-        ended = true;
-        (void)Reap(pidfd.Get());
         ending.reset();
+        (void)child.Reap();
         RuleLoader& owner = loader;
         owner.dying.remove_if([gone = this](const auto& entry) { return entry.get() == gone; });
     }
 
     RuleLoader& loader;
-    OwnedFd pidfd;
     OwnedFd pipe;
+    Child child;  // killed with this object
     std::string text;
-    bool ended = false;
     std::unique_ptr<Watch> reading;
     std::unique_ptr<Watch> ending;
     std::unique_ptr<Timer> timer;
@@ -148,31 +133,21 @@ void RuleLoader::Load(const Done& done) {
 }
 
 void RuleLoader::Start() {
-    int ends[2];
-    if (dying.size() >= kMostDying || pipe2(ends, O_CLOEXEC) != 0) {
-        return Ended(Failure(dying.size() >= kMostDying
-                                 ? "too many processes hang that were to read the files"
-                                 : "no descriptors are left to read the files"));
+    if (dying.size() >= kMostDying) {
+        return Ended(Failure("too many processes hang that were to read the files"));
     }
-    OwnedFd output(ends[0]);
-    const OwnedFd input(ends[1]);
-    const pid_t parent = getpid();
-    const pid_t pid = fcntl(output.Get(), F_SETFL, O_NONBLOCK) == 0 ? fork() : -1;
-    if (pid == 0) {
-        RunReader(input.Get(), parent, reader);
+    Result<Pipe> pipe = OpenPipe(Reading::kNeverWaits);
+    if (!pipe) {
+        return Ended(Failure("no descriptors are left to read the files"));
     }
-    if (pid < 0) {
+    Result<Child> child =
+        Child::Fork([&](pid_t parent) { RunReader(pipe->writer.Get(), parent, reader); });
+    if (!child) {
         return Ended(Failure("no process can be started to read the files"));
     }
-    try {
-        OwnedFd pidfd(OpenProcess(pid));
-        if (!pidfd) {
-            throw std::system_error(errno, std::generic_category());
-        }
-        process = std::make_shared<Process>(*this, std::move(pidfd), std::move(output));
-    } catch (const std::system_error&) {
-        (void)kill(pid, SIGKILL);
-        (void)waitpid(pid, nullptr, WNOHANG);
+    process = std::make_shared<Process>(*this, std::move(*child), std::move(pipe->reader));
+    if (!process->SetLimit()) {
+        process.reset();  // and kills it
         Ended(Failure("no descriptors are left to read the files"));
     }
 }

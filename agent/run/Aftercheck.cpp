@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <optional>
 
 #include "MountCalls.h"
 #include "MountTable.h"
@@ -44,13 +45,14 @@ bool TakeBack(int mount, const std::vector<std::string>& flags) {
            errno == EINVAL;
 }
 
+// Empty when nothing is.
 std::string WhatIsWrong(int mount, const std::vector<std::string>& flags) {
-    std::uint64_t id = 0;
-    std::vector<MountEntry> mounts;
-    if (!MountId(mount, id) || !ReadMounts(mounts)) {
+    const std::optional<std::uint64_t> id = MountId(mount);
+    const Result<std::vector<MountEntry> > mounts = ReadMounts();
+    if (!id || !mounts) {
         return "the mount cannot be looked at";
     }
-    const MountEntry* entry = FindMount(mounts, id);
+    const MountEntry* entry = FindMount(*mounts, *id);
     if (entry == nullptr) {
         return "nothing is mounted there now";
     }
@@ -71,28 +73,28 @@ bool SameRoot(int one, int other) {
 
 }  // namespace
 
-bool PutInPlace(const OwnedFd& mount, const PinnedPath& target, bool once, std::string& reason) {
+Check PutInPlace(const OwnedFd& mount, const PinnedPath& target, bool once) {
+    // The kernel would refuse it to mount(2), but not to this call: a caller that asks again and
+    // again would pile mounts up.
     if (once && SameRoot(mount.Get(), target.object.Get())) {
-        reason = "already mounted or mount point busy";
-        return false;
+        return Refusal{"already mounted or mount point busy"};
     }
     if (!PlaceMount(mount.Get(), target.object.Get())) {
-        reason = std::string("mount failed: ") + std::strerror(errno);
-        return false;
+        return Refusal{std::string("mount failed: ") + std::strerror(errno)};
     }
-    return true;
+    return Fine();
 }
 
-bool CheckMount(const OwnedFd& mount, const std::string& path,
-                const std::vector<std::string>& flags, std::string& reason) {
+// The second wall: what is seen here was finished before it was shown.
+Check CheckMount(const OwnedFd& mount, const std::string& path,
+                 const std::vector<std::string>& flags) {
     const std::string wrong = WhatIsWrong(mount.Get(), flags);
     if (wrong.empty()) {
-        return true;
+        return Fine();
     }
-    reason = path + ": " + wrong +
-             (TakeBack(mount.Get(), flags) ? "; it is unmounted again"
-                                           : "; it could not be unmounted again");
-    return false;
+    return Refusal{path + ": " + wrong +
+                   (TakeBack(mount.Get(), flags) ? "; it is unmounted again"
+                                                 : "; it could not be unmounted again")};
 }
 
 }  // namespace agent

@@ -11,15 +11,15 @@
 
 namespace agent {
 
-// Shows a mount that stands nowhere on the very directory that was pinned. False with a reason,
+// Shows a mount that stands nowhere on the very directory that was pinned. Refused, with a reason
 // without the path, when that cannot be: it still stands nowhere. `once`: not when the very same
 // file system stands there already.
-bool PutInPlace(const OwnedFd& mount, const PinnedPath& target, bool once, std::string& reason);
+Check PutInPlace(const OwnedFd& mount, const PinnedPath& target, bool once);
 
-// Looks at the mount in its place. False with a reason when it lacks a flag or is not there, or
-// when that cannot be learned; it is then taken away again.
-bool CheckMount(const OwnedFd& mount, const std::string& path,
-                const std::vector<std::string>& flags, std::string& reason);
+// Looks at the mount in its place. Refused when it lacks a flag or is not there, or when that
+// cannot be learned; it is then taken away again.
+Check CheckMount(const OwnedFd& mount, const std::string& path,
+                 const std::vector<std::string>& flags);
 
 }  // namespace agent
 

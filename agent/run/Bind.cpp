@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <cstring>
+#include <string>
 
 #include "MountCalls.h"
 
@@ -47,17 +48,17 @@ bool HasFlags(int mount, std::uint64_t wanted) {
 
 }  // namespace
 
-OwnedFd MakeBind(const PinnedPath& source, const BindFlags& flags, std::string& reason) {
+Result<OwnedFd> MakeBind(const PinnedPath& source, const BindFlags& flags) {
     OwnedFd mount = CloneMount(source.object.Get(), "");
     // A copy of a shared mount is its peer: what is mounted below the one appears below the other,
     // and goes there too. So no rule's place would end where it says. Private it has no peers.
     if (!mount || !SetMountFlags(mount.Get(), flags.set, flags.clear, MS_PRIVATE)) {
-        reason = Why(errno);
-        return OwnedFd();
+        return Refusal{Why(errno)};
     }
+    // Asked once more: on a kernel that passes over a flag nobody would notice, and the mount would
+    // stand for ever without what the rule wants of it.
     if (!HasFlags(mount.Get(), flags.set)) {
-        reason = "the bind mount did not get its flags";
-        return OwnedFd();
+        return Refusal{"the bind mount did not get its flags"};
     }
     return mount;
 }

@@ -5,15 +5,13 @@
 #ifndef SENTREL_AGENT_BIND_H
 #define SENTREL_AGENT_BIND_H
 
-#include <string>
-
 #include "Pinning.h"
 
 namespace agent {
 
-// The finished mount, for PutInPlace(). None: `reason` says why, without the path. What the flags
-// do not name stays as it is where the source lies.
-OwnedFd MakeBind(const PinnedPath& source, const BindFlags& flags, std::string& reason);
+// The finished mount, for PutInPlace(). A reason why there is none is without the path. What the
+// flags do not name stays as it is where the source lies.
+Result<OwnedFd> MakeBind(const PinnedPath& source, const BindFlags& flags);
 
 }  // namespace agent
 

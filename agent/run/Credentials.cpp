@@ -9,9 +9,8 @@ namespace {
 
 const std::size_t kLongestName = 255;
 
-bool Refuse(std::string& reason, const char* why) {
-    reason = std::string("the file of credentials ") + why;
-    return false;
+Refusal Malformed(const char* why) {
+    return Refusal{std::string("the file of credentials ") + why, SR_RULE_NO_FOUND};
 }
 
 // As strict as the grammar: the value becomes one of the mount's options.
@@ -20,6 +19,8 @@ bool IsPlain(const std::string& value, const char* marks) {
            value.size() <= kLongestName;
 }
 
+// At the first '=' only: a password may hold others, and blanks at its end are its own. The last
+// line that names a thing counts, as it does for the tool.
 void TakeLine(std::string line, Credentials& credentials) {
     line.erase(0, line.find_first_not_of(" \t"));
     if (!line.empty() && line.back() == '\r') {
@@ -42,28 +43,28 @@ void TakeLine(std::string line, Credentials& credentials) {
 
 }  // namespace
 
-bool ReadCredentials(const std::string& text, Credentials& credentials, std::string& reason) {
+Result<Credentials> ReadCredentials(const std::string& text) {
     if (text.size() > kLargestCredentials) {
-        return Refuse(reason, "is larger than 4096 bytes");
+        return Malformed("is larger than 4096 bytes");
     }
+    // The tool would take it for the end, and see another password than this does.
     if (text.find('\0') != std::string::npos) {
-        return Refuse(reason, "holds a NUL");
+        return Malformed("holds a NUL");
     }
     Credentials found;
     for (const std::string& line : Split(text, '\n')) {
         TakeLine(line, found);
     }
     if (found.password.empty()) {
-        return Refuse(reason, "has no line 'password='");
+        return Malformed("has no line 'password='");
     }
     if (!found.user.empty() && !IsPlain(found.user, "._$@-")) {
-        return Refuse(reason, "has a malformed user");
+        return Malformed("has a malformed user");
     }
     if (!found.domain.empty() && !IsPlain(found.domain, "._-")) {
-        return Refuse(reason, "has a malformed domain");
+        return Malformed("has a malformed domain");
     }
-    credentials = found;
-    return true;
+    return found;
 }
 
 }  // namespace agent

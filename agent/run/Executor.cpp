@@ -8,7 +8,6 @@
 // The deadline itself is kept by the process (Child.cpp), so it holds even while this loop is busy.
 #include "Executor.h"
 
-#include <fcntl.h>
 #include <sentrel/SR_Status.h>
 #include <signal.h>
 
@@ -26,16 +25,18 @@ struct Executor::Operation {
     Done done;
     Gone gone;
     OwnedFd report;
-    OwnedFd pidfd;
+    Child child;  // none: none was started; behind the report, so that it is killed first
     std::unique_ptr<Watch> end;
     std::unique_ptr<Timer> limit;
     std::unique_ptr<Timer> grace;
     ChildReport last;
     Outcome outcome;
     bool answered = false;
-    bool ended = true;
 
-    // Takes over what the process has reported until now.
+    bool HasEnded() const { return !child; }
+
+    // Takes over what the process has reported until now. Each report is one write of less than
+    // PIPE_BUF, so it comes whole or not at all, also from a process that is killed.
     void ReadReports() {
         ChildReport next;
         while (read(report.Get(), &next, sizeof next) == static_cast<ssize_t>(sizeof next)) {
@@ -50,25 +51,21 @@ struct Executor::Operation {
     }
 };
 
-Executor::Executor(sentrel::SR_MainLoop& mainLoop, const ExecutorLimits& executorLimits)
-    : loop(mainLoop), limits(executorLimits) {}
+Executor::Executor(sentrel::SR_MainLoop& loop_, const ExecutorLimits& limits_)
+    : loop(loop_), limits(limits_) {}
 
 Executor::~Executor() {
+    // The children are killed with their operations.
     for (auto& entry : operations) {
-        Operation& operation = *entry.second;
-        if (!operation.ended) {
-            (void)SignalProcess(operation.pidfd.Get(), SIGKILL);
-            operation.end.reset();
-            (void)Reap(operation.pidfd.Get(), WNOHANG);  // it may be one that does not die
-        }
-        if (operation.output) {
-            operation.output->OnEnd(nullptr);
+        if (entry.second->output) {
+            entry.second->output->OnEnd(nullptr);
         }
     }
 }
 
 void Executor::Start(Permit&& permit, const Caller& caller, const std::shared_ptr<Relay>& output,
                      TimePoint received, const Done& done, const Gone& gone) {
+    // Used up here, whatever comes of it: a permit starts one tool.
     const Permit granted(std::move(permit));
     const std::uint64_t id = ++lastId;
     Operation& operation = *(operations[id] = std::make_unique<Operation>());
@@ -97,51 +94,41 @@ void Executor::Start(Permit&& permit, const Caller& caller, const std::shared_pt
 bool Executor::Launch(Operation& operation, const Permit& permit, const Caller& caller,
                       TimePoint deadline) {
     operation.Fail(SR_FORK_FAILED, "the tool's process cannot be started");
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return false;
-    }
-    operation.report.Reset(ends[0]);
-    const OwnedFd writer(ends[1]);
+    // What may fail is had before there is a process: one without a limit could hold up its caller
+    // for ever.
     const std::uint64_t id = operation.id;
-    try {
-        operation.limit =
-            std::make_unique<Timer>(loop, operation.answerBy, [this, id] { LimitReached(id); });
-    } catch (const std::system_error&) {
+    Result<Pipe> report = OpenPipe(Reading::kNeverWaits);
+    Result<std::unique_ptr<Timer> > limit =
+        Timer::Make(loop, operation.answerBy, [this, id] { LimitReached(id); });
+    if (!report || !limit) {
         return false;
     }
+    operation.report = std::move(report->reader);
+    operation.limit = std::move(*limit);
     ChildSetup setup;
     setup.output = operation.output ? operation.output->GetInput() : -1;
-    setup.report = writer.Get();
+    setup.report = report->writer.Get();
     setup.deadline = deadline;
     setup.killAfter = limits.killAfter;
-    setup.parent = getpid();
-    const pid_t child = fork();
-    if (child < 0) {
+    Result<Child> child =
+        Child::Fork([&](pid_t parent) { RunChild(permit, caller, setup, parent); });
+    if (!child) {
         return false;
     }
-    if (child == 0) {
-        RunChild(permit, caller, setup);
-    }
-    operation.pidfd.Reset(OpenProcess(child));
-    if (!operation.pidfd) {
-        // The kernel may not let it end now, or ever, so it is not waited for.
-        (void)kill(child, SIGKILL);
-        (void)waitpid(child, nullptr, WNOHANG);
-        return false;
-    }
-    operation.end =
-        std::make_unique<Watch>(loop, operation.pidfd.Get(), [this, id] { ProcessEnded(id); });
-    operation.ended = false;
+    operation.child = std::move(*child);
+    operation.end = std::make_unique<Watch>(loop, operation.child.GetDescriptor(),
+                                            [this, id] { ProcessEnded(id); });
     operation.outcome = Outcome();
     return true;
 }
 
+// Handlers know an operation by its number: `done` and `gone` belong to others, who may start and
+// end operations while they run.
 void Executor::ProcessEnded(std::uint64_t id) {
     Operation& operation = *operations.at(id);
     operation.end.reset();
-    Reap(operation.pidfd.Get());
-    operation.ended = true;
+    // Reaped only now that the loop does not watch it any more.
+    (void)operation.child.Reap();
     operation.ReadReports();
     if (operation.answered) {
         const std::unique_ptr<Operation> kept = std::move(operations.at(id));
@@ -156,36 +143,39 @@ void Executor::ProcessEnded(std::uint64_t id) {
         operation.outcome.signal = operation.last.signal;
         operation.outcome.reason = operation.last.reason;
     } else {
+        // It was killed, or failed where it could not say so. A tool that it had started died with
+        // it; what that had done by then nobody knows.
         operation.Fail(SR_WAITPID_FAILED, "the tool's end could not be learned");
     }
     AwaitOutput(operation);
 }
 
+// The answer tells how many bytes have come, so the relay gets a moment for the last of them; no
+// more than that, since the reader is the caller's and may never read.
 void Executor::AwaitOutput(Operation& operation) {
     const std::uint64_t id = operation.id;
     if (!operation.output || operation.output->Ended()) {
         Deliver(id);
         return;
     }
-    try {
-        operation.grace = std::make_unique<Timer>(
-            loop, std::min(std::chrono::steady_clock::now() + limits.grace, operation.answerBy),
-            [this, id] { Deliver(id); });
-    } catch (const std::system_error&) {
-        Deliver(id);
-        return;
+    Result<std::unique_ptr<Timer> > grace = Timer::Make(
+        loop, std::min(std::chrono::steady_clock::now() + limits.grace, operation.answerBy),
+        [this, id] { Deliver(id); });
+    if (!grace) {
+        return Deliver(id);
     }
+    operation.grace = std::move(*grace);
     operation.output->OnEnd([this, id] { Deliver(id); });
 }
 
 void Executor::LimitReached(std::uint64_t id) {
     Operation& operation = *operations.at(id);
-    if (!operation.ended) {
+    if (!operation.HasEnded()) {
         operation.ReadReports();
         // While its tool runs the process does what can be done, and stays until it is over. In any
         // other stage it hangs itself, over a path.
         if (operation.last.stage != ChildReport::kToolStarting) {
-            (void)SignalProcess(operation.pidfd.Get(), SIGKILL);
+            operation.child.Signal(SIGKILL);
         }
         operation.Fail(SR_WAITPID_FAILED, "the deadline passed and the tool did not end");
     }
@@ -207,8 +197,10 @@ void Executor::Deliver(std::uint64_t id) {
         operation.output->Abandon();
         operation.output.reset();
     }
+    // `done` may end the program's loop or start the next request; behind it nothing of this
+    // operation is touched but what is held here.
     const Done done = std::move(operation.done);
-    if (!operation.ended) {
+    if (!operation.HasEnded()) {
         done(outcome);
         return;
     }
@@ -220,22 +212,20 @@ void Executor::Deliver(std::uint64_t id) {
 
 void Executor::EndAll() {
     for (auto& entry : operations) {
-        if (!entry.second->ended) {
-            (void)SignalProcess(entry.second->pidfd.Get(), SIGTERM);
-        }
+        entry.second->child.Signal(SIGTERM);
     }
 }
 
 std::size_t Executor::Running() const {
     return static_cast<std::size_t>(
         std::count_if(operations.begin(), operations.end(),
-                      [](const auto& entry) { return !entry.second->ended; }));
+                      [](const auto& entry) { return !entry.second->HasEnded(); }));
 }
 
 std::size_t Executor::Abandoned() const {
     return static_cast<std::size_t>(std::count_if(
         operations.begin(), operations.end(),
-        [](const auto& entry) { return !entry.second->ended && entry.second->answered; }));
+        [](const auto& entry) { return !entry.second->HasEnded() && entry.second->answered; }));
 }
 
 }  // namespace agent

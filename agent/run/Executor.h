@@ -39,7 +39,7 @@ public:
     typedef std::function<void(const Outcome&)> Done;
     typedef std::function<void()> Gone;
 
-    Executor(sentrel::SR_MainLoop& mainLoop, const ExecutorLimits& executorLimits);
+    Executor(sentrel::SR_MainLoop& loop_, const ExecutorLimits& limits_);
     Executor(const Executor&) = delete;
     Executor& operator=(const Executor&) = delete;
     ~Executor();

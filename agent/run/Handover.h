@@ -1,23 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // How the tool's process hands a finished mount to the request's process, which is in the mount
-// namespace where it is to stand.
+// namespace where it is to stand. By a descriptor, since such a mount has no name anywhere.
 #ifndef SENTREL_AGENT_HANDOVER_H
 #define SENTREL_AGENT_HANDOVER_H
 
-#include <string>
-
 #include "base/Descriptors.h"
+#include "base/Result.h"
 
 namespace agent {
 
-// The two ends; false when there are none.
-bool OpenHandover(OwnedFd& giver, OwnedFd& taker);
+struct Handover {
+    OwnedFd giver;
+    OwnedFd taker;
+};
 
-// The mount, or when there is none the reason.
-bool Give(const OwnedFd& giver, const OwnedFd& mount, const std::string& reason);
+Result<Handover> OpenHandover();
 
-// Does not wait. None with a reason when none was given.
-OwnedFd Take(const OwnedFd& taker, std::string& reason);
+// Hands on the mount, or the reason why there is none. False when not even that can be said.
+bool Give(const OwnedFd& giver, const Result<OwnedFd>& mount);
+
+// Does not wait: it is called when whoever gives has ended. Refused when none was given.
+Result<OwnedFd> Take(const OwnedFd& taker);
 
 }  // namespace agent
 

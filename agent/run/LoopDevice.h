@@ -18,9 +18,8 @@ bool NeedsLoop(const PinnedPath& image, const std::vector<std::string>& words);
 
 // Makes a loop device of the pinned image, or takes the one that it has already, and in the words
 // of mount(8) puts it into the image's place and its options away. The device goes with its last
-// user: `device` is to be kept until it is mounted. False with a reason, without the path.
-bool AttachLoop(const PinnedPath& image, std::vector<std::string>& words, OwnedFd& device,
-                std::string& reason);
+// user: what is returned is to be kept until it is mounted. A reason is without the path.
+Result<OwnedFd> AttachLoop(const PinnedPath& image, std::vector<std::string>& words);
 
 }  // namespace agent
 

@@ -5,8 +5,11 @@
 #define SENTREL_AGENT_MOUNTTABLE_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "base/Result.h"
 
 namespace agent {
 
@@ -19,8 +22,9 @@ struct MountEntry {
     std::string options;  // of the mount, not of its file system
 };
 
-// False when the whole of it cannot be read: what is not in `mounts` may be mounted all the same.
-bool ReadMounts(std::vector<MountEntry>& mounts);
+// Refused when the whole of it cannot be read: a part is of no use, since what is not in it may be
+// mounted all the same.
+Result<std::vector<MountEntry> > ReadMounts();
 
 // The one with the id; null when there is none.
 const MountEntry* FindMount(const std::vector<MountEntry>& mounts, std::uint64_t id);
@@ -28,8 +32,8 @@ const MountEntry* FindMount(const std::vector<MountEntry>& mounts, std::uint64_t
 // The first of the flags ("nosuid") that the mount does not have; empty when it has them all.
 std::string MissingFlag(const MountEntry& mount, const std::vector<std::string>& flags);
 
-// The mount that `fd` was opened in. False when the kernel does not tell.
-bool MountId(int fd, std::uint64_t& id);
+// The mount that `fd` was opened in; none when the kernel does not tell.
+std::optional<std::uint64_t> MountId(int fd);
 
 }  // namespace agent
 

@@ -58,23 +58,18 @@ bool IsAsAsked(const OwnedFd& made, const NodeSpec& node, uid_t owner, gid_t gro
            getxattr(LinkTo(made).c_str(), "system.posix_acl_access", nullptr, 0) < 0;
 }
 
-// errno tells; 0 when it is not what was asked for.
-bool Finish(const OwnedFd& apart, const std::string& name, const NodeSpec& node, bool& isMade) {
+// Its mode it has from the making; behind this the rest of it is as it was asked for too.
+Check Finish(const OwnedFd& apart, const std::string& name, const NodeSpec& node) {
     const uid_t owner = node.owner == static_cast<uid_t>(-1) ? geteuid() : node.owner;
     const gid_t group = node.group == static_cast<gid_t>(-1) ? getegid() : node.group;
-    const dev_t device = node.type == S_IFIFO ? 0 : makedev(node.majorNumber, node.minorNumber);
-    // Where there is none, or there are no such lists, nothing is handed down.
-    (void)removexattr(LinkTo(apart).c_str(), "system.posix_acl_default");
-    isMade = mknodat(apart.Get(), name.c_str(), node.type | node.mode, device) == 0;
-    if (!isMade) {
-        return false;
-    }
     const OwnedFd made = OpenBelow(apart.Get(), name, O_NOFOLLOW);
     if (!made || fchownat(made.Get(), "", owner, group, AT_EMPTY_PATH) != 0) {
-        return false;
+        return Refusal{std::strerror(errno)};
     }
-    errno = 0;
-    return IsAsAsked(made, node, owner, group);
+    if (!IsAsAsked(made, node, owner, group)) {
+        return Refusal{"the node did not get its mode and owner"};
+    }
+    return Fine();
 }
 
 // Not over what has the name already.
@@ -90,17 +85,20 @@ int MakeApart(const OwnedFd& apart, const std::string& name, const PinnedPath& p
     if (!IsApart(apart)) {
         return Fail(pinned, "somebody has taken away the directory that it is made in");
     }
-    bool isMade = false;
+    // Where there is none, or there are no such lists, nothing is handed down.
+    (void)removexattr(LinkTo(apart).c_str(), "system.posix_acl_default");
+    const dev_t device = node.type == S_IFIFO ? 0 : makedev(node.majorNumber, node.minorNumber);
+    if (mknodat(apart.Get(), name.c_str(), node.type | node.mode, device) != 0) {
+        return Fail(pinned, std::strerror(errno));
+    }
+    const Check finished = Finish(apart, name, node);
     int exit = 0;
-    if (!Finish(apart, name, node, isMade)) {
-        exit = Fail(pinned,
-                    errno == 0 ? "the node did not get its mode and owner" : std::strerror(errno));
+    if (!finished) {
+        exit = Fail(pinned, finished.Reason());
     } else if (!Show(apart, name, pinned)) {
         exit = Fail(pinned, std::strerror(errno));
     }
-    if (isMade) {
-        (void)unlinkat(apart.Get(), name.c_str(), 0);  // not there after a move
-    }
+    (void)unlinkat(apart.Get(), name.c_str(), 0);  // not there after a move
     return exit;
 }
 

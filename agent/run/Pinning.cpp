@@ -11,12 +11,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 namespace agent {
 
 namespace {
 
+// The rule was compared with the path as a text. So the text must name one thing only: no component
+// that leads back up, and none that is doubled.
 bool IsPlainComponent(const std::string& name) {
     return !name.empty() && name != "." && name != "..";
 }
@@ -68,63 +71,81 @@ bool IsClosed(int fd) {
            (found.st_mode & (S_IWGRP | S_IWOTH)) == 0 && !IsServedByOthers(fd, found.st_dev);
 }
 
-bool Refuse(const std::string& path, const std::string& why, std::string& reason) {
-    reason = path + ": " + why;
-    return false;
+// What a pin is refused with says that no rule allows it: the rule was checked against the path.
+Refusal Refused(const std::string& path, const std::string& why) {
+    return Refusal{path + ": " + why, SR_RULE_NO_FOUND};
 }
 
-bool RefuseErrno(const std::string& path, std::string& reason) {
+Refusal RefusedByErrno(const std::string& path) {
     const int error = errno;
-    return Refuse(path, error == ELOOP ? "a symbolic link is in the way" : std::strerror(error),
-                  reason);
+    return Refused(path, error == ELOOP ? "a symbolic link is in the way" : std::strerror(error));
 }
 
 // By the kernel's table, not by looking at it: the root of a mount whose server is gone hangs, and
 // a descriptor of it would keep the mount busy.
-bool FindMountPoint(PinnedPath& pinned) {
-    std::uint64_t below = 0;
-    std::vector<MountEntry> mounts;
-    if (!MountId(pinned.parent.Get(), below) || !ReadMounts(mounts)) {
-        return false;
+std::optional<MountEntry> FindMountPoint(const PinnedPath& pinned) {
+    const std::optional<std::uint64_t> parent = MountId(pinned.parent.Get());
+    const Result<std::vector<MountEntry> > mounts = ReadMounts();
+    if (!parent || !mounts) {
+        return std::nullopt;
     }
-    bool found = false;
-    for (auto next = mounts.begin(); next != mounts.end();) {
-        next = std::find_if(mounts.begin(), mounts.end(), [&](const MountEntry& entry) {
+    std::uint64_t below = *parent;
+    std::optional<MountEntry> found;
+    for (auto next = mounts->begin(); next != mounts->end();) {
+        next = std::find_if(mounts->begin(), mounts->end(), [&](const MountEntry& entry) {
             return entry.parent == below && entry.point == pinned.pin.path;
         });
-        if (next != mounts.end()) {
-            found = true;
-            pinned.mount = *next;
+        if (next != mounts->end()) {
+            found = *next;
             below = next->id;  // what is mounted on top of it
         }
     }
     return found;
 }
 
-bool PinObject(const std::string& path, PinnedPath& pinned, std::string& reason) {
+Check PinObject(PinnedPath& pinned) {
     const Pin::Kind kind = pinned.pin.kind;
+    const std::string& path = pinned.pin.path;
     OwnedFd object =
         OpenBelow(pinned.parent.Get(), pinned.name, kind == Pin::kDirectory ? O_DIRECTORY : 0);
     struct stat found = {};
     if (!object || fstat(object.Get(), &found) != 0) {
-        return RefuseErrno(path, reason);
+        return RefusedByErrno(path);
     }
     if (kind == Pin::kFile && S_ISDIR(found.st_mode)) {
-        return Refuse(path, "is a directory", reason);
+        return Refused(path, "is a directory");
     }
+    // A directory above may have been renamed between two components; what counts is what the
+    // kernel calls the file now that nothing can change it any more.
     if (PathOf(object.Get()) != path) {
-        return Refuse(path, "is not what the rule was checked against", reason);
+        return Refused(path, "is not what the rule was checked against");
     }
     if (kind == Pin::kMountPoint) {
-        return Refuse(path, "nothing is mounted there", reason);
+        return Refused(path, "nothing is mounted there");
     }
     if (kind == Pin::kModule && !(S_ISREG(found.st_mode) && IsClosed(object.Get()))) {
-        return Refuse(path, "is not a file that only root can write", reason);
+        return Refused(path, "is not a file that only root can write");
     }
     pinned.blockDevice = S_ISBLK(found.st_mode);
     pinned.regularFile = S_ISREG(found.st_mode);
     pinned.object = std::move(object);
-    return true;
+    return Fine();
+}
+
+// Opens the directory above, without any symbolic link in its path, and notes on the way whether
+// all of them are closed to others. No descriptor: errno tells.
+void OpenParent(const std::string& path, PinnedPath& pinned) {
+    pinned.closedChain = true;
+    pinned.parent.Reset(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (std::size_t at = 1; pinned.parent;) {
+        pinned.closedChain = pinned.closedChain && IsClosed(pinned.parent.Get());
+        if (at >= path.size()) {
+            break;
+        }
+        const std::size_t slash = std::min(path.find('/', at), path.size());
+        pinned.parent = OpenBelow(pinned.parent.Get(), path.substr(at, slash - at), O_DIRECTORY);
+        at = slash + 1;
+    }
 }
 
 }  // namespace
@@ -139,6 +160,7 @@ std::string PinnedPath::Reach() const {
     return Inherited() == parent.Get() ? base + "/" + name : base;
 }
 
+// The kernel's own word, not a walk: a walk would meet what was exchanged meanwhile.
 std::string PathOf(int fd) {
     char path[PATH_MAX];
     const ssize_t length =
@@ -150,52 +172,51 @@ std::string PathOf(int fd) {
 
 OwnedFd OpenBelow(int directory, const std::string& name, int flags) {
     open_how how = {};
+    // O_PATH opens nothing: no device notices, no pipe waits, and it needs no right to the file.
     how.flags = static_cast<unsigned>(O_PATH | O_CLOEXEC | flags);
+    // No link anywhere, not even root's own: a rule names the place itself, and a link below /proc
+    // leads wherever its process says.
     how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     return OwnedFd(
         static_cast<int>(syscall(SYS_openat2, directory, name.c_str(), &how, sizeof how)));
-}
-
-OwnedFd OpenDirectory(const std::string& path, bool& closedChain) {
-    OwnedFd directory(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    for (std::size_t at = 1; directory;) {
-        closedChain = closedChain && IsClosed(directory.Get());
-        if (at >= path.size()) {
-            break;
-        }
-        const std::size_t slash = std::min(path.find('/', at), path.size());
-        directory = OpenBelow(directory.Get(), path.substr(at, slash - at), O_DIRECTORY);
-        at = slash + 1;
-    }
-    return directory;
 }
 
 int PinnedPath::Inherited() const {
     return object ? object.Get() : parent.Get();
 }
 
-bool PinPath(const Pin& pin, PinnedPath& pinned, std::string& reason) {
+Result<PinnedPath> PinPath(const Pin& pin) {
     if (!IsPlainPath(pin.path)) {
-        return Refuse(pin.path, "is not a plain absolute path", reason);
+        return Refused(pin.path, "is not a plain absolute path");
     }
     const std::size_t slash = pin.path.rfind('/');
     const std::string directory = slash == 0 ? "/" : pin.path.substr(0, slash);
+    PinnedPath pinned;
     pinned.pin = pin;
     pinned.name = pin.path.substr(slash + 1);
-    pinned.closedChain = true;
-    pinned.parent = OpenDirectory(directory, pinned.closedChain);
+    OpenParent(directory, pinned);
     if (!pinned.parent) {
-        return RefuseErrno(pin.path, reason);
+        return RefusedByErrno(pin.path);
     }
     if (pin.rootOwnedChain && !pinned.closedChain) {
-        return Refuse(pin.path, "a directory above it is open to others, or others serve it",
-                      reason);
+        return Refused(pin.path, "a directory above it is open to others, or others serve it");
     }
-    if (pin.kind != Pin::kParent && !(pin.kind == Pin::kMountPoint && FindMountPoint(pinned))) {
-        return PinObject(pin.path, pinned, reason);
+    std::optional<MountEntry> mount;
+    if (pin.kind == Pin::kMountPoint) {
+        mount = FindMountPoint(pinned);
     }
-    return PathOf(pinned.parent.Get()) == directory ||
-           Refuse(pin.path, "is not what the rule was checked against", reason);
+    if (pin.kind != Pin::kParent && !mount) {
+        const Check object = PinObject(pinned);
+        if (!object) {
+            return object.GetRefusal();
+        }
+        return pinned;
+    }
+    if (PathOf(pinned.parent.Get()) != directory) {
+        return Refused(pin.path, "is not what the rule was checked against");
+    }
+    pinned.mount = mount.value_or(MountEntry());
+    return pinned;
 }
 
 }  // namespace agent

@@ -11,6 +11,7 @@
 #include "MountTable.h"
 #include "base/Descriptors.h"
 #include "base/Permit.h"
+#include "base/Result.h"
 
 namespace agent {
 
@@ -31,13 +32,8 @@ struct PinnedPath {
     MountEntry mount;  // for kMountPoint: the topmost one there
 };
 
-// False with a plain reason when it is not, to the letter, the path of the pin.
-bool PinPath(const Pin& pin, PinnedPath& pinned, std::string& reason);
-
-// Opens the directory with openat2, without any symbolic link in its path. None: errno tells.
-// `closedChain` is cleared when one of the directories, this included, is open to others, or lies
-// on a file system that others serve.
-OwnedFd OpenDirectory(const std::string& path, bool& closedChain);
+// Refused, with a plain reason, when it is not, to the letter, the path of the pin.
+Result<PinnedPath> PinPath(const Pin& pin);
 
 // One component below `directory`, not followed when it is a symbolic link.
 OwnedFd OpenBelow(int directory, const std::string& name, int flags);

@@ -17,17 +17,17 @@
 #include <vector>
 
 #include "base/Descriptors.h"
+#include "base/Result.h"
 
 namespace agent {
 
 // Leaves this process's mount namespace for a new one with an empty directory, whose last component
-// is `name`: tools show it. Returns its path; empty with a reason when it cannot be had.
-std::string EnterStage(const std::string& name, std::string& reason);
+// is `name`: tools show it. Returns its path.
+Result<std::string> EnterStage(const std::string& name);
 
-// A copy of what was mounted on the directory, which stands nowhere. None with a reason when
-// nothing was, or when it lacks one of the flags.
-OwnedFd TakeFromStage(const std::string& stage, const std::vector<std::string>& flags,
-                      std::string& reason);
+// A copy of what was mounted on the directory, which stands nowhere. Refused when nothing was, or
+// when it lacks one of the flags.
+Result<OwnedFd> TakeFromStage(const std::string& stage, const std::vector<std::string>& flags);
 
 // Takes what was mounted there away: a helper that stays keeps the namespace.
 void ClearStage(const std::string& stage);

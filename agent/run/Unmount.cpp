@@ -38,7 +38,8 @@ std::string Why(int error) {
     return error == EINVAL ? "not mounted" : std::string("umount failed: ") + std::strerror(error);
 }
 
-// One that ended with its last user is as good as detached.
+// What is at the name now need not be the device that lay under the mount: the number is compared
+// once more on what was opened. One that ended with its last user is as good as detached.
 bool DetachLoop(unsigned number) {
     const OwnedFd loop(open(("/dev/loop" + std::to_string(number)).c_str(), O_RDONLY | O_CLOEXEC));
     struct stat found = {};
@@ -52,9 +53,13 @@ bool DetachLoop(unsigned number) {
 int Unmount(const PinnedPath& pinned, const std::vector<std::string>& words) {
     const int flags = UMOUNT_NOFOLLOW | (Has(words, "--lazy") ? MNT_DETACH : 0) |
                       (Has(words, "--force") ? MNT_FORCE : 0);
+    // The name's last component, looked up in the pinned directory: nothing above it can have been
+    // exchanged, and the flag keeps the kernel from following the component itself. There is no
+    // call that unmounts by a descriptor without keeping the mount busy by it.
     if (fchdir(pinned.parent.Get()) != 0 || umount2(pinned.name.c_str(), flags) != 0) {
         return Fail(pinned, Why(errno), kFailure);
     }
+    // By what the table said of the mount before it went: now nobody can be asked.
     const bool loop = Has(words, "--detach-loop") && pinned.mount.majorNumber == LOOP_MAJOR;
     return !loop || DetachLoop(pinned.mount.minorNumber)
                ? 0

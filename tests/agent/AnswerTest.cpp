@@ -103,9 +103,10 @@ protected:
             bool late = false;
             {
                 const agent::Watch ready(dispatcher, pipe.reader.Get(), [&done] { done = true; });
-                const agent::Timer limit(
+                const auto limit = agent::Timer::Make(
                     dispatcher, std::chrono::steady_clock::now() + std::chrono::seconds(20),
                     [&late] { late = true; });
+                late = !limit;
                 while (!(done && seen) && !late) {
                     dispatcher.DispatchPending();
                     dispatcher.Dispatch();
@@ -166,8 +167,10 @@ TEST_F(AnswerTest, AnAnswerMayBeGivenLongAfterTheCallWasHandled) {
                   [&](agent::Replies& replies, const sentrel::SR_DBusReturnAddress& to) {
                       kept = std::make_unique<Answer>(replies, getuid(), to);
                       kept->Set(0, 5);
-                      later = std::make_unique<agent::Timer>(
-                          *loop, std::chrono::steady_clock::now(), [&] { kept.reset(); });
+                      auto timer = agent::Timer::Make(*loop, std::chrono::steady_clock::now(),
+                                                      [&] { kept.reset(); });
+                      ASSERT_TRUE(timer);
+                      later = std::move(*timer);
                   },
                   true),
               "0 5\n0 more\n");

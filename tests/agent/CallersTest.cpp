@@ -38,9 +38,10 @@ protected:
     }
     void RunUntilAnswers(std::size_t count) {
         bool late = false;
-        const agent::Timer limit(dispatcher,
-                                 std::chrono::steady_clock::now() + std::chrono::seconds(20),
-                                 [&late] { late = true; });
+        const auto limit = agent::Timer::Make(
+            dispatcher, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+            [&late] { late = true; });
+        late = !limit;
         for (;;) {
             dispatcher.DispatchPending();
             if (known.size() + unknown.size() >= count || late) {
@@ -184,9 +185,10 @@ TEST_F(CallersTest, ManyStrangersGetAFewLinesASecondAndTheRestIsCounted) {
     EXPECT_EQ(5, count("decision=deny status=1 reason=\"nobody knows: :1.5\""));
     EXPECT_EQ(5, count(""));
     bool late = false;
-    const agent::Timer limit(dispatcher,
-                             std::chrono::steady_clock::now() + std::chrono::seconds(20),
-                             [&late] { late = true; });
+    const auto limit =
+        agent::Timer::Make(dispatcher, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+                           [&late] { late = true; });
+    late = !limit;
     while (count("") == 5 && !late) {
         dispatcher.Dispatch();
     }

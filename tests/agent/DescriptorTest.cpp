@@ -18,11 +18,25 @@
 #include "base/Process.h"
 
 using agent::Caller;
-using agent::Descriptor;
 using agent::OwnedFd;
-using agent::TakeDescriptor;
 
 namespace {
+
+struct Taken {
+    OwnedFd fd;
+    std::string refusal;
+};
+
+Taken TakeFrom(const Caller& caller, int number) {
+    agent::Result<OwnedFd> result = agent::TakeDescriptor(caller, number);
+    Taken taken;
+    if (result) {
+        taken.fd = std::move(*result);
+    } else {
+        taken.refusal = result.Reason();
+    }
+    return taken;
+}
 
 // A process of the caller's. `open` runs in it and returns the number of a descriptor, or -1; then
 // it stays until the end of this object. `become` may turn it into another program.
@@ -55,7 +69,7 @@ public:
         (void)waitpid(caller.pid, nullptr, 0);
     }
 
-    Descriptor Take() const { return TakeDescriptor(caller, number); }
+    Taken Take() const { return TakeFrom(caller, number); }
 
     Caller caller;
     int number = -1;
@@ -87,7 +101,7 @@ protected:
     void ExpectTaken(const std::function<int()>& open) {
         const CallerProcess process(open);
         ASSERT_GE(process.number, 0);
-        const Descriptor taken = process.Take();
+        const Taken taken = process.Take();
         EXPECT_TRUE(taken.fd) << taken.refusal;
         EXPECT_EQ(taken.refusal, "");
     }
@@ -95,7 +109,7 @@ protected:
     void ExpectRefused(const std::function<int()>& open, const std::string& reason) {
         const CallerProcess process(open);
         ASSERT_GE(process.number, 0);
-        const Descriptor taken = process.Take();
+        const Taken taken = process.Take();
         EXPECT_FALSE(taken.fd);
         EXPECT_NE(taken.refusal.find(reason), std::string::npos) << taken.refusal;
     }
@@ -129,7 +143,7 @@ std::string Rights() {
 
 TEST_F(DescriptorTest, NumbersUpToZeroMeanNoOutput) {
     for (const int number : {0, -1, -1000, static_cast<int>(0x80000000)}) {
-        const Descriptor taken = TakeDescriptor(TestCaller(), number);
+        const Taken taken = TakeFrom(TestCaller(), number);
         EXPECT_FALSE(taken.fd);
         EXPECT_EQ(taken.refusal, "");
     }
@@ -138,7 +152,7 @@ TEST_F(DescriptorTest, NumbersUpToZeroMeanNoOutput) {
 TEST_F(DescriptorTest, NumbersThatDoNotExistAreRefused) {
     const CallerProcess process(OpenPipe);
     for (const int number : {999, 1048575, 1048576, 2147483647}) {
-        const Descriptor taken = TakeDescriptor(process.caller, number);
+        const Taken taken = TakeFrom(process.caller, number);
         EXPECT_FALSE(taken.fd);
         EXPECT_NE(taken.refusal, "");
     }
@@ -211,7 +225,7 @@ TEST_F(DescriptorTest, ADescriptorThatMayOnlyReadRootsFileIsNeverWrittenThrough)
     const std::string link =
         "/proc/" + std::to_string(process.caller.pid) + "/fd/" + std::to_string(process.number);
     EXPECT_TRUE(OwnedFd(open(link.c_str(), O_WRONLY)));
-    const Descriptor taken = process.Take();
+    const Taken taken = process.Take();
     EXPECT_FALSE(taken.fd);
     EXPECT_NE(taken.refusal, "");
     EXPECT_EQ(Contents(path), "as it was");
@@ -238,7 +252,7 @@ TEST_F(DescriptorTest, ASetUserIdProgramBehindThePidGetsNothing) {
     ASSERT_NE(Contents("/proc/" + std::to_string(privileged.caller.pid) + "/status")
                   .find("Uid:\t65534\t0\t0\t0"),
               std::string::npos);
-    const Descriptor taken = privileged.Take();
+    const Taken taken = privileged.Take();
     EXPECT_FALSE(taken.fd);
     EXPECT_NE(taken.refusal, "");
 }
@@ -252,7 +266,7 @@ TEST_F(DescriptorTest, AProgramThatLaidDownItsRightsForAWhileGetsNothing) {
     struct stat entry = {};
     ASSERT_EQ(stat(("/proc/" + std::to_string(process.caller.pid) + "/fd").c_str(), &entry), 0);
     ASSERT_EQ(entry.st_uid, kNobody);
-    const Descriptor taken = process.Take();
+    const Taken taken = process.Take();
     EXPECT_FALSE(taken.fd);
     EXPECT_NE(taken.refusal, "");
 }
@@ -261,25 +275,25 @@ TEST_F(DescriptorTest, AProcessOfAnotherUserIsNotLookedInto) {
     NEEDS_ROOT();
     const TestPipe pipe;
     Caller caller = TestCaller();  // says nobody, but the pid is root's own
-    EXPECT_FALSE(TakeDescriptor(caller, pipe.writer.Get()).fd);
+    EXPECT_FALSE(TakeFrom(caller, pipe.writer.Get()).fd);
     caller.uid = 0;
     caller.groups = {0};
-    EXPECT_TRUE(TakeDescriptor(caller, pipe.writer.Get()).fd);
+    EXPECT_TRUE(TakeFrom(caller, pipe.writer.Get()).fd);
 }
 
 TEST_F(DescriptorTest, AProcessOfAGroupThatIsNotTheCallersIsNotLookedInto) {
     const CallerProcess process(OpenPipe);
     Caller caller = process.caller;
     caller.groups = {4242};
-    EXPECT_FALSE(TakeDescriptor(caller, process.number).fd);
+    EXPECT_FALSE(TakeFrom(caller, process.number).fd);
     caller.groups.clear();  // the bus does not say
-    EXPECT_TRUE(TakeDescriptor(caller, process.number).fd);
+    EXPECT_TRUE(TakeFrom(caller, process.number).fd);
 }
 
 TEST_F(DescriptorTest, AnUnknownOrEndedProcessIsRefused) {
     Caller caller = TestCaller();
     caller.pid = 0;
-    EXPECT_NE(TakeDescriptor(caller, 1).refusal, "");
+    EXPECT_NE(TakeFrom(caller, 1).refusal, "");
     const pid_t zombie = fork();
     if (zombie == 0) {
         _exit(0);
@@ -287,9 +301,9 @@ TEST_F(DescriptorTest, AnUnknownOrEndedProcessIsRefused) {
     const OwnedFd pidfd(agent::OpenProcess(zombie));
     ASSERT_TRUE(WaitEnd(pidfd.Get()));
     caller.pid = zombie;
-    EXPECT_NE(TakeDescriptor(caller, 1).refusal, "");
+    EXPECT_NE(TakeFrom(caller, 1).refusal, "");
     ASSERT_EQ(waitpid(zombie, nullptr, 0), zombie);
-    EXPECT_NE(TakeDescriptor(caller, 1).refusal, "");
+    EXPECT_NE(TakeFrom(caller, 1).refusal, "");
 }
 
 TEST_F(DescriptorTest, TheSameOpenFileIsTakenWithItsFlagsAsTheyWere) {
@@ -298,7 +312,7 @@ TEST_F(DescriptorTest, TheSameOpenFileIsTakenWithItsFlagsAsTheyWere) {
         (void)!write(file, "abc", 3);
         return file;
     });
-    const Descriptor taken = process.Take();
+    const Taken taken = process.Take();
     ASSERT_TRUE(taken.fd) << taken.refusal;
     EXPECT_EQ(lseek(taken.fd.Get(), 0, SEEK_CUR), 3);  // a new opening would stand at 0
     EXPECT_EQ(fcntl(taken.fd.Get(), F_GETFL) & O_NONBLOCK, 0);
@@ -310,6 +324,6 @@ TEST_F(DescriptorTest, TheAgentHasItsOwnRightsAgainAfterwards) {
     ASSERT_NE(before, "");
     const CallerProcess process(OpenPipe);
     EXPECT_TRUE(process.Take().fd);
-    EXPECT_FALSE(TakeDescriptor(process.caller, 999).fd);
+    EXPECT_FALSE(TakeFrom(process.caller, 999).fd);
     EXPECT_EQ(Rights(), before);
 }

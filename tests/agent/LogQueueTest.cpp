@@ -63,8 +63,10 @@ protected:
     template <typename Condition>
     bool RunUntil(Condition condition) {
         bool late = false;
-        const agent::Timer limit(loop, std::chrono::steady_clock::now() + std::chrono::seconds(20),
-                                 [&late] { late = true; });
+        const auto limit =
+            agent::Timer::Make(loop, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+                               [&late] { late = true; });
+        late = !limit;
         while (!condition() && !late) {
             loop.Dispatch();
         }

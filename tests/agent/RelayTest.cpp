@@ -3,8 +3,13 @@
 #include "decide/Accounts.h"
 #include "relay/Relay.h"
 
+#include <errno.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include "RunFixture.h"
 #include "base/Process.h"
@@ -30,6 +35,16 @@ protected:
             done += static_cast<std::size_t>(count);
         }
         return true;
+    }
+
+    // Null when it cannot be started.
+    std::shared_ptr<Relay> Begin(const agent::RelayTask& task, const Relay::Known& known) {
+        return Begin(task, known, caller);
+    }
+    std::shared_ptr<Relay> Begin(const agent::RelayTask& task, const Relay::Known& known,
+                                 const agent::Caller& asking) {
+        const auto started = relays->Start(task, asking, known);
+        return started ? *started : nullptr;
     }
 
     bool RunToItsEnd(const std::shared_ptr<Relay>& relay) {
@@ -205,19 +220,14 @@ TEST_F(RelayTest, TheEndOfAllRelaysKillsThoseThatRun) {
 TEST_F(RelayTest, WhatTheLookFindsIsToldOnceAndAnOutputIsCopiedTo) {
     TestPipe pipe;
     int told = 0;
-    agent::Look found;
-    agent::RelayTask task;
+    agent::CallerFacts found;
+    agent::RelayTask task = TaskToTake(pipe.writer.Get());
     task.executable = [] { return std::string("/usr/bin/some"); };
-    task.output = [] {
-        agent::Descriptor given;
-        given.fd.Reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
-        return given;
-    };
-    const auto known = [&](const agent::Look& look) {
+    const auto known = [&](const agent::CallerFacts& facts) {
         ++told;
-        found = look;
+        found = facts;
     };
-    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known, std::move(pipe.writer));
+    const std::shared_ptr<Relay> relay = Begin(task, known);
     ASSERT_TRUE(relay);
     EXPECT_EQ(told, 0);  // never before Start() has returned
     ASSERT_TRUE(RunUntil([&told] { return told > 0; }));
@@ -231,15 +241,15 @@ TEST_F(RelayTest, WhatTheLookFindsIsToldOnceAndAnOutputIsCopiedTo) {
 }
 
 TEST_F(RelayTest, ALookWithoutAnOutputTellsTheExecutableAndEnds) {
-    agent::Look found;
+    agent::CallerFacts found;
     bool told = false;
     agent::RelayTask task;
     task.executable = [] { return std::string(4000, 'x'); };  // more than there is room for
-    const auto known = [&](const agent::Look& look) {
+    const auto known = [&](const agent::CallerFacts& facts) {
         told = true;
-        found = look;
+        found = facts;
     };
-    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known);
+    const std::shared_ptr<Relay> relay = Begin(task, known);
     ASSERT_TRUE(RunToItsEnd(relay));
     EXPECT_TRUE(told);
     EXPECT_EQ(found.executable, "");
@@ -250,7 +260,7 @@ TEST_F(RelayTest, ALookWithoutAnOutputTellsTheExecutableAndEnds) {
 
 // More groups than one report holds.
 TEST_F(RelayTest, TheLookTellsAllThatWasAskedOfTheAccount) {
-    agent::Look found;
+    agent::CallerFacts found;
     agent::RelayTask task;
     task.executable = [] { return std::string("/usr/bin/some"); };
     task.questions.primary = true;
@@ -268,7 +278,7 @@ TEST_F(RelayTest, TheLookTellsAllThatWasAskedOfTheAccount) {
         return account;
     };
     const std::shared_ptr<Relay> relay =
-        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+        Begin(task, [&found](const agent::CallerFacts& facts) { found = facts; });
     ASSERT_TRUE(RunToItsEnd(relay));
     EXPECT_EQ(found.executable, "/usr/bin/some");
     EXPECT_EQ(found.account.groups, member);
@@ -281,15 +291,11 @@ TEST_F(RelayTest, AnAccountThatCannotBeLookedUpOrTakesTooLongIsUnknownAndTheOutp
     agent::RelayLimits limits;
     limits.look = milliseconds(2000);
     Restart(agent::ExecutorLimits(), limits);
-    agent::RelayTask task;
+    const TestPipe pipe;
+    agent::RelayTask task = TaskToTake(pipe.writer.Get());
     task.questions.groups = {44};
-    task.output = [] {
-        agent::Descriptor given;
-        given.fd.Reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
-        return given;
-    };
     for (const bool hangs : {true, false}) {
-        agent::Look found;
+        agent::CallerFacts found;
         bool told = false;
         task.account = [hangs]() -> agent::Account {
             while (hangs) {
@@ -297,13 +303,11 @@ TEST_F(RelayTest, AnAccountThatCannotBeLookedUpOrTakesTooLongIsUnknownAndTheOutp
             }
             throw agent::LookUpFailed("no");
         };
-        const auto known = [&](const agent::Look& look) {
+        const auto known = [&](const agent::CallerFacts& facts) {
             told = true;
-            found = look;
+            found = facts;
         };
-        TestPipe pipe;
-        const std::shared_ptr<Relay> relay =
-            relays->Start(task, caller, known, std::move(pipe.writer));
+        const std::shared_ptr<Relay> relay = Begin(task, known);
         ASSERT_TRUE(RunUntil([&told] { return told; }));
         EXPECT_TRUE(found.account.asked.empty());
         EXPECT_EQ(found.output, relay) << found.refusal;
@@ -314,40 +318,69 @@ TEST_F(RelayTest, AnAccountThatCannotBeLookedUpOrTakesTooLongIsUnknownAndTheOutp
 }
 
 TEST_F(RelayTest, ARefusedOutputIsToldWithItsReason) {
-    agent::Look found;
+    agent::CallerFacts found;
     agent::RelayTask task;
-    task.output = [] {
-        agent::Descriptor refused;
-        refused.refusal = "not this one";
-        return refused;
-    };
+    task.output = [] { return agent::Refusal{"not this one"}; };
     const std::shared_ptr<Relay> relay =
-        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+        Begin(task, [&found](const agent::CallerFacts& facts) { found = facts; });
     ASSERT_TRUE(RunToItsEnd(relay));
     EXPECT_FALSE(found.output);
     EXPECT_EQ(found.refusal, "not this one");
-    task.output = [] { return agent::Descriptor(); };  // neither one nor a reason
+    task.output = [] { return OwnedFd(); };  // neither one nor a reason
     const std::shared_ptr<Relay> other =
-        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+        Begin(task, [&found](const agent::CallerFacts& facts) { found = facts; });
     ASSERT_TRUE(RunToItsEnd(other));
     EXPECT_FALSE(found.output);
     EXPECT_EQ(found.refusal, "the output descriptor cannot be taken");
+}
+
+// A kernel without filters, as far as this process and its children can tell.
+bool RefuseFilters() {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_prctl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PR_SET_SECCOMP, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {sizeof program / sizeof program[0], program};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+TEST_F(RelayTest, WithoutAFilterAnOutputIsRefusedBeforeAnythingIsCopied) {
+    const TestPipe pipe;
+    const pid_t child = test::Fork([&] {
+        EXPECT_TRUE(RefuseFilters());
+        Restart(agent::ExecutorLimits(), agent::RelayLimits());
+        agent::CallerFacts found;
+        const std::shared_ptr<Relay> relay =
+            Begin(TaskToTake(pipe.writer.Get()),
+                  [&found](const agent::CallerFacts& facts) { found = facts; });
+        EXPECT_TRUE(relay);
+        EXPECT_TRUE(relay && RunToItsEnd(relay));
+        EXPECT_FALSE(found.output);
+        EXPECT_EQ(found.refusal, "the process that copies the output cannot lay down its rights");
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(test::Reap(child, test::kLimit), 0);
 }
 
 TEST_F(RelayTest, ALookThatTakesTooLongIsGivenUpWithWhatItFoundSoFar) {
     agent::RelayLimits limits;
     limits.look = milliseconds(200);
     Restart(agent::ExecutorLimits(), limits);
-    agent::Look found;
+    agent::CallerFacts found;
     agent::RelayTask task;
     task.executable = [] { return std::string("/usr/bin/some"); };
-    task.output = []() -> agent::Descriptor {
+    task.output = []() -> agent::Result<OwnedFd> {
         for (;;) {
             pause();
         }
     };
     const std::shared_ptr<Relay> relay =
-        relays->Start(task, caller, [&found](const agent::Look& look) { found = look; });
+        Begin(task, [&found](const agent::CallerFacts& facts) { found = facts; });
     ASSERT_TRUE(RunToItsEnd(relay));
     EXPECT_EQ(found.executable, "/usr/bin/some");
     EXPECT_FALSE(found.output);
@@ -357,21 +390,21 @@ TEST_F(RelayTest, ALookThatTakesTooLongIsGivenUpWithWhatItFoundSoFar) {
 }
 
 TEST_F(RelayTest, ALookThatDiesIsToldToo) {
-    agent::Look found;
+    agent::CallerFacts found;
     int told = 0;
     agent::RelayTask task;
-    task.output = []() -> agent::Descriptor { _exit(3); };
-    const auto known = [&](const agent::Look& look) {
+    task.output = []() -> agent::Result<OwnedFd> { _exit(3); };
+    const auto known = [&](const agent::CallerFacts& facts) {
         ++told;
-        found = look;
+        found = facts;
     };
-    const std::shared_ptr<Relay> relay = relays->Start(task, caller, known);
+    const std::shared_ptr<Relay> relay = Begin(task, known);
     ASSERT_TRUE(RunToItsEnd(relay));
     EXPECT_EQ(told, 1);
     EXPECT_EQ(found.refusal, "the output descriptor cannot be looked at");
     task.output = nullptr;
     task.executable = []() -> std::string { _exit(3); };
-    const std::shared_ptr<Relay> other = relays->Start(task, caller, known);
+    const std::shared_ptr<Relay> other = Begin(task, known);
     ASSERT_TRUE(RunToItsEnd(other));
     EXPECT_EQ(told, 2);
     EXPECT_EQ(found.refusal, "");  // none was wanted
@@ -381,7 +414,6 @@ TEST_F(RelayTest, OnlySoManyLooksOfOneUserAreOpenAtOnceHoweverYoungTheyAre) {
     agent::RelayLimits limits;
     limits.unsure = 3;
     Restart(agent::ExecutorLimits(), limits);
-    std::string reason;
     agent::RelayTask task;
     task.executable = []() -> std::string {
         for (;;) {
@@ -390,17 +422,19 @@ TEST_F(RelayTest, OnlySoManyLooksOfOneUserAreOpenAtOnceHoweverYoungTheyAre) {
     };
     std::shared_ptr<Relay> last;
     int started = 0;
-    while (started < 10 && relays->HasRoom(caller.uid, reason)) {
-        last = relays->Start(task, caller, [](const agent::Look&) {});
+    while (started < 10 && relays->HasRoom(caller.uid)) {
+        last = Begin(task, [](const agent::CallerFacts&) {});
         ASSERT_TRUE(last);
         ++started;
     }
     EXPECT_EQ(3, started);
-    EXPECT_EQ("too many requests at once", reason);
-    EXPECT_TRUE(relays->HasRoom(caller.uid + 1, reason));
+    const agent::Check room = relays->HasRoom(caller.uid);
+    ASSERT_FALSE(room);
+    EXPECT_EQ("too many requests at once", room.Reason());
+    EXPECT_TRUE(relays->HasRoom(caller.uid + 1));
     last->Kill();
     ASSERT_TRUE(RunToItsEnd(last));
-    EXPECT_TRUE(relays->HasRoom(caller.uid, reason));
+    EXPECT_TRUE(relays->HasRoom(caller.uid));
 }
 
 TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
@@ -408,7 +442,6 @@ TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
     limits.ofOne = 2;
     limits.all = 3;
     Restart(agent::ExecutorLimits(), limits);
-    std::string reason;
     agent::Caller other = caller;
     other.uid = caller.uid + 1;
     agent::RelayTask task;
@@ -417,20 +450,21 @@ TEST_F(RelayTest, OneUserAndAllTogetherHaveOnlySoManyChildren) {
             pause();
         }
     };
-    const auto known = [](const agent::Look&) {};
+    const auto known = [](const agent::CallerFacts&) {};
     for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(relays->HasRoom(caller.uid, reason));
-        ASSERT_TRUE(relays->Start(task, caller, known));
+        EXPECT_TRUE(relays->HasRoom(caller.uid));
+        ASSERT_TRUE(Begin(task, known));
     }
-    EXPECT_FALSE(relays->HasRoom(caller.uid, reason));
-    EXPECT_EQ(reason, "too many requests at once");
-    EXPECT_TRUE(relays->HasRoom(other.uid, reason));
-    const std::shared_ptr<Relay> third = relays->Start(task, other, known);
-    EXPECT_FALSE(relays->HasRoom(other.uid + 1, reason));
+    const agent::Check room = relays->HasRoom(caller.uid);
+    ASSERT_FALSE(room);
+    EXPECT_EQ(room.Reason(), "too many requests at once");
+    EXPECT_TRUE(relays->HasRoom(other.uid));
+    const std::shared_ptr<Relay> third = Begin(task, known, other);
+    EXPECT_FALSE(relays->HasRoom(other.uid + 1));
     if (caller.uid != 0) {
-        EXPECT_TRUE(relays->HasRoom(0, reason)) << "others cannot keep root out";
+        EXPECT_TRUE(relays->HasRoom(0)) << "others cannot keep root out";
     }
     third->Kill();
     ASSERT_TRUE(RunToItsEnd(third));
-    EXPECT_TRUE(relays->HasRoom(other.uid, reason));
+    EXPECT_TRUE(relays->HasRoom(other.uid));
 }

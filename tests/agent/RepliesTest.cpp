@@ -72,9 +72,10 @@ protected:
     }
     void RunUntil(const std::function<bool()>& done) {
         bool late = false;
-        const agent::Timer limit(*dispatcher,
-                                 std::chrono::steady_clock::now() + std::chrono::seconds(20),
-                                 [&late] { late = true; });
+        const auto limit = agent::Timer::Make(
+            *dispatcher, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+            [&late] { late = true; });
+        late = !limit;
         while (!done() && !late) {
             dispatcher->DispatchPending();
             if (!done()) {

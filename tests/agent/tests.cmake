@@ -26,7 +26,7 @@ if(TARGET sentrel-agent)
     add_dependencies(${name} stand_in_tool)
   endforeach()
 
-  foreach(name CallersTest RuleLoaderTest WorkQueueTest)
+  foreach(name CallersTest CopyFilterTest RuleLoaderTest WorkQueueTest)
     sentrel_test(${name} agent/${name}.cpp LIBRARY LABEL agent LIBS sentrel_agent_passage)
   endforeach()
 

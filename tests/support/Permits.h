@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A permit for whatever command a test wants to see run: made by a Decider, as every permit is, from
-// a rule that allows everybody one operation, with the test's plan in the place of the rule's.
+// A permit for whatever command a test wants to see run: made by a Decider, as every permit is,
+// from a rule that allows everybody one operation, with the test's plan in the place of the rule's.
 #ifndef SENTREL_TESTS_PERMITS_H
 #define SENTREL_TESTS_PERMITS_H
 

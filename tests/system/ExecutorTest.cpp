@@ -211,11 +211,8 @@ TEST_F(ExecutorTest, ACredentialsFileThatIsNoneIsRefusedWithItsReason) {
 
 TEST(Credentials, AreReadInTheToolsOwnForm) {
     const auto read = [](const std::string& text) {
-        agent::Credentials found;
-        std::string reason;
-        return agent::ReadCredentials(text, found, reason)
-                   ? found.user + "|" + found.domain + "|" + found.password
-                   : reason;
+        const agent::Result<agent::Credentials> found = agent::ReadCredentials(text);
+        return found ? found->user + "|" + found->domain + "|" + found->password : found.Reason();
     };
     EXPECT_EQ(read("username=me\npassword=p,w=\"1 \ndomain=HOME"), "me|HOME|p,w=\"1 ");
     EXPECT_EQ(read(" \tuser=a$\r\n\tpass= p\r\n dom=H.-_\r\n"), "a$|H.-_| p");

@@ -544,17 +544,19 @@ TEST_F(MountTest, AMountInItsPlaceWithoutAFlagIsTakenBackThoughItsParentWasRenam
     ASSERT_EQ(mount("none", (parent + "/in").c_str(), "tmpfs", MS_NODEV, ""), 0);
     const agent::OwnedFd mounted(open((parent + "/in").c_str(), O_PATH | O_CLOEXEC));
     ASSERT_EQ(rename(parent.c_str(), (directory / "away").c_str()), 0);
-    std::string reason;
-    EXPECT_TRUE(agent::CheckMount(mounted, "/x", {"nodev"}, reason)) << reason;
-    EXPECT_FALSE(agent::CheckMount(mounted, "/x", {"nodev", "nosuid", "ro"}, reason));
-    EXPECT_EQ(reason, "/x: was mounted without nosuid; it is unmounted again");
+    const agent::Check fine = agent::CheckMount(mounted, "/x", {"nodev"});
+    EXPECT_TRUE(fine) << fine.Reason();
+    const agent::Check lacking = agent::CheckMount(mounted, "/x", {"nodev", "nosuid", "ro"});
+    ASSERT_FALSE(lacking);
+    EXPECT_EQ(lacking.Reason(), "/x: was mounted without nosuid; it is unmounted again");
     EXPECT_EQ(MountedOn(directory / "away/in"), "");
     // Who stands in it already has the flags as well.
     struct statvfs flags = {};
     ASSERT_EQ(fstatvfs(mounted.Get(), &flags), 0);
     EXPECT_EQ(flags.f_flag & (ST_NOSUID | ST_RDONLY), static_cast<unsigned>(ST_NOSUID | ST_RDONLY));
-    EXPECT_FALSE(agent::CheckMount(mounted, "/x", {"nodev"}, reason));
-    EXPECT_EQ(reason, "/x: nothing is mounted there now; it is unmounted again");
+    const agent::Check gone = agent::CheckMount(mounted, "/x", {"nodev"});
+    ASSERT_FALSE(gone);
+    EXPECT_EQ(gone.Reason(), "/x: nothing is mounted there now; it is unmounted again");
 }
 
 TEST_F(MountTest, AMountThatCannotBeLookedAtIsTakenBack) {
@@ -563,11 +565,14 @@ TEST_F(MountTest, AMountThatCannotBeLookedAtIsTakenBack) {
         const agent::OwnedFd mounted(open(target.c_str(), O_PATH | O_CLOEXEC));
         // No number is left for the table of mounts.
         const rlimit none = {0, 0};
-        std::string reason;
-        const bool known = setrlimit(RLIMIT_NOFILE, &none) != 0 ||
-                           agent::CheckMount(mounted, "/x", {"nosuid"}, reason);
-        return !known && reason == "/x: the mount cannot be looked at; it is unmounted again" ? 0
-                                                                                              : 1;
+        if (setrlimit(RLIMIT_NOFILE, &none) != 0) {
+            return 1;
+        }
+        const agent::Check known = agent::CheckMount(mounted, "/x", {"nosuid"});
+        return !known &&
+                       known.Reason() == "/x: the mount cannot be looked at; it is unmounted again"
+                   ? 0
+                   : 1;
     });
     EXPECT_EQ(test::Reap(child, test::kLimit), 0);
     EXPECT_EQ(MountedOn(target), "");
@@ -622,11 +627,10 @@ TEST_F(MountTest, AMountPointSwappedForALinkAfterThePinningIsLeftAlone) {
     ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
     ASSERT_EQ(mount("none", elsewhere.c_str(), "tmpfs", 0, ""), 0);
     ASSERT_EQ(mount("none", target.c_str(), "tmpfs", 0, ""), 0);
-    agent::PinnedPath pinned;
-    std::string reason;
-    ASSERT_TRUE(agent::PinPath(MakePin(1, Pin::kMountPoint, target), pinned, reason)) << reason;
+    const auto pinned = agent::PinPath(MakePin(1, Pin::kMountPoint, target));
+    ASSERT_TRUE(pinned) << pinned.Reason();
     ExpectFine(Run(ToolPlan({"swap-then-umount", target, moved, elsewhere, moved + "/none"})), 32);
-    EXPECT_EQ(agent::Unmount(pinned, {"umount"}), 32);
+    EXPECT_EQ(agent::Unmount(*pinned, {"umount"}), 32);
     EXPECT_EQ(chdir("/"), 0);
     EXPECT_NE(MountedOn(elsewhere), "");
     EXPECT_NE(MountedOn(moved), "");

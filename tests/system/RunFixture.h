@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sentrel/SR_MainLoop.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@
 #include "ChildProcess.h"
 #include "Permits.h"
 #include "Skip.h"
+#include "base/Process.h"
 #include "run/Executor.h"
 
 const uid_t kNobody = 65534;
@@ -96,7 +98,18 @@ struct TestPipe {
     agent::OwnedFd writer;
 };
 
-// Relays to a descriptor that is at hand: the look is over when Start() returns.
+// A task that takes a descriptor of this process, as it would take a caller's.
+inline agent::RelayTask TaskToTake(int number) {
+    (void)prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);  // where one must let others look
+    agent::RelayTask task;
+    task.output = [number, tester = getpid()]() -> agent::Result<agent::OwnedFd> {
+        const agent::OwnedFd process(agent::OpenProcess(tester));
+        return agent::OwnedFd(agent::CopyDescriptor(process.Get(), number));
+    };
+    return task;
+}
+
+// Relays to a descriptor of this process: the look is over when Start() returns.
 class ReadyRelays : public agent::Relays {
 public:
     ReadyRelays(sentrel::SR_MainLoop& mainLoop, const agent::RelayLimits& relayLimits)
@@ -104,19 +117,14 @@ public:
 
     using Relays::Start;
     std::shared_ptr<agent::Relay> Start(agent::OwnedFd&& destination, const agent::Caller& caller) {
-        agent::RelayTask task;
-        task.output = [] {
-            agent::Descriptor given;
-            given.fd.Reset(STDOUT_FILENO);
-            return given;
-        };
+        const agent::OwnedFd given(std::move(destination));
         bool over = false;
         std::shared_ptr<agent::Relay> relay;
-        const auto known = [&over, &relay](const agent::Look& look) {
+        const auto known = [&over, &relay](const agent::CallerFacts& facts) {
             over = true;
-            relay = look.output;
+            relay = facts.output;
         };
-        const bool started = Start(task, caller, known, std::move(destination)) != nullptr;
+        const bool started(Start(TaskToTake(given.Get()), caller, known));
         while (started && !over) {
             mine.Dispatch();  // within the limit for looks
         }
@@ -156,8 +164,10 @@ protected:
     template <typename Condition>
     bool RunUntil(Condition condition) {
         bool late = false;
-        const agent::Timer limit(loop, std::chrono::steady_clock::now() + std::chrono::seconds(20),
-                                 [&late] { late = true; });
+        const auto limit =
+            agent::Timer::Make(loop, std::chrono::steady_clock::now() + std::chrono::seconds(20),
+                               [&late] { late = true; });
+        late = !limit;
         while (!condition() && !late) {
             loop.Dispatch();
         }
