@@ -20,6 +20,7 @@
 #include "Secret.h"
 #include "ToolChild.h"
 #include "base/Descriptors.h"
+#include "base/Outcome.h"
 #include "base/Process.h"
 #include "base/Tools.h"
 
@@ -51,20 +52,11 @@ bool WaitReadable(int fd, int stop, std::chrono::steady_clock::time_point until)
     }
 }
 
-// How the operation ended, in the making.
-struct Ending {
-    int status = SR_OK;
-    int value = 0;
-    int exit = -1;
-    int signal = 0;
-    std::string reason;  // why the status is not SR_OK
-};
-
-Ending Failed(const Refusal& refusal) {
-    Ending ending;
-    ending.status = refusal.status;
-    ending.reason = refusal.reason;
-    return ending;
+Outcome Failed(const Refusal& refusal) {
+    Outcome outcome;
+    outcome.status = refusal.status;
+    outcome.reason = refusal.reason;
+    return outcome;
 }
 
 class RequestChild {
@@ -179,7 +171,7 @@ private:
 
     // The deadline is kept here and not in the agent, so that it holds while the agent's loop is
     // busy, and each tool has somebody of its own who waits for it.
-    Ending AwaitTool() {
+    Outcome AwaitTool() {
         const bool late = !WaitReadable(tool.GetDescriptor(), termination.Get(), setup.deadline);
         const bool ending = late && std::chrono::steady_clock::now() < setup.deadline;
         if (late) {
@@ -197,7 +189,7 @@ private:
         }
         (void)tool.Reap();
         Tell(ChildReport::kToolEnded);
-        Ending result;
+        Outcome result;
         const bool exited = end.si_code == CLD_EXITED;
         (exited ? result.exit : result.signal) = end.si_status;
         result.value = exited ? end.si_status : 128 + end.si_status;
@@ -217,7 +209,7 @@ private:
     }
 
     // What the tool's process has made, on the pinned mount point.
-    void ShowMount(Ending& result) const {
+    void ShowMount(Outcome& result) const {
         const PinnedPath& target = *job.Find(Pin::kDirectory);
         const Result<OwnedFd> mount = Take(taker);
         if (!mount) {
@@ -243,21 +235,21 @@ private:
         (void)!write(kReport, &report, sizeof report);
     }
 
-    // The answer first: whoever reads the output is the caller's, and may keep this one waiting.
-    [[noreturn]] static void Finish(const Ending& ending) {
+    // The report first: an answer must not wait for the line that goes to the output.
+    [[noreturn]] static void Finish(const Outcome& outcome) {
         ChildReport report;
         report.stage = ChildReport::kFinished;
-        report.status = ending.status;
-        report.exit = ending.exit;
-        report.signal = ending.signal;
-        if (ending.status == SR_OK) {
-            report.value = ending.value;
+        report.status = outcome.status;
+        report.exit = outcome.exit;
+        report.signal = outcome.signal;
+        if (outcome.status == SR_OK) {
+            report.value = outcome.value;
         } else {
-            (void)snprintf(report.reason, sizeof report.reason, "%s", ending.reason.c_str());
+            (void)snprintf(report.reason, sizeof report.reason, "%s", outcome.reason.c_str());
         }
         (void)!write(kReport, &report, sizeof report);
-        if (ending.status != SR_OK) {
-            const std::string line = ending.reason + "\n";
+        if (outcome.status != SR_OK) {
+            const std::string line = outcome.reason + "\n";
             (void)!write(STDOUT_FILENO, line.data(), line.size());
         }
         _exit(0);
