@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// See Text.h.
+// Byte by byte, without a locale: what a caller sent may be no text at all.
 #include "Text.h"
 
 #include <cstddef>

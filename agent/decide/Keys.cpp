@@ -154,17 +154,32 @@ Key Heads(const char* name, const Member& member) {
     return key;
 }
 
-// Patterns for one text of the request; a rule that permits must have them.
-template <Patterns Rule::*patterns, std::string Request::*text>
-Key Text(const char* name, Operations has, const char* what,
-         std::string (*flaw)(const Pattern&, Operation)) {
-    Key key = Shapes(name, has, patterns);
-    key.needed = has;
+// A key that decides, in a rule that denies too.
+Key Decides(const char* name, Operations has, const Member& member, const char* what, Miss miss,
+            Coverage covers) {
+    Key key = Shapes(name, has, member);
     key.inDeny = true;
     key.what = what;
+    key.miss = miss;
+    key.covers = covers;
+    return key;
+}
+
+// A key by which a rule that permits names what it permits besides: without it, nothing.
+Key Permits(const char* name, Operations has, const Member& member, const char* what, Miss miss,
+            Coverage covers) {
+    Key key = Decides(name, has, member, what, miss, covers);
+    key.inDeny = false;
+    return key;
+}
+
+// Patterns for one text of the request; a rule that permits must have them.
+template <Patterns Rule::*patterns, std::string Request::*text>
+Key Text(const char* name, Operations has, const char* what, Flaw flaw) {
+    Key key =
+        Decides(name, has, patterns, what, MissText<patterns, text>, CoversPatterns<patterns>);
+    key.needed = has;
     key.weighs = true;
-    key.miss = MissText<patterns, text>;
-    key.covers = CoversPatterns<patterns>;
     key.flaw = flaw;
     return key;
 }
@@ -180,42 +195,21 @@ Key Word(const char* name, Operations has, const char* what,
 
 template <Numbers Rule::*numbers, unsigned Request::*number>
 Key Number(const char* name, Operations has, const char* what, unsigned most) {
-    Key key = Shapes(name, has, BoundedNumbers{numbers, most});
-    key.inDeny = true;
-    key.what = what;
-    key.miss = MissNumber<numbers, number>;
-    key.covers = CoversNumbers<numbers>;
-    return key;
-}
-
-// What a rule that permits may name besides; what it does not name it does not permit.
-Key Permits(Key key, const char* what,
-            std::string (*miss)(const Key& key, const Rule& rule, const Asked& asked),
-            bool (*covers)(const Rule& outer, const Rule& inner)) {
-    key.what = what;
-    key.miss = miss;
-    key.covers = covers;
-    return key;
+    return Decides(name, has, BoundedNumbers{numbers, most}, what, MissNumber<numbers, number>,
+                   CoversNumbers<numbers>);
 }
 
 Key User() {
-    Key key = Shapes("user", Operations::All(), &Rule::users);
+    Key key = Decides("user", Operations::All(), &Rule::users, "the caller", MissUser, CoversUsers);
     key.needed = key.has;
-    key.inDeny = true;
-    key.what = "the caller";
     key.weighs = true;
-    key.miss = MissUser;
-    key.covers = CoversUsers;
     return key;
 }
 
 Key Executable() {
-    Key key = Shapes("exe", Operations::All(), &Rule::exe);
-    key.inDeny = true;
-    key.what = "the executable";
+    Key key = Decides("exe", Operations::All(), &Rule::exe, "the executable", MissExecutable,
+                      CoversPatterns<&Rule::exe>);
     key.weighs = true;
-    key.miss = MissExecutable;
-    key.covers = CoversPatterns<&Rule::exe>;
     key.flaw = FlawInPath;
     return key;
 }
@@ -226,6 +220,7 @@ Key Type(Operations has) {
     return key;
 }
 
+// A module's file has its name, so who may load the file need not name it.
 Key Module(Operations has, Operations needed) {
     Key key = Text<&Rule::module, &Request::module>("module", has, "the module", FlawInModule);
     key.needed = needed;
@@ -233,19 +228,15 @@ Key Module(Operations has, Operations needed) {
 }
 
 Key Unit(Operations has) {
-    Key key = Shapes("unit", has, &Rule::units);
+    Key key = Decides("unit", has, &Rule::units, "a unit", MissUnit, CoversPatterns<&Rule::units>);
     key.needed = has;
-    key.inDeny = true;
-    key.what = "a unit";
-    key.miss = MissUnit;
-    key.covers = CoversPatterns<&Rule::units>;
     key.flaw = FlawInUnit;
     return key;
 }
 
 Key Options(Operations has) {
-    Key key = Permits(Shapes("options", has, OptionLists{&Rule::options, &Rule::always}),
-                      "the option ", MissOption, CoversAllowed<&Rule::options>);
+    Key key = Permits("options", has, OptionLists{&Rule::options, &Rule::always}, "the option ",
+                      MissOption, CoversAllowed<&Rule::options>);
     key.flaw = FlawInOption;
     return key;
 }
@@ -274,11 +265,11 @@ std::vector<Key> AllKeys() {
                                                      kMostMajor),
         Number<&Rule::minors, &Request::minorNumber>("minor", mknod, "the minor number",
                                                      kMostMinor),
-        Permits(Shapes("mode", mknod, &Rule::modes), "the mode", MissMode, CoversModes),
+        Permits("mode", mknod, &Rule::modes, "the mode", MissMode, CoversModes),
         Shapes("owner", mknod, UserName{&Rule::owner}),
         Shapes("group", mknod, GroupName{&Rule::group}),
         Module(insmod | rmmod, rmmod),
-        Permits(Shapes("parameters", insmod, &Rule::parameters), "the parameter ", MissParameter,
+        Permits("parameters", insmod, &Rule::parameters, "the parameter ", MissParameter,
                 CoversAllowed<&Rule::parameters>),
         Word<&Rule::verb, &Request::verb>("verb", systemctl, "the verb", CheckVerb),
         Unit(systemctl),

@@ -51,6 +51,11 @@ typedef std::variant<ReadBefore, std::string Rule::*, bool Rule::*, Users Rule::
                      std::chrono::milliseconds Rule::*>
     Member;
 
+struct Key;
+typedef std::string (*Miss)(const Key& key, const Rule& rule, const Asked& asked);
+typedef bool (*Coverage)(const Rule& outer, const Rule& inner);
+typedef std::string (*Flaw)(const Pattern& pattern, Operation operation);
+
 struct Key {
     const char* name = "";
     Operations has = {};        // those whose rules can have it
@@ -61,15 +66,15 @@ struct Key {
 
     // What of the request does not fit the rule; empty when all does. Null: the key decides
     // nothing, it shapes the command.
-    std::string (*miss)(const Key& key, const Rule& rule, const Asked& asked) = nullptr;
+    Miss miss = nullptr;
     const char* what = "";  // for `miss`
     bool weighs = false;    // of the rules that do not match, the nearest fits in most of these
 
     // Everything that fits `inner` in this key fits `outer` too. Null: as above.
-    bool (*covers)(const Rule& outer, const Rule& inner) = nullptr;
+    Coverage covers = nullptr;
 
     // Why no request can match the pattern; empty when one might. Null: nothing is known.
-    std::string (*flaw)(const Pattern& pattern, Operation operation) = nullptr;
+    Flaw flaw = nullptr;
 };
 
 // In the order in which they are read and asked.

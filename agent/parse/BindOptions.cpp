@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// One row for each option, with the flags of mount_setattr(2) that it sets and clears.
 #include "BindOptions.h"
 
 #include <linux/mount.h>

@@ -28,23 +28,15 @@ Check StoreKind(Request& request, const std::string& value) {
 }
 
 // `parameters` keeps the two numbers' presence until FinishNode has looked.
-Check StoreMajor(Request& request, const std::string& value) {
-    const std::optional<unsigned> number = ReadNumber(value, kMostMajor);
-    if (!number) {
-        return Refusal{"the major number is malformed or above 4095"};
+template <unsigned Request::*number, unsigned most>
+Check StoreNumber(Request& request, const std::string& value) {
+    const std::optional<unsigned> read = ReadNumber(value, most);
+    if (!read) {
+        const std::string which = most == kMostMajor ? "major" : "minor";
+        return Refusal{"the " + which + " number is malformed or above " + std::to_string(most)};
     }
     request.parameters.push_back(value);
-    request.majorNumber = *number;
-    return Fine();
-}
-
-Check StoreMinor(Request& request, const std::string& value) {
-    const std::optional<unsigned> number = ReadNumber(value, kMostMinor);
-    if (!number) {
-        return Refusal{"the minor number is malformed or above 1048575"};
-    }
-    request.parameters.push_back(value);
-    request.minorNumber = *number;
+    request.*number = *read;
     return Fine();
 }
 
@@ -80,8 +72,8 @@ Grammars NodeGrammars() {
              {{'m', "mode", true, nullptr, StoreMode}},
              {{"a path", 1, 1, StorePath},
               {"a kind", 1, 1, StoreKind},
-              {"a major number", 0, 1, StoreMajor},
-              {"a minor number", 0, 1, StoreMinor}},
+              {"a major number", 0, 1, StoreNumber<&Request::majorNumber, kMostMajor>},
+              {"a minor number", 0, 1, StoreNumber<&Request::minorNumber, kMostMinor>}},
              FinishNode,
              AddNothing}};
 }

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// A load is one process, which writes what it read into a pipe and ends. It is given up when its
+// time has passed; one that does not die even then is kept until it is reaped, and when too many
+// are, no other is started. Who asks while one is under way is told by the next.
 #include "RuleLoader.h"
 
 #include <signal.h>
@@ -56,7 +59,7 @@ public:
     Process& operator=(const Process&) = delete;
     bool HasEnded() const { return !child; }
     bool SetLimit() {
-        Result<std::unique_ptr<Timer>> made = Timer::Make(
+        Result<std::unique_ptr<Timer> > made = Timer::Make(
             loader.loop, std::chrono::steady_clock::now() + loader.limit, [this] { TooLong(); });
         if (made) {
             timer = std::move(*made);
@@ -110,13 +113,13 @@ private:
     std::unique_ptr<Timer> timer;
 };
 
-RuleLoader::RuleLoader(sentrel::SR_MainLoop& mainLoop, RuleStore& ruleStore,
-                       std::chrono::milliseconds longest)
-    : RuleLoader(mainLoop, ruleStore, longest, [&ruleStore] { return ruleStore.Read(); }) {}
+RuleLoader::RuleLoader(sentrel::SR_MainLoop& loop_, RuleStore& store_,
+                       std::chrono::milliseconds limit_)
+    : RuleLoader(loop_, store_, limit_, [&store_] { return store_.Read(); }) {}
 
-RuleLoader::RuleLoader(sentrel::SR_MainLoop& mainLoop, RuleStore& ruleStore,
-                       std::chrono::milliseconds longest, const Reader& sourceReader)
-    : loop(mainLoop), store(ruleStore), limit(longest), reader(sourceReader) {}
+RuleLoader::RuleLoader(sentrel::SR_MainLoop& loop_, RuleStore& store_,
+                       std::chrono::milliseconds limit_, const Reader& reader_)
+    : loop(loop_), store(store_), limit(limit_), reader(reader_) {}
 
 RuleLoader::~RuleLoader() {}
 

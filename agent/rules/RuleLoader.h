@@ -25,10 +25,10 @@ public:
     // Runs in the process; its result is what the rules are read from.
     typedef std::function<RuleSource()> Reader;
 
-    RuleLoader(sentrel::SR_MainLoop& mainLoop, RuleStore& ruleStore,
-               std::chrono::milliseconds longest);
-    RuleLoader(sentrel::SR_MainLoop& mainLoop, RuleStore& ruleStore,
-               std::chrono::milliseconds longest, const Reader& sourceReader);
+    // A load that takes longer than `limit_` is given up.
+    RuleLoader(sentrel::SR_MainLoop& loop_, RuleStore& store_, std::chrono::milliseconds limit_);
+    RuleLoader(sentrel::SR_MainLoop& loop_, RuleStore& store_, std::chrono::milliseconds limit_,
+               const Reader& reader_);
     RuleLoader(const RuleLoader&) = delete;
     RuleLoader& operator=(const RuleLoader&) = delete;
     ~RuleLoader();

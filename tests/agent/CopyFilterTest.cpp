@@ -25,9 +25,9 @@ int EndOf(const std::function<int()>& behind) {
         if (!filter || !filter->Load()) {
             return 98;
         }
-        const int code = behind();
-        // Nothing that a return from here would do is allowed, nor what a sanitizer does at _exit.
-        (void)syscall(SYS_exit_group, code);
+        // Nothing that a return from here would do is allowed, nor what a sanitizer does at
+        // _exit().
+        (void)syscall(SYS_exit_group, behind());
         return 97;
     });
     const int status = test::Reap(child, test::kLimit);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// See RuleTexts.h.
+// The accounts and callers are made up here; the rules are texts, so that they pass the reader too.
 #include "RuleTexts.h"
 
 #include <iostream>
