@@ -34,7 +34,7 @@ std::string Line(const agent::Request& request) {
         line += " minor=" + std::to_string(request.minorNumber);
     }
     if (request.mode != -1) {
-        char mode[16];
+        char mode[24];
         (void)std::snprintf(mode, sizeof mode, " mode=%04o", static_cast<unsigned>(request.mode));
         line += mode;
     }

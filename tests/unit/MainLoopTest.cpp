@@ -661,6 +661,30 @@ TEST_F(MainLoopTest, AWatchThatMovesInANestedIterationTakesItsResultInTheOuterOn
     EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
 }
 
+TEST_F(MainLoopTest, AWatchThatMovesAndThrowsInANestedIterationTakesItsResultInTheOuterOne) {
+    bool nested = false;
+    Watch* mover = nullptr;
+    mover = AddWatch(3, [&] {
+        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
+        if (nested) {
+            mover->MoveTo(5);
+            throw std::string("out");
+        }
+    });
+    Watch* nesting = nullptr;
+    nesting = AddWatch(4, [&] {
+        nested = true;
+        nesting->Enable(false);
+        test::onPoll = [](pollfd* slots, nfds_t count, int) {
+            return test::Results(slots, count, {POLLIN, 0});
+        };
+        EXPECT_THROW(loop->Dispatch(), std::string);
+        nested = false;
+    });
+    AddWatch(5, "last");
+    EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
+}
+
 // ---- nesting, threads, the end
 
 TEST_F(MainLoopTest, AHandlerMayRunAnIterationOfItsOwn) {

@@ -21,8 +21,9 @@
  *  6. Each call opens a private connection to the system bus and closes it. Nothing is kept between
  *     calls, and there is nothing to initialise. The bus's address may be set in the environment
  *     variable DBUS_SYSTEM_BUS_ADDRESS, which libdbus reads once in a process.
- *  7. Any thread may call at any time. A forked child may call if no other thread was in a call
- *     when it was forked. Do not cancel a thread during a call. The library starts no thread.
+ *  7. Any thread may call at any time. A forked child may call if no other thread was in a call,
+ *     nor making a C++ stream or locale, when it was forked. Do not cancel a thread during a call.
+ *     The library starts no thread.
  *  8. In C++, a failed allocation can leave a call as std::bad_alloc, before or after the operation
  *     was carried out, and a `length` beyond what a string can hold as std::length_error; in C
  *     either ends the process, as a failed allocation while the connection is closed does in both.

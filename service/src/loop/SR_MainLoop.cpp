@@ -327,18 +327,35 @@ SR_WatchEvent* SR_MainLoop::FirstEnabled(Walk<SR_WatchEvent>& walk, int descript
     });
 }
 
+// Tells every walk when a handler has moved its watch to another descriptor, however it ends.
+class SR_MainLoop::MoveTeller {
+public:
+    // `firing` is the one that the walk gave last.
+    MoveTeller(const Walk<SR_WatchEvent>& ongoing, const SR_WatchEvent& firing)
+        : walk(ongoing), watch(firing), descriptor(firing.descriptor) {}
+    ~MoveTeller() {
+        if (!walk.CurrentLeft() && watch.descriptor != descriptor) {
+            walk.TellChanged();
+        }
+    }
+    MoveTeller(const MoveTeller&) = delete;
+    MoveTeller& operator=(const MoveTeller&) = delete;
+
+private:
+    const Walk<SR_WatchEvent>& walk;
+    const SR_WatchEvent& watch;
+    const int descriptor;
+};
+
 // `watch` is the one that the walk gave last, or null.
 void SR_MainLoop::Fire(const Walk<SR_WatchEvent>& walk, SR_WatchEvent* watch, int result) {
     if (watch == nullptr) {
         return;
     }
     const auto callback = watch->callback;  // lives on if the handler destroys the watch
-    const int descriptor = watch->descriptor;
     watch->state = result;
+    const MoveTeller teller(walk, *watch);
     callback->call(*watch);
-    if (!walk.CurrentLeft() && watch->descriptor != descriptor) {
-        walk.TellChanged();
-    }
 }
 
 void SR_MainLoop::FireTimeouts(double now) {

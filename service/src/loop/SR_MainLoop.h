@@ -75,6 +75,7 @@ private:
     template <typename Event>
     class SR_HIDDEN Walk;
     class SR_HIDDEN DescriptorFilter;
+    class SR_HIDDEN MoveTeller;
     // A watch that takes part in an iteration; it may be gone by the time it is looked at again.
     struct Entry {
         SR_WatchEvent* watch;
