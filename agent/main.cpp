@@ -41,7 +41,8 @@ bool Open(Service& service, const std::string& what) {
     return static_cast<bool>(taken);
 }
 
-int ServeRules(const Options& options, Loop& loop) {
+int ServeRules(const Options& options) {
+    Loop loop;
     RuleStore store(options.rules, geteuid(), options.toolPath);
     if (!LoadRules(loop.Dispatcher(), store)) {
         return 1;
@@ -71,14 +72,8 @@ int ServeRules(const Options& options, Loop& loop) {
     return loop.Run(tasks) ? 0 : 1;
 }
 
-int ServeMock(const Options& options, Loop& loop) {
-    const MockTable table = ReadMockTable(options.mock);
-    for (const std::string& error : table.errors) {
-        Complain(error);
-    }
-    if (!table.errors.empty()) {
-        return 1;
-    }
+int ServeMock(const Options& options, const MockTable& table) {
+    Loop loop;
     sentrel::SR_DBusConnection connection =
         sentrel::SR_DBusConnection::SystemBus(loop.Dispatcher());
     Service service(loop.Dispatcher(), connection, options.limits.perMinute);
@@ -98,10 +93,18 @@ int ServeMock(const Options& options, Loop& loop) {
     return loop.Run(tasks) ? 0 : 1;
 }
 
+// What is wrong with the table is said before there is a loop: then each line waits for its reader.
+int ReadAndServeMock(const Options& options) {
+    const MockTable table = ReadMockTable(options.mock);
+    for (const std::string& error : table.errors) {
+        Complain(error);
+    }
+    return table.errors.empty() ? ServeMock(options, table) : 1;
+}
+
 int Serve(const Options& options) {
     try {
-        Loop loop;
-        return options.mock.empty() ? ServeRules(options, loop) : ServeMock(options, loop);
+        return options.mock.empty() ? ServeRules(options) : ReadAndServeMock(options);
     } catch (const sentrel::SR_DBusException& exception) {
         Complain(std::string("the bus: ") + exception.what());
     } catch (const std::exception& exception) {

@@ -34,6 +34,7 @@ public:
         if (!KeepGroups() || setgroups(groups.size(), groups.data()) != 0) {
             return;
         }
+        groupsChanged = true;
         DropPtrace(uid);
         // The user last: from then on the kernel gives no file's right that is not the caller's.
         oldGroup = static_cast<gid_t>(setfsgid(gid));
@@ -58,7 +59,7 @@ public:
         if ((changed && (static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) != oldUser ||
                          static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))) != oldGroup)) ||
             (dropped && syscall(SYS_capset, &header, kept) != 0) ||
-            (groupsKept && setgroups(oldGroups.size(), oldGroups.data()) != 0)) {
+            (groupsChanged && setgroups(oldGroups.size(), oldGroups.data()) != 0)) {
             abort();
         }
         DieAgain();
@@ -70,8 +71,7 @@ private:
     bool KeepGroups() {
         const int count = getgroups(0, nullptr);
         oldGroups.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        groupsKept = count >= 0 && getgroups(count, oldGroups.data()) == count;
-        return groupsKept;
+        return count >= 0 && getgroups(count, oldGroups.data()) == count;
     }
 
     // With CAP_SYS_PTRACE the kernel would let us look into anything. For a root caller it stays:
@@ -101,7 +101,7 @@ private:
     bool ready = false;
     bool changed = false;
     bool dropped = false;
-    bool groupsKept = false;
+    bool groupsChanged = false;
     pid_t parent;
     int deathSignal = 0;
     uid_t oldUser = 0;

@@ -222,8 +222,10 @@ void RuleReader::ReadRange(const toml::node& node, unsigned most, Numbers& numbe
             first = 0;
             last = most;
         } else if (ends.size() == 2 && ends[0].size() < 9 && ends[1].size() < 9) {
-            first = ToNumber<unsigned long>(ends[0]).value_or(first);
-            last = ToNumber<unsigned long>(ends[1]).value_or(last);
+            const std::optional<unsigned long> from = ToNumber<unsigned long>(ends[0]);
+            const std::optional<unsigned long> to = ToNumber<unsigned long>(ends[1]);
+            first = from && to ? *from : first;
+            last = from && to ? *to : last;
         }
     }
     if (first > last || last > most) {

@@ -249,7 +249,21 @@ void Requests::Looked(std::uint64_t id, const CallerFacts& facts) {
         }
     }
     for (const std::shared_ptr<Job>& job : ready) {
-        Decide(job);
+        try {
+            Decide(job);
+        } catch (const std::exception&) {
+            Drop(*job);  // out of memory
+        }
+    }
+}
+
+// Lets go of a job that cannot be brought further: its answer, "it failed", goes with it.
+void Requests::Drop(const Job& job) {
+    if (job.relay) {
+        job.relay->Kill();
+    }
+    if (job.state == State::kLooked) {
+        (void)jobs.erase(job.id);
     }
 }
 

@@ -72,6 +72,7 @@ private:
     void TurnAway(const Arrival& arrival);
     void Looked(std::uint64_t id, const CallerFacts& facts);
     void Decide(const std::shared_ptr<Job>& job);
+    void Drop(const Job& job);
     void Admit(const std::shared_ptr<Job>& job);
     void WaitedTooLong(std::uint64_t id);
     void Refuse(const std::shared_ptr<Job>& job, const Refusal& refusal);

@@ -200,9 +200,13 @@ Check Relays::HasRoom(uid_t uid) const {
 
 Result<std::shared_ptr<Relay> > Relays::Start(const RelayTask& task, const Caller& caller,
                                               const Relay::Known& known) {
-    // There is no relay without a filter, on whatever machine.
+    // There is no relay without a filter, on whatever machine. One that could not be made may be
+    // had now.
     if (!filter) {
-        return filter.GetRefusal();
+        filter = CopyFilter::Make();
+    }
+    if (!filter) {
+        return Refusal{filter.Reason(), SR_FORK_FAILED};
     }
     const Refusal refusal{"the process for it cannot be started", SR_FORK_FAILED};
     Result<Pipe> output = OpenPipe();

@@ -235,8 +235,9 @@ TEST(Rules, ADeadlineStaysBelowTheCallersPatience) {
 TEST(Rules, NumbersAndModesAreInBounds) {
     const std::string start = "user = 0\npath = \"/x\"\nkind = \"c\"\n";
     EXPECT_EQ(ErrorsFor("sr_mknod", start + "major = 4095\nminor = 1048575\n"), Words{});
-    for (const char* bad : {"4096", "-1", "\"3-2\"", "\"a\"", "\"1-\"", "\"1-2-3\"", "\"0-4096\"",
-                            "true", "\"1\"", "\"999999999-9999999999\""}) {
+    for (const char* bad : {"4096", "-1", "\"3-2\"", "\"a\"", "\"1-\"", "\"0-\"", "\"0-255x\"",
+                            "\"0-0x1f\"", "\"0-255 \"", "\"-0\"", "\"x-0\"", "\"-\"", "\"1-2-3\"",
+                            "\"0-4096\"", "true", "\"1\"", "\"999999999-9999999999\""}) {
         EXPECT_EQ(ErrorsFor("sr_mknod", start + "minor = 0\nmajor = " + bad + "\n").at(0),
                   "f:9: a number up to 4095, a range \"FIRST-LAST\" or \"*\" is expected here")
             << bad;
