@@ -3,18 +3,22 @@
 #include "relay/Descriptor.h"
 
 #include <grp.h>
+#include <linux/capability.h>
 #include <signal.h>
 #include <sys/fsuid.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <functional>
 
+#include "ChildProcess.h"
 #include "MountNamespace.h"
 #include "RunFixture.h"
 #include "StreamListener.h"
+#include "base/AsCaller.h"
 #include "base/Process.h"
 
 using agent::Caller;
@@ -213,6 +217,30 @@ TEST_F(DescriptorTest, AStreamToTheJournalIsRefused) {
 // Its owner could connect it to anything as soon as it has been looked at.
 TEST_F(DescriptorTest, ASocketThatIsNotConnectedIsRefused) {
     ExpectRefused([] { return socket(AF_UNIX, SOCK_STREAM, 0); }, "not connected");
+}
+
+// As in a container, or under a unit that leaves it fewer capabilities.
+TEST_F(DescriptorTest, WithoutTheRightToChangeGroupsNothingIsOpenedAsTheCallerAndNothingEnds) {
+    NEEDS_ROOT();
+    const pid_t child = test::Fork([] {
+        __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct rights[2] = {};
+        if (syscall(SYS_capget, &header, rights) != 0) {
+            return 1;
+        }
+        rights[0].effective &= ~(1U << CAP_SETGID);
+        rights[0].permitted &= ~(1U << CAP_SETGID);
+        if (syscall(SYS_capset, &header, rights) != 0) {
+            return 2;
+        }
+        bool called = false;
+        const OwnedFd opened = agent::OpenAsCaller(1500, 1500, {1500}, [&called] {
+            called = true;
+            return OwnedFd();
+        });
+        return opened || called || setfsuid(static_cast<uid_t>(-1)) != 0 ? 3 : 0;
+    });
+    EXPECT_EQ(test::Reap(child, test::kLimit), 0);
 }
 
 TEST_F(DescriptorTest, ADescriptorThatMayOnlyReadRootsFileIsNeverWrittenThrough) {

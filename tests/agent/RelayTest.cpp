@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The relay's process: its rights, and that it holds up nobody.
-#include "decide/Accounts.h"
 #include "relay/Relay.h"
 
 #include <errno.h>
@@ -8,11 +7,13 @@
 #include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include "RunFixture.h"
 #include "base/Process.h"
+#include "decide/Accounts.h"
 
 using agent::OwnedFd;
 using agent::Relay;
@@ -110,6 +111,25 @@ TEST_F(RelayTest, ARootCallersRelayHasNoCapabilitiesEither) {
     ASSERT_TRUE(WriteAll(relay->GetInput(), "ready\n"));
     ASSERT_EQ(ReadLines(pipe.reader.Get(), 1), "ready\n");
     EXPECT_EQ(StatusLine(relay->GetPid(), "CapPrm"), "0000000000000000");
+}
+
+TEST_F(RelayTest, AFilterThatCouldNotBeMadeAtTheStartIsMadeWhenItIsNeeded) {
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    {
+        const OwnedFd next(dup(STDIN_FILENO));
+        const rlimit none = {static_cast<rlim_t>(next.Get()), before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    Restart(agent::ExecutorLimits(), agent::RelayLimits());
+    TestPipe pipe;
+    EXPECT_FALSE(pipe.writer);  // there was no descriptor left for the filter either
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    TestPipe output;
+    const std::shared_ptr<Relay> relay = relays->Start(std::move(output.writer), caller);
+    ASSERT_NE(relay, nullptr);
+    ASSERT_TRUE(WriteAll(relay->GetInput(), "ready\n"));
+    EXPECT_EQ(ReadLines(output.reader.Get(), 1), "ready\n");
 }
 
 TEST_F(RelayTest, AFullPipeThatNobodyReadsHoldsUpNoWriter) {
