@@ -74,7 +74,8 @@ Check ReadOperands(int argc, char** argv, Options& options) {
         }
         options.rules.push_back(argv[i]);
     }
-    if (options.rules.empty()) {
+    options.rulesNamed = !options.rules.empty();
+    if (!options.rulesNamed) {
         options.rules = {"/usr/lib/sentrel/rules.d", "/etc/sentrel/rules.d",
                          "/run/sentrel/rules.d"};
     }

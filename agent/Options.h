@@ -13,6 +13,7 @@ namespace agent {
 
 struct Options {
     std::vector<std::string> rules;  // directories
+    bool rulesNamed = false;         // by whoever started the program
     std::string toolPath = "/usr/sbin:/usr/bin:/sbin:/bin";
     QuotaLimits limits;
     std::string mock;  // a table's file; empty: none

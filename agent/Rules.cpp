@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "answer/Log.h"
 
@@ -32,11 +35,26 @@ uid_t OwnerToCheck(const Options& options) {
     return isRoots ? 0 : geteuid();
 }
 
+// The directories of the standard list need not be there; one that was named should be.
+std::vector<std::string> WhatIsNotThere(const Options& options) {
+    std::vector<std::string> errors;
+    for (const std::string& directory : options.rules) {
+        struct stat found = {};
+        if (options.rulesNamed && stat(directory.c_str(), &found) != 0) {
+            errors.push_back(directory + ": cannot be read: " + std::strerror(errno));
+        }
+    }
+    return errors;
+}
+
 }  // namespace
 
 int CheckRules(const Options& options) {
     RuleStore store(options.rules, OwnerToCheck(options), options.toolPath);
-    const LoadResult result = store.Load();
+    LoadResult result = store.Load();
+    if (result.errors.empty()) {
+        result.errors = WhatIsNotThere(options);
+    }
     for (const std::string& error : result.errors) {
         std::cout << error << "\n";
     }

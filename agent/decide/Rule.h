@@ -77,7 +77,7 @@ struct RuleSet {
 
 struct LoadResult {
     std::shared_ptr<const RuleSet> rules;  // null when there are errors
-    std::vector<std::string> errors;       // "FILE:LINE: sentence"
+    std::vector<std::string> errors;       // "FILE:LINE: sentence", or "FILE: sentence"
     std::vector<std::string> warnings;     // the same; the set is usable all the same
 };
 

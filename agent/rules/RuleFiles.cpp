@@ -77,17 +77,17 @@ void ListFiles(const std::string& directory, uid_t owner, std::map<std::string, 
     OwnedFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
     if (!fd) {
         if (errno != ENOENT) {
-            errors.push_back(directory + ":0: cannot be opened: " + Errno());
+            errors.push_back(directory + ": cannot be opened: " + Errno());
         }
         return;
     }
     if (const Check trusted = CheckTrust(fd.Get(), S_IFDIR, owner); !trusted) {
-        errors.push_back(directory + ":0: " + trusted.Reason());
+        errors.push_back(directory + ": " + trusted.Reason());
         return;
     }
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(fd.Get()), closedir);
     if (!stream) {
-        errors.push_back(directory + ":0: " + Errno());
+        errors.push_back(directory + ": " + Errno());
         return;
     }
     (void)fd.Release();  // the stream's
@@ -98,7 +98,7 @@ void ListFiles(const std::string& directory, uid_t owner, std::map<std::string, 
         }
     }
     if (errno != 0) {
-        errors.push_back(directory + ":0: cannot be listed: " + Errno());
+        errors.push_back(directory + ": cannot be listed: " + Errno());
     }
 }
 
@@ -139,7 +139,7 @@ LoadResult ParseRuleFiles(const RuleFiles& files, const Names& accounts) {
         if (file.error.empty()) {
             ReadRules(file.text, file.path, accounts, rules, result);
         } else {
-            result.errors.push_back(file.path + ":0: " + file.error);
+            result.errors.push_back(file.path + ": " + file.error);
         }
     }
     Finish(std::move(rules), result);

@@ -226,6 +226,20 @@ TEST_F(AgentTest, AToolThatIsNotThereIsAnswered10) {
               output.ReadLine(test::kLimit));
 }
 
+TEST_F(AgentTest, ACheckOfADirectoryThatIsNotThereFailsAndNamesIt) {
+    const std::string nowhere = rules.Folder() + "/nowhere";
+    for (const std::vector<std::string>& asked :
+         {std::vector<std::string>{"--check", nowhere}, {"--rules", nowhere, "--check"}}) {
+        const test::Finished checked = test::RunAgent(asked);
+        EXPECT_EQ(1, checked.exit);
+        EXPECT_EQ(nowhere + ": cannot be read: No such file or directory\n" +
+                      "the rules cannot be used\n",
+                  checked.output);
+    }
+    rules.Write("one.toml", "");
+    EXPECT_EQ(0, test::RunAgent({"--check", rules.Folder()}).exit);
+}
+
 TEST_F(AgentTest, AToolThatOthersMayWriteIsAnswered9AndNamedAtTheStart) {
     tools.Add("rmmod", ": > \"$DIR/ran\"");
     ASSERT_EQ(0, chmod(tools.File("rmmod").c_str(), 0777));

@@ -125,7 +125,7 @@ TEST_F(RuleLoaderTest, OneThatGoesInTheMiddleOfALoadLeavesNothing) {
 
 TEST(RuleSourceTest, PackingKeepsEverythingAndATextThatIsNotWholeIsNoSource) {
     RuleSource source = Source(2);
-    source.files.errors = {"/d:0: cannot be opened", ""};
+    source.files.errors = {"/d: cannot be opened", ""};
     source.files.files.push_back({"/g 1\n", std::string("\0 7 \xff", 5), "is a symbolic link"});
     source.accounts.groups["g"] = {std::nullopt, "Input/output error"};
     source.accounts.groups["max"] = {4294967295U, ""};
