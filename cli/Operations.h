@@ -12,6 +12,8 @@ struct Operation {
     const char* name;       // the command's
     const char* operation;  // its name on the bus
     const char* operands;   // for the usage line
+    const char* tool;       // whose words it takes
+    const char* example;    // words as somebody may type them
     int (*call)(const char* args, unsigned int length, int descriptor, int* result);
 };
 

@@ -16,6 +16,7 @@
 #include "Operations.h"
 #include "Outcome.h"
 #include "Quote.h"
+#include "Similar.h"
 #include "Trace.h"
 
 namespace {
@@ -25,6 +26,7 @@ const char kHelp[] =
     "       sentrel [OPTION]... raw OPERATION TEXT\n"
     "       sentrel [OPTION]... test OPERATION WORD...\n"
     "       sentrel [OPTION]... status | reload | mounts | doctor | errors | version\n"
+    "       sentrel help [OPERATION]\n"
     "Ask the agent to carry out an operation that needs root. The words are those of the standard\n"
     "tool; its output appears on standard output.\n"
     "\n"
@@ -38,7 +40,7 @@ const char kHelpEnd[] =
     "               are shown as \\xHH there\n"
     "  -q, --quiet  no messages about a failed operation or question\n"
     "  --trace      print the library's log on standard error\n"
-    "  --help       print this text and exit\n"
+    "  -h, --help   print this text and exit\n"
     "  --version    the same as version\n"
     "\n"
     "Exit status: the tool's own up to 124; 125 wrong usage, a failed exchange, or a tool's exit\n"
@@ -64,6 +66,39 @@ int UsageError(const std::string& text) {
     return cli::kUsage;
 }
 
+// Of an operation or, where the word may be one, of a command of our own.
+int UnknownName(const std::string& place, const std::string& name,
+                const std::vector<std::string>& names) {
+    const std::string meant = cli::Similar(name, names);
+    return UsageError(place + "no such operation: " + name +
+                      (meant.empty() ? "" : "; did you mean " + meant + "?"));
+}
+
+std::vector<std::string> OperationNames() {
+    std::vector<std::string> names;
+    for (const cli::Operation& operation : cli::Operations()) {
+        names.emplace_back(operation.name);
+    }
+    return names;
+}
+
+int PrintOperationHelp(const cli::Operation& operation) {
+    std::printf(
+        "Usage: sentrel [OPTION]... %s %s\n"
+        "The words are those of %s, as far as the agent's rules allow them:\n"
+        "  sentrel test %s %s    what the agent would decide, and why\n"
+        "  sentrel %s %s\n"
+        "\n"
+        "The options of sentrel itself: sentrel --help\n",
+        operation.name, operation.operands, operation.tool, operation.name, operation.example,
+        operation.name, operation.example);
+    return 0;
+}
+
+bool AsksForHelp(const std::vector<std::string>& words) {
+    return !words.empty() && (words[0] == "--help" || words[0] == "-h");
+}
+
 // What is done with an operation's text: cli::Carry or cli::AskTest.
 typedef int (*Use)(const cli::Operation&, const std::string&, const cli::Options&);
 
@@ -77,21 +112,21 @@ int Send(const cli::Operation& operation, const std::string& text, Use use,
     return use(operation, text, options);
 }
 
-int RunOperation(const std::string& name, const std::vector<std::string>& words, Use use,
+int RunOperation(const cli::Operation& operation, const std::vector<std::string>& words, Use use,
                  const cli::Options& options) {
-    const cli::Operation* operation = cli::FindOperation(name);
-    if (operation == nullptr) {
-        return UsageError("no such operation: " + name);
+    const std::string name = operation.name;
+    if (AsksForHelp(words)) {
+        return PrintOperationHelp(operation);
     }
     if (words.empty()) {
-        return UsageError("usage: sentrel " + name + " " + operation->operands);
+        return UsageError("usage: sentrel " + name + " " + operation.operands);
     }
     for (std::size_t i = 0; i < words.size(); ++i) {
         if (!cli::IsText(words[i])) {
             return UsageError(name + ": word " + std::to_string(i + 1) + " is not valid UTF-8");
         }
     }
-    return Send(*operation, cli::JoinQuoted(words), use, options);
+    return Send(operation, cli::JoinQuoted(words), use, options);
 }
 
 int RunRaw(const std::vector<std::string>& words, const cli::Options& options) {
@@ -100,7 +135,7 @@ int RunRaw(const std::vector<std::string>& words, const cli::Options& options) {
     }
     const cli::Operation* operation = cli::FindOperation(words[0]);
     if (operation == nullptr) {
-        return UsageError("raw: no such operation: " + words[0]);
+        return UnknownName("raw: ", words[0], OperationNames());
     }
     if (!cli::IsText(words[1])) {
         return UsageError("raw: the text is not valid UTF-8");
@@ -112,8 +147,14 @@ int RunTest(const std::vector<std::string>& words, const cli::Options& options) 
     if (words.empty()) {
         return UsageError("usage: sentrel test OPERATION WORD...");
     }
-    return RunOperation(words[0], {words.begin() + 1, words.end()}, cli::AskTest, options);
+    const cli::Operation* operation = cli::FindOperation(words[0]);
+    if (operation == nullptr) {
+        return UnknownName("", words[0], OperationNames());
+    }
+    return RunOperation(*operation, {words.begin() + 1, words.end()}, cli::AskTest, options);
 }
+
+int RunHelp(const std::vector<std::string>& words, const cli::Options& options);
 
 struct Command {
     const char* name;
@@ -131,6 +172,7 @@ const Command kCommands[] = {
     {"doctor", "look at each step of the way to the agent, and say what to do", nullptr,
      cli::Doctor},
     {"errors", "print the status codes and what they mean", nullptr, PrintErrors},
+    {"help", "print this text, or what an operation's words are", RunHelp, nullptr},
     {"version", "print the versions of the command and of the library's interface", nullptr,
      PrintVersion},
 };
@@ -157,20 +199,40 @@ const Command* FindCommand(const std::string& name) {
     return nullptr;
 }
 
+std::vector<std::string> AllNames() {
+    std::vector<std::string> names = OperationNames();
+    for (const Command& command : kCommands) {
+        names.emplace_back(command.name);
+    }
+    return names;
+}
+
+int RunHelp(const std::vector<std::string>& words, const cli::Options& /*options*/) {
+    if (words.size() > 1) {
+        return UsageError("usage: sentrel help [OPERATION]");
+    }
+    if (words.empty() || FindCommand(words[0]) != nullptr) {
+        return PrintHelp();
+    }
+    const cli::Operation* operation = cli::FindOperation(words[0]);
+    return operation == nullptr ? UnknownName("help: ", words[0], AllNames())
+                                : PrintOperationHelp(*operation);
+}
+
 // Reads options up to the first word that is none. An exit status when there is nothing more to do;
 // `place` begins the message about a wrong one.
 std::optional<int> ReadOptions(int argc, char** argv, const std::string& place,
                                cli::Options& read) {
-    enum { kJson = 1, kRaw, kTrace, kHelpAsked, kVersion };
+    enum { kJson = 1, kRaw, kTrace, kVersion };
     const option options[] = {{"json", no_argument, nullptr, kJson},
                               {"raw", no_argument, nullptr, kRaw},
                               {"quiet", no_argument, nullptr, 'q'},
                               {"trace", no_argument, nullptr, kTrace},
-                              {"help", no_argument, nullptr, kHelpAsked},
+                              {"help", no_argument, nullptr, 'h'},
                               {"version", no_argument, nullptr, kVersion},
                               {nullptr, 0, nullptr, 0}};
     // "+": what follows the operation belongs to the tool.
-    for (int found = 0; (found = getopt_long(argc, argv, "+q", options, nullptr)) != -1;) {
+    for (int found = 0; (found = getopt_long(argc, argv, "+hq", options, nullptr)) != -1;) {
         switch (found) {
             case kJson:
                 read.json = true;
@@ -184,7 +246,7 @@ std::optional<int> ReadOptions(int argc, char** argv, const std::string& place,
             case kTrace:
                 cli::SetTrace(true);
                 break;
-            case kHelpAsked:
+            case 'h':
                 return PrintHelp();
             case kVersion:
                 return PrintVersion(read);
@@ -227,7 +289,11 @@ int Run(int argc, char** argv) {
     if (command != nullptr) {
         return RunCommand(*command, argc, argv, options);
     }
-    return RunOperation(argv[0], {argv + 1, argv + argc}, cli::Carry, options);
+    const cli::Operation* operation = cli::FindOperation(argv[0]);
+    if (operation == nullptr) {
+        return UnknownName("", argv[0], AllNames());
+    }
+    return RunOperation(*operation, {argv + 1, argv + argc}, cli::Carry, options);
 }
 
 }  // namespace

@@ -292,6 +292,42 @@ TEST_F(CliTest, ErrorsVersionAndHelpNeedNoBus) {
     EXPECT_EQ(0, help.exit);
     EXPECT_TRUE(Holds(help.output, "mount-cifs"));
     EXPECT_EQ(help.output, RunCommand({"doctor", "--help"}).output);
+    EXPECT_EQ(help.output, RunCommand({"-h"}).output);
+    EXPECT_EQ(help.output, RunCommand({"help"}).output);
+    EXPECT_EQ(help.output, RunCommand({"help", "doctor"}).output);
+}
+
+TEST_F(CliTest, EachOperationHasAHelpWithAnExampleAndNothingOfItIsSent) {
+    bus.Stop();
+    for (const char* name : {"mount", "umount", "mount-cifs", "umount-cifs", "mknod", "insmod",
+                             "rmmod", "systemctl"}) {
+        const Finished help = RunCommand({name, "--help"});
+        EXPECT_EQ(0, help.exit);
+        EXPECT_EQ("", help.errors);
+        EXPECT_TRUE(Holds(help.output, "Usage: sentrel [OPTION]... " + std::string(name) + " "));
+        EXPECT_TRUE(Holds(help.output, "\n  sentrel " + std::string(name) + " "));
+        EXPECT_EQ(help.output, RunCommand({name, "-h"}).output);
+        EXPECT_EQ(help.output, RunCommand({"help", name}).output);
+        EXPECT_EQ(help.output, RunCommand({"test", name, "--help"}).output);
+    }
+    EXPECT_EQ(125, RunCommand({"help", "mount", "x"}).exit);
+}
+
+TEST_F(CliTest, AMistypedNameIsAnsweredWithTheOneThatWasMeant) {
+    bus.Stop();
+    const std::pair<std::vector<std::string>, const char*> mistyped[] = {
+        {{"mout", "/x"}, "sentrel: no such operation: mout; did you mean mount?\n"},
+        {{"dcotor"}, "sentrel: no such operation: dcotor; did you mean doctor?\n"},
+        {{"help", "mkond"}, "sentrel: help: no such operation: mkond; did you mean mknod?\n"},
+        {{"raw", "mount_cifs", "x"},
+         "sentrel: raw: no such operation: mount_cifs; did you mean mount-cifs?\n"},
+        {{"test", "rmod", "x"}, "sentrel: no such operation: rmod; did you mean rmmod?\n"},
+        {{"banana"}, "sentrel: no such operation: banana\n"}};
+    for (const auto& [words, message] : mistyped) {
+        const Finished finished = RunCommand(words);
+        EXPECT_EQ(125, finished.exit);
+        EXPECT_EQ(message + std::string("sentrel: see sentrel --help\n"), finished.errors);
+    }
 }
 
 TEST_F(CliTest, ErrorsAndVersionAreReadByPrograms) {

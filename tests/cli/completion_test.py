@@ -20,7 +20,7 @@ import tempfile
 
 LIMIT = 30  # seconds
 OPERATIONS = "mount umount mount-cifs umount-cifs mknod insmod rmmod systemctl".split()
-OTHERS = "raw test status reload mounts doctor errors version".split()
+OTHERS = "raw test status reload mounts doctor errors help version".split()
 
 CALL = r"""
 . "$1" || exit 9
@@ -62,7 +62,7 @@ def TheTablesAreThoseOfTheCommand(completion, program):
     assert sorted(named) == sorted(OPERATIONS + OTHERS), named
     helped = re.findall(r"^  (-[-a-z, ]*?)  ", text, re.M)
     options = [option for line in helped for option in line.split(", ")]
-    assert len(options) == 7, options
+    assert len(options) == 8, options
     assert sorted(run(completion, "-")) == sorted(options), options
 
 

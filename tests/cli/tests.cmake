@@ -11,7 +11,7 @@ set(agent ${CMAKE_SOURCE_DIR}/agent)
 sentrel_test(QuoteTest cli/QuoteTest.cpp ${agent}/base/Text.cpp ${agent}/parse/Words.cpp LIBRARY LABEL unit
   LIBS sentrel_cli_objects)
 target_include_directories(QuoteTest PRIVATE ${agent})
-foreach(name CliForProgramTest CliOutputTest CliTextTest CliToldTest DiagnosisTest)
+foreach(name CliForProgramTest CliOutputTest CliTextTest CliToldTest DiagnosisTest SimilarTest)
   sentrel_test(${name} cli/${name}.cpp bus/Listener.cpp LIBRARY LABEL unit
     LIBS sentrel_cli_objects)
 endforeach()
