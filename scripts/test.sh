@@ -94,12 +94,24 @@ check_format() {
 # In a shell of its own, since the sum is that of the whole pipe. Its lines say how far it is.
 check_tidy() (
     set -o pipefail
-    files=$(sources service/src agent cli | grep '\.cpp$')
+    # The large ones first, so that none of them is the last.
+    # shellcheck disable=SC2046
+    files=$(ls -S $(sources service/src agent cli | grep '\.cpp$'))
+    all=$(wc -l <<<"$files")
     # shellcheck disable=SC2016
     xargs -P "$jobs" -n 1 sh -c '
         clang-tidy --quiet -p build/asan "$1" && echo "looked at $1"' sh <<<"$files" 2>&1 |
-        awk -v all="$(wc -l <<<"$files")" '
-            sub(/^looked at /, "") { $0 = "[" ++n "/" all "] " $0 } { print; fflush() }'
+        {
+            n=0
+            # Line by line: an awk may wait for a whole buffer of them.
+            while IFS= read -r line; do
+                if [[ $line == "looked at "* ]]; then
+                    n=$((n + 1))
+                    line="[$n/$all] ${line#looked at }"
+                fi
+                printf '%s\n' "$line"
+            done
+        }
 )
 
 check_cppcheck() {
@@ -119,6 +131,9 @@ check_ran() {
     python3 -B tests/where.py ran tests/where.txt "$mode" "$logs" "${@/#/build/}"
 }
 
+# What a report of a sanitizer needs of debugging information, and no more: a fifth of a build's time.
+lines_only=(-DCMAKE_C_FLAGS_DEBUG=-g1 -DCMAKE_CXX_FLAGS_DEBUG=-g1)
+
 debug_stage() {
     count "debug build" debug.log configure_and_build debug || return
     run_tests debug
@@ -130,7 +145,7 @@ format_stage() { count "format" format.log check_format; }
 coverage_stage() {
     # Counts of an earlier run would add up.
     [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
-    count "coverage build" coverage.log configure_and_build coverage || return
+    count "coverage build" coverage.log configure_and_build coverage "${lines_only[@]}" || return
     run_tests coverage
     count "95 % of the library's lines are run" gcovr.log check_coverage
     grep '^lines:' "$logs/gcovr.log"
@@ -140,12 +155,13 @@ coverage_stage() {
 # include of its own is found.
 asan_stage() {
     count "address and undefined behaviour sanitizer build" asan.log configure_and_build asan \
-        -DCMAKE_C_FLAGS_DEBUG=-g1 -DCMAKE_CXX_FLAGS_DEBUG=-g1 &&
+        "${lines_only[@]}" &&
         UBSAN_OPTIONS=print_stacktrace=1 run_tests asan
 }
 
 tsan_stage() {
-    count "thread sanitizer build" tsan.log configure_and_build tsan -- threads_tests || return
+    count "thread sanitizer build" tsan.log configure_and_build tsan "${lines_only[@]}" -- \
+        threads_tests || return
     # The thread sanitizer cannot place its shadow where the kernel randomises addresses widely.
     if setarch -R true 2>/dev/null; then
         runner=(setarch -R)

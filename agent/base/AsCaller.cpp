@@ -91,8 +91,7 @@ private:
 
     // The change of ids took the death signal back. A parent that died in between has sent none.
     void DieAgain() const {
-        if (deathSignal != 0 &&
-            (prctl(PR_SET_PDEATHSIG, deathSignal) != 0 || getppid() != parent)) {
+        if (deathSignal != 0 && !DieWith(parent)) {
             _exit(1);
         }
     }

@@ -638,51 +638,41 @@ TEST_F(MainLoopTest, AWatchThatTakesAnothersResultAndMovesTakesThatOfItsNewDescr
     EXPECT_EQ((Journal{"mover on 4", "mover on 5"}), TurnAllReady());
 }
 
-TEST_F(MainLoopTest, AWatchThatMovesInANestedIterationTakesItsResultInTheOuterOne) {
-    bool nested = false;
-    Watch* mover = nullptr;
-    mover = AddWatch(3, [&] {
-        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
-        if (nested) {
-            mover->MoveTo(5);
-        }
-    });
-    Watch* nesting = nullptr;
-    nesting = AddWatch(4, [&] {
-        nested = true;
-        nesting->Enable(false);
-        test::onPoll = [](pollfd* slots, nfds_t count, int) {
-            return test::Results(slots, count, {POLLIN, 0});
-        };
-        loop->Dispatch();
-        nested = false;
-    });
-    AddWatch(5, "last");
-    EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
+// The handler of the watch on 4 runs an iteration of its own, in which 3 alone is ready and whose
+// watch moves to 5.
+class MovesInANestedIteration : public MainLoopTest {
+protected:
+    void Turn(const std::function<void()>& afterTheMove, const std::function<void()>& iteration) {
+        bool nested = false;
+        Watch* mover = nullptr;
+        mover = AddWatch(3, [&] {
+            journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
+            if (nested) {
+                mover->MoveTo(5);
+                afterTheMove();
+            }
+        });
+        Watch* nesting = nullptr;
+        nesting = AddWatch(4, [&] {
+            nested = true;
+            nesting->Enable(false);
+            test::onPoll = [](pollfd* slots, nfds_t count, int) {
+                return test::Results(slots, count, {POLLIN, 0});
+            };
+            iteration();
+            nested = false;
+        });
+        AddWatch(5, "last");
+        EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
+    }
+};
+
+TEST_F(MovesInANestedIteration, TakesItsResultInTheOuterOne) {
+    Turn([] {}, [this] { loop->Dispatch(); });
 }
 
-TEST_F(MainLoopTest, AWatchThatMovesAndThrowsInANestedIterationTakesItsResultInTheOuterOne) {
-    bool nested = false;
-    Watch* mover = nullptr;
-    mover = AddWatch(3, [&] {
-        journal.push_back("mover on " + std::to_string(mover->GetDescriptor()));
-        if (nested) {
-            mover->MoveTo(5);
-            throw std::string("out");
-        }
-    });
-    Watch* nesting = nullptr;
-    nesting = AddWatch(4, [&] {
-        nested = true;
-        nesting->Enable(false);
-        test::onPoll = [](pollfd* slots, nfds_t count, int) {
-            return test::Results(slots, count, {POLLIN, 0});
-        };
-        EXPECT_THROW(loop->Dispatch(), std::string);
-        nested = false;
-    });
-    AddWatch(5, "last");
-    EXPECT_EQ((Journal{"mover on 3", "mover on 3", "mover on 5"}), TurnAllReady());
+TEST_F(MovesInANestedIteration, TakesItsResultInTheOuterOneAlsoWhenItThrows) {
+    Turn([] { throw std::string("out"); }, [this] { EXPECT_THROW(loop->Dispatch(), std::string); });
 }
 
 // ---- nesting, threads, the end
